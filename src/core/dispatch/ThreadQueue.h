@@ -1,0 +1,49 @@
+#pragma once
+// A serial queue on its own thread: a task list plus a timer heap on the monotonic clock.
+#include <condition_variable>
+#include <mutex>
+#include <queue>
+#include <thread>
+#include <vector>
+
+#include "dispatch/DispatchQueue.h"
+
+namespace lumerix {
+
+class ThreadQueue final : public DispatchQueue {
+public:
+    explicit ThreadQueue(std::string label, std::shared_ptr<Clock> clock = systemClock());
+    // Stops the thread; tasks not yet run are dropped. Must not be called from the queue itself.
+    ~ThreadQueue() override;
+
+    void async(Task task) override;
+    TaskHandle after(double delayMs, Task task) override;
+    const Clock& clock() const override { return *clock_; }
+    // Runs the task on the queue and waits for it (not from the queue itself).
+    void sync(const Task& task);
+
+private:
+    struct Entry {
+        double due;
+        uint64_t seq;
+        TaskHandle handle;
+        Task task;
+    };
+    struct Later {
+        bool operator()(const Entry& a, const Entry& b) const {
+            return a.due != b.due ? a.due > b.due : a.seq > b.seq;
+        }
+    };
+    void loop();
+    double monotonicNow() const;
+
+    std::shared_ptr<Clock> clock_;
+    std::mutex mutex_;
+    std::condition_variable wake_;
+    std::priority_queue<Entry, std::vector<Entry>, Later> tasks_;
+    uint64_t seq_ = 0;
+    bool stopping_ = false;
+    std::thread thread_;
+};
+
+}  // namespace lumerix

@@ -1,0 +1,162 @@
+#pragma once
+// The one object through which the rest of the program sees receivers: owns the central, scans for
+// advertisements named "LX", keeps one QVLumerixItem per peripheral, decodes records, tracks the
+// closest receiver and reports to one delegate. Also the GATT connection-info read path.
+//
+// Threads: central callbacks arrive on the scan queue; advertisement processing, the closest-item
+// choice and item decay run on the serial evaluation queue; discovery and status notifications
+// hop to the main queue; state, closest-item and error notifications do not.
+#include <QHash>
+#include <QString>
+#include <atomic>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+
+#include "ble/BleCentral.h"
+#include "dispatch/DispatchQueue.h"
+#include "receiver/QVLumerixItem.h"
+
+namespace lumerix {
+
+// All optional: the default bodies do nothing.
+class LumerixHandler_Delegate {
+public:
+    virtual ~LumerixHandler_Delegate() = default;
+    virtual void lumerixStateDidChange(int state) {}
+    virtual void lumerixDidDiscoverItem(const QVLumerixItemRef& item) {}
+    virtual void lumerixClosestItemDidChange(const QVLumerixItemRef& item) {}
+    // lumerixItem:statusDidChange:
+    virtual void lumerixItem(const QVLumerixItemRef& item, int status) {}
+    virtual void lumerixOnError(int code) {}
+};
+
+// What a handler is built from; production and tests differ only here.
+struct HandlerEnvironment {
+    std::shared_ptr<Clock> clock = systemClock();
+    // The main thread's queue (the shell's); must outlive the handler.
+    DispatchQueue* mainQueue = nullptr;
+    // Makes the scan queue and the serial evaluation queue, given their labels.
+    std::function<std::unique_ptr<DispatchQueue>(const std::string& label)> makeQueue;
+    BleCentralFactory makeCentral;
+};
+
+class QVLumerixHandler final : public BleCentralDelegate,
+                               public BlePeripheralDelegate,
+                               public std::enable_shared_from_this<QVLumerixHandler> {
+public:
+    static constexpr const char* kScanQueueLabel = "com.zemko.Lumerix.scan";
+    static constexpr const char* kEvaluateQueueLabel = "com.zemko.Lumerix.evaluate";
+    static constexpr double kRescanIntervalMs = 15000.0;
+
+    // Plain construction (init).
+    static std::shared_ptr<QVLumerixHandler> create(HandlerEnvironment env);
+    // The process-wide instance, created on first use from the environment given beforehand.
+    static std::shared_ptr<QVLumerixHandler> sharedHandler();
+    static void setSharedEnvironment(HandlerEnvironment env);
+
+    explicit QVLumerixHandler(HandlerEnvironment env);
+    ~QVLumerixHandler() override;
+
+    // Scanning (main thread).
+    bool scanForLumerixService(bool start);
+    void rescan();
+    void clearScannedResult();
+
+    // Item table and closest item.
+    QVLumerixItemRef getItemByUUID(const QString& uuid);
+    void setItem(const QVLumerixItemRef& item, const QString& uuid);  // null removes
+    QVLumerixItemRef itemAtAddress(const QString& address);
+    void compareClosestItemWithItem(const QVLumerixItemRef& item);
+    bool hasClosestItem();
+    void resetClosestItem();
+    void resovleClosestLumerixItem();
+    static bool requiresBLEConnection() { return false; }
+
+    // Advertisement decoding.
+    void decrytLumerixItem(const QVLumerixItemRef& item, const std::optional<QByteArray>& manufacturerData);
+    void logDecryptedItem(const QVLumerixItemRef& item);
+
+    // Connection.
+    void connectAndResolveItem(const QVLumerixItemRef& item);
+    void disconnectCurrentItem();
+    // Not used by the application: opens a GATT connection to the item (tests, diagnostics).
+    void connectItemForTesting(const QVLumerixItemRef& item);
+
+    // GATT connection-info decoding.
+    void decrytLumerixHeader(const QVLumerixItemRef& item, const QByteArray& data);
+    void decrytLumerixData(const QVLumerixItemRef& item);
+
+    // Internal steps, public for tests.
+    QVLumerixItemRef discoverPeripheral(const BlePeripheralRef& peripheral, const AdvertisementData& data,
+                                        double rssi);
+    void triggerBLEStateDidChange(int state);
+    void triggerDidDiscoverItem(const QVLumerixItemRef& item);
+    void triggerItem(const QVLumerixItemRef& item, int status);  // triggerItem:statusDidChange:
+    void triggerOnError(int code);
+    void dispatchToMainThreadIfNeccessary(std::function<void()> block);
+    void lumerixItemDisappeared(const QVLumerixItemRef& item) {}
+
+    // BleCentralDelegate.
+    void centralManagerDidUpdateState(int state) override;
+    void centralManagerDidDiscoverPeripheral(const BlePeripheralRef& peripheral,
+                                            const AdvertisementData& advertisementData, double rssi) override;
+    void centralManagerDidConnectPeripheral(const BlePeripheralRef& peripheral) override;
+    void centralManagerDidFailToConnectPeripheral(const BlePeripheralRef& peripheral,
+                                                 const std::optional<BleError>& error) override;
+    void centralManagerDidDisconnectPeripheral(const BlePeripheralRef& peripheral,
+                                              const std::optional<BleError>& error) override;
+    // BlePeripheralDelegate.
+    void peripheralDidDiscoverServices(BlePeripheral& peripheral, const std::optional<BleError>& error) override;
+    void peripheralDidDiscoverCharacteristicsForService(BlePeripheral& peripheral, const BleServiceRef& service,
+                                                       const std::optional<BleError>& error) override;
+    void peripheralDidUpdateValueForCharacteristic(BlePeripheral& peripheral,
+                                                  const BleCharacteristicRef& characteristic,
+                                                  const std::optional<BleError>& error) override;
+    void peripheralDidReadRSSI(BlePeripheral& peripheral, double rssi,
+                               const std::optional<BleError>& error) override;
+
+    // Properties.
+    std::mutex& itemLock() { return itemLock_; }
+    int mCurrentState() const { return mCurrentState_.load(); }
+    DispatchQueue* scanningQueue() const { return scanningQueue_.get(); }
+    DispatchQueue* evaluatingQueue() const { return evaluatingQueue_.get(); }
+    BleCentral* cbCM() const { return cbCM_.get(); }
+    // A snapshot of the item table.
+    QHash<QString, QVLumerixItemRef> discoveredDeviceInfo();
+    QVLumerixItemRef closestPeer() const;
+    void setClosestPeer(const QVLumerixItemRef& item);
+    QVLumerixItemRef connectedPeer() const;
+    void setConnectedPeer(const QVLumerixItemRef& item);
+    LumerixHandler_Delegate* delegate() const { return delegate_.load(); }
+    void setDelegate(LumerixHandler_Delegate* delegate) { delegate_.store(delegate); }
+    bool autoDisconnectAfterResolve() const { return autoDisconnectAfterResolve_.load(); }
+    void setAutoDisconnectAfterResolve(bool v) { autoDisconnectAfterResolve_.store(v); }
+    bool continueScanAfterConnect() const { return continueScanAfterConnect_.load(); }
+    void setContinueScanAfterConnect(bool v) { continueScanAfterConnect_.store(v); }
+    const Clock& clock() const { return *env_.clock; }
+
+private:
+    void startScanning();  // scan with duplicates, then schedule the next rescan
+    void scheduleRescan();
+    void cancelRescan();
+
+    HandlerEnvironment env_;
+    std::mutex itemLock_;
+    std::unique_ptr<DispatchQueue> scanningQueue_;
+    std::unique_ptr<DispatchQueue> evaluatingQueue_;
+    std::unique_ptr<BleCentral> cbCM_;
+    QHash<QString, QVLumerixItemRef> discoveredDeviceInfo_;  // guarded by itemLock_
+    std::atomic<bool> autoDisconnectAfterResolve_{true};
+    std::atomic<LumerixHandler_Delegate*> delegate_{nullptr};
+    std::atomic<int> mCurrentState_{0};
+    std::atomic<bool> continueScanAfterConnect_{false};
+    mutable std::mutex peerMutex_;  // guards connectedPeer_ and closestPeer_
+    QVLumerixItemRef connectedPeer_;
+    QVLumerixItemRef closestPeer_;
+    std::mutex rescanMutex_;
+    TaskHandle rescanHandle_;
+};
+
+}  // namespace lumerix

@@ -1,0 +1,17 @@
+#pragma once
+// String-keyed dictionaries exchanged between the menu and the sender link.
+#include <QMap>
+#include <QString>
+
+namespace lumerix {
+
+// Connection-info dictionary: "IP", "DeviceName", "LoginCode", "WiFiSSID", "WiFiKey"; any may be absent.
+using ConnectionInfo = QMap<QString, QString>;
+// Receiver dictionary of a listed receiver: "UUID", "IP", "LoginCode", "Device"; any may be absent.
+using ReceiverDictionary = QMap<QString, QString>;
+
+inline constexpr quint16 kSenderDataPort = 19314;
+inline constexpr quint16 kSenderCommandPort = 19319;
+inline constexpr int kFrameBufferSize = 1024;
+
+}  // namespace lumerix

@@ -1,0 +1,17 @@
+#pragma once
+// Log lines to syslog (ident "lumerix"), mirrored to stderr when stderr is a terminal.
+#include "log/Log.h"
+
+namespace lumerix {
+
+class SyslogSink final : public LogSink {
+public:
+    SyslogSink();
+    ~SyslogSink() override;
+    void write(const QString& line) override;
+
+private:
+    bool mirror_;
+};
+
+}  // namespace lumerix
