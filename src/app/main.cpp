@@ -1,8 +1,12 @@
-#include <QCoreApplication>
-#include <cstdio>
+// lumerix: the tray utility by default; `--scan` runs the headless scan instead.
+#include <cstring>
+
+#include "app/ScanMode.h"
+#include "app/TrayApp.h"
 
 int main(int argc, char** argv) {
-    QCoreApplication app(argc, argv);
-    std::puts("lumerix: not wired up yet");
-    return 0;
+    for (int i = 1; i < argc; ++i) {
+        if (std::strcmp(argv[i], "--scan") == 0) return lumerix::runScanMode(argc, argv);
+    }
+    return lumerix::runTrayApp(argc, argv);
 }
