@@ -236,7 +236,8 @@ void SimulatedCentral::scanForPeripherals(bool allowDuplicates) {
         Log::logf("SimulatedCentral: scan requested while the adapter is not powered on");
         return;
     }
-    if (core_->scanning) return;
+    // Scanning again while scanning restarts the scan with the new option, as adapters do.
+    core_->cancelPlayers();
     core_->scanning = true;
     core_->allowDuplicates = allowDuplicates;
     ++core_->generation;
