@@ -232,16 +232,6 @@ TEST_F(ItemTest, UsableWithoutQueueOrDelegateOrPeripheral) {
     EXPECT_EQ(item->shortenedUUID()->size(), 36);
 }
 
-TEST_F(ItemTest, AdvertisementHistoryKeepsTheLastTen) {
-    for (int i = 0; i < 12; ++i) item->discoveredRssi(-50, ad(QByteArray::number(i, 16).rightJustified(2, '0')));
-    const auto list = item->advertisedDataList()->dump();
-    ASSERT_EQ(list.size(), 10u);
-    EXPECT_EQ(list.front().manufacturerData, QByteArray::fromHex("02"));
-    EXPECT_EQ(list.back().manufacturerData, QByteArray::fromHex("0b"));
-    item->clearAdvertisementDatas();
-    EXPECT_EQ(item->advertisedDataList()->count(), 0u);
-}
-
 TEST_F(ItemTest, ToStringText) {
     item->rssiQueue()->push(-61);
     item->rssiQueue()->push(-62.5);
