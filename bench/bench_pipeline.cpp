@@ -167,8 +167,12 @@ void BM_PipelineThreads(benchmark::State& state) {
         delegate.waitFor(sent);
     }
     state.SetItemsProcessed(static_cast<int64_t>(sent));
+    // Nothing in flight when the last owner lets go, so the teardown happens here.
     handler->setDelegate(nullptr);
+    dynamic_cast<ThreadQueue*>(handler->scanningQueue())->sync([] {});
+    dynamic_cast<ThreadQueue*>(handler->evaluatingQueue())->sync([] {});
     handler.reset();
+    main.sync([] {});
     Log::setSink(nullptr);
 }
 BENCHMARK(BM_PipelineThreads)->Arg(1)->Arg(10)->Arg(100)->UseRealTime()->Unit(benchmark::kMillisecond);

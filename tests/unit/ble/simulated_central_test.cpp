@@ -59,14 +59,15 @@ struct Rig {
 };
 
 TEST(SimulatedCentral, PlaysTheScenarioOnQueueTime) {
-    SimulatedReceiver a;
+    SimulatedReceiver a;  // heard at 250, 350, 450, 550; gone at 650
     a.name = QStringLiteral("Room A");
     a.ipv4 = {10, 0, 0, 5};
     a.intervalMs = 100;
     a.appearAtMs = 250;
     a.leaveAtMs = 650;
     a.rssiSequence = {-50, -60, -70};
-    SimulatedReceiver b;
+    a.companyId = 0x1234;
+    SimulatedReceiver b;  // two segments, every 300 ms
     b.name = QStringLiteral("ConferenceRoom-1North");
     b.intervalMs = 300;
     b.rssiFunction = [](uint64_t n, double t) { return -40.0 - static_cast<double>(n) - t / 1000.0; };
@@ -75,59 +76,39 @@ TEST(SimulatedCentral, PlaysTheScenarioOnQueueTime) {
 
     Rig rig(s);
     EXPECT_EQ(rig.listener.states, std::vector<int>{BleStatePoweredOn});
+    rig.central.scanForPeripherals(true);
     rig.time.advance(1000);
-    EXPECT_TRUE(rig.listener.heard.empty()) << "nothing is heard before scanning";
-
-    rig.central.scanForPeripherals(true);  // at 1000: A has left, B is mid-cycle
-    rig.time.advance(1000);
-    EXPECT_TRUE(rig.listener.from(SimulatedCentral::identifierForIndex(0)).empty());
-    const auto heardB = rig.listener.from(SimulatedCentral::identifierForIndex(1));
-    ASSERT_EQ(heardB.size(), 3u);  // 1200, 1500, 1800
-    EXPECT_EQ(heardB[0].atMs, 1200);
-    EXPECT_EQ(heardB[0].rssi, -40.0 - 4 - 1.2);
-    // Two segments alternate with the slot: even slots carry segment 1.
-    for (const auto& h : heardB) {
-        const QByteArray& rec = *h.data.manufacturerData;
-        const int slot = static_cast<int>((h.atMs) / 300);
-        EXPECT_EQ(static_cast<uint8_t>(rec[2]), slot % 2 == 0 ? 0x21 : 0x22);
-        EXPECT_EQ(plaintextOf(rec).mid(6), slot % 2 == 0 ? QByteArray("ConferenceRoom-1") : QByteArray("North"));
-        EXPECT_EQ(h.data.localName, QStringLiteral("LX"));
+    const auto heardA = rig.listener.from(SimulatedCentral::identifierForIndex(0));
+    ASSERT_EQ(heardA.size(), 4u);
+    const double rssis[] = {-50, -60, -70, -50};
+    for (size_t i = 0; i < heardA.size(); ++i) {
+        EXPECT_EQ(heardA[i].atMs, 250.0 + 100.0 * static_cast<double>(i));
+        EXPECT_EQ(heardA[i].rssi, rssis[i]);
     }
-    const auto heardPen = rig.listener.from(SimulatedCentral::identifierForIndex(2));
-    ASSERT_EQ(heardPen.size(), 3u);  // 1000, 1500, 2000
-    EXPECT_EQ(heardPen[0].data.localName, QStringLiteral("Pen"));
+    const QByteArray recA = *heardA[0].data.manufacturerData;
+    EXPECT_EQ(recA.left(3), QByteArray::fromHex("341211"));
+    EXPECT_EQ(plaintextOf(recA), QByteArray::fromHex("0a0000050c22") + QByteArray("Room A"));
 
+    // Restarted mid-cycle: B picks up at its next slot, segments alternating with the slot.
     rig.central.stopScan();
     rig.listener.heard.clear();
     rig.time.advance(5000);
     EXPECT_TRUE(rig.listener.heard.empty());
-}
-
-TEST(SimulatedCentral, SlotsFromAppearanceAndRecordContents) {
-    SimulatedReceiver a;
-    a.name = QStringLiteral("Room A");
-    a.ipv4 = {10, 0, 0, 5};
-    a.intervalMs = 100;
-    a.appearAtMs = 250;
-    a.leaveAtMs = 650;
-    a.rssiSequence = {-50, -60, -70};
-    a.companyId = 0x1234;
-    SimulatedScenario s;
-    s.receivers = {a};
-    Rig rig(s);
-    rig.central.scanForPeripherals(true);
-    rig.time.advance(2000);
-    const auto heard = rig.listener.heard;
-    ASSERT_EQ(heard.size(), 4u);
-    const double times[] = {250, 350, 450, 550};
-    const double rssis[] = {-50, -60, -70, -50};
-    for (size_t i = 0; i < heard.size(); ++i) {
-        EXPECT_EQ(heard[i].atMs, times[i]);
-        EXPECT_EQ(heard[i].rssi, rssis[i]);
+    rig.central.scanForPeripherals(true);  // at 6000
+    rig.time.advance(1000);
+    const auto heardB = rig.listener.from(SimulatedCentral::identifierForIndex(1));
+    ASSERT_EQ(heardB.size(), 4u);  // 6000, 6300, 6600, 6900
+    EXPECT_EQ(heardB[1].rssi, -40.0 - 21 - 6.3);
+    for (const auto& h : heardB) {
+        const QByteArray& rec = *h.data.manufacturerData;
+        const bool even = static_cast<int>(h.atMs / 300) % 2 == 0;
+        EXPECT_EQ(static_cast<uint8_t>(rec[2]), even ? 0x21 : 0x22);
+        EXPECT_EQ(plaintextOf(rec).mid(6), even ? QByteArray("ConferenceRoom-1") : QByteArray("North"));
     }
-    const QByteArray rec = *heard[0].data.manufacturerData;
-    EXPECT_EQ(rec.left(3), QByteArray::fromHex("341211"));
-    EXPECT_EQ(plaintextOf(rec), QByteArray::fromHex("0a0000050c22") + QByteArray("Room A"));
+    const auto heardPen = rig.listener.from(SimulatedCentral::identifierForIndex(2));
+    ASSERT_EQ(heardPen.size(), 3u);  // 6000, 6500, 7000
+    EXPECT_EQ(heardPen[0].data.localName, QStringLiteral("Pen"));
+    EXPECT_TRUE(rig.listener.from(SimulatedCentral::identifierForIndex(0)).empty());
 }
 
 TEST(SimulatedCentral, StateAndDuplicates) {
@@ -156,20 +137,6 @@ TEST(SimulatedCentral, StateAndDuplicates) {
     EXPECT_EQ(rig.listener.heard.size(), 12u);
     EXPECT_EQ(rig.listener.states, (std::vector<int>{BleStatePoweredOff, BleStatePoweredOn, BleStatePoweredOff}));
     EXPECT_EQ(rig.central.state(), BleStatePoweredOff);
-}
-
-TEST(SimulatedCentral, DemoScenarioIsPleasant) {
-    const SimulatedScenario demo = SimulatedScenario::demo();
-    int receivers = 0;
-    bool longName = false;
-    for (const auto& r : demo.receivers) {
-        if (r.localName != QStringLiteral("LX")) continue;
-        ++receivers;
-        longName = longName || r.name.toUtf8().size() > 16;
-    }
-    EXPECT_GE(receivers, 3);
-    EXPECT_LE(receivers, 4);
-    EXPECT_TRUE(longName);
 }
 
 }  // namespace

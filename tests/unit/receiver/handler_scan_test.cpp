@@ -159,6 +159,7 @@ TEST(HandlerScan, StartAndStop) {
     const std::vector<Case> cases{{"OffStart", BleStatePoweredOff, true, false, true, false},
                                   {"OffStop", BleStatePoweredOff, false, false, true, false},
                                   {"UnauthorizedStart", BleStateUnauthorized, true, false, true, false},
+                                  {"UnknownStart", BleStateUnknown, true, false, true, false},
                                   {"OnStart", BleStatePoweredOn, true, true, true, true},
                                   {"OnStop", BleStatePoweredOn, false, true, false, false}};
     for (const Case& c : cases) {
@@ -173,21 +174,6 @@ TEST(HandlerScan, StartAndStop) {
             EXPECT_EQ(h.handler->closestPeer(), nullptr) << c.label;
         }
     }
-}
-
-TEST(HandlerScan, BeforeTheFirstStateReportStartFails) {
-    HandlerHarness h;
-    auto fresh = QVLumerixHandler::create([&] {
-        HandlerEnvironment env;
-        env.clock = h.time;
-        env.mainQueue = &h.main;
-        env.makeQueue = [&](const std::string& label) { return std::make_unique<ManualQueue>(*h.time, label); };
-        env.makeCentral = simulatedCentralFactory({});
-        return env;
-    }());
-    EXPECT_FALSE(fresh->scanForLumerixService(true));
-    h.run();
-    EXPECT_TRUE(fresh->scanForLumerixService(true));
 }
 
 TEST(HandlerScan, RescanEveryFifteenSecondsUntilPowerGoesOff) {

@@ -20,11 +20,6 @@ public:
         ++discovered;
         changed.notify_all();
     }
-    void lumerixStateDidChange(int state) override {
-        std::lock_guard lock(mutex);
-        lastState = state;
-        changed.notify_all();
-    }
     template <typename Pred>
     bool waitFor(Pred pred) {
         std::unique_lock lock(mutex);
@@ -33,7 +28,6 @@ public:
     std::mutex mutex;
     std::condition_variable changed;
     int discovered = 0;
-    int lastState = 0;
 };
 
 struct ThreadRig {
@@ -44,7 +38,18 @@ struct ThreadRig {
         env.makeCentral = simulatedCentralFactory({});
         handler = QVLumerixHandler::create(std::move(env));
         handler->setDelegate(&delegate);
-        EXPECT_TRUE(delegate.waitFor([&] { return delegate.lastState == BleStatePoweredOn; }));
+        // The first state report was queued on the scan queue when the central was made.
+        dynamic_cast<ThreadQueue*>(handler->scanningQueue())->sync([] {});
+        EXPECT_EQ(handler->mCurrentState(), BleStatePoweredOn);
+    }
+    // As the shell does: no delegate, no work in flight, then let go; the main queue outlives it.
+    ~ThreadRig() {
+        if (!handler) return;
+        handler->setDelegate(nullptr);
+        dynamic_cast<ThreadQueue*>(handler->scanningQueue())->sync([] {});
+        dynamic_cast<ThreadQueue*>(handler->evaluatingQueue())->sync([] {});
+        handler.reset();
+        main.sync([] {});
     }
     SimulatedCentral& central() { return *dynamic_cast<SimulatedCentral*>(handler->cbCM()); }
 
@@ -90,7 +95,6 @@ TEST(HandlerThreads, ConcurrentAdvertisementsAndReaders) {
     });
     stopped.get_future().get();
     EXPECT_TRUE(rig.handler->discoveredDeviceInfo().isEmpty());
-    rig.handler->setDelegate(nullptr);
 }
 
 TEST(HandlerThreads, LastReferenceDroppedOnTheEvaluationQueue) {
