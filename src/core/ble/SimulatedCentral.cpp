@@ -3,6 +3,7 @@
 #include <QHash>
 #include <cmath>
 #include <numbers>
+#include <condition_variable>
 #include <mutex>
 
 #include "dispatch/DispatchQueue.h"
@@ -108,8 +109,10 @@ QString SimulatedCentral::identifierForIndex(size_t index) {
 }
 
 struct SimulatedCentral::Core : std::enable_shared_from_this<Core> {
-    // Recursive: a delegate may call back into the central from within a callback.
-    mutable std::recursive_mutex mutex;
+    // Guards the state below; never held while the delegate runs, so a delegate may call back in.
+    mutable std::mutex mutex;
+    std::condition_variable idle;
+    int callbacksRunning = 0;
     BleCentralDelegate* delegate = nullptr;  // null once the central is gone
     DispatchQueue* queue = nullptr;
     double origin = 0;
@@ -134,13 +137,24 @@ struct SimulatedCentral::Core : std::enable_shared_from_this<Core> {
         return p;
     }
 
+    // Runs `call` on the delegate with the lock released; the destructor waits for it to finish.
+    void callDelegate(std::unique_lock<std::mutex>& lock, const std::function<void(BleCentralDelegate&)>& call) {
+        BleCentralDelegate* d = delegate;
+        if (!d) return;
+        ++callbacksRunning;
+        lock.unlock();
+        call(*d);
+        lock.lock();
+        if (--callbacksRunning == 0) idle.notify_all();
+    }
+
     void report(std::function<void(BleCentralDelegate&)> call) {
         std::weak_ptr<Core> weak = weak_from_this();
         queue->async([weak, call = std::move(call)] {
             auto self = weak.lock();
             if (!self) return;
-            std::lock_guard lock(self->mutex);
-            if (self->delegate) call(*self->delegate);
+            std::unique_lock lock(self->mutex);
+            self->callDelegate(lock, call);
         });
     }
 
@@ -175,7 +189,7 @@ struct SimulatedCentral::Core : std::enable_shared_from_this<Core> {
     }
 
     void fire(size_t index, uint64_t slot, uint64_t gen) {
-        std::lock_guard lock(mutex);
+        std::unique_lock lock(mutex);
         if (!delegate || !scanning || gen != generation) return;
         Player& p = players[index];
         const AdvertisementData& ad = p.advertisements[slot % p.advertisements.size()];
@@ -184,7 +198,9 @@ struct SimulatedCentral::Core : std::enable_shared_from_this<Core> {
         if (!allowDuplicates && p.reportedThisScan) return;
         p.reportedThisScan = true;
         ++sent;
-        delegate->centralManagerDidDiscoverPeripheral(p.peripheral, ad, rssi);
+        // Players and their records are fixed after construction, so these stay valid unlocked.
+        const BlePeripheralRef& peripheral = p.peripheral;
+        callDelegate(lock, [&](BleCentralDelegate& d) { d.centralManagerDidDiscoverPeripheral(peripheral, ad, rssi); });
     }
 };
 
@@ -222,10 +238,12 @@ SimulatedCentral::SimulatedCentral(BleCentralDelegate* delegate, DispatchQueue* 
 }
 
 SimulatedCentral::~SimulatedCentral() {
-    std::lock_guard lock(core_->mutex);
+    std::unique_lock lock(core_->mutex);
     core_->delegate = nullptr;
     core_->scanning = false;
     core_->cancelPlayers();
+    // A callback already running on the queue finishes before its delegate may go away.
+    if (!core_->queue->isCurrent()) core_->idle.wait(lock, [&] { return core_->callbacksRunning == 0; });
 }
 
 int SimulatedCentral::state() const { return core_->state.load(); }
