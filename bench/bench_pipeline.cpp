@@ -65,7 +65,8 @@ SimulatedScenario scenarioOf(int receivers) {
     SimulatedScenario s;
     for (int i = 0; i < receivers; ++i) {
         SimulatedReceiver r;
-        r.name = i % 3 == 0 ? QStringLiteral("Conference Room %1 North Wing").arg(i) : QStringLiteral("Room %1").arg(i);
+        r.name = i % 3 == 0 ? QStringLiteral("Conference Room %1 North Wing").arg(i)
+                            : QStringLiteral("Room %1").arg(i);
         r.ipv4 = {10, 0, static_cast<uint8_t>(i / 250), static_cast<uint8_t>(i % 250 + 1)};
         r.rssiSequence = {-50.0 - i % 40, -52.0 - i % 40, -49.0 - i % 40};
         r.intervalMs = 100;
@@ -81,7 +82,9 @@ struct VirtualRig {
         HandlerEnvironment env;
         env.clock = time;
         env.mainQueue = &main;
-        env.makeQueue = [this](const std::string& label) { return std::make_unique<ManualQueue>(*time, label); };
+        env.makeQueue = [this](const std::string& label) {
+            return std::make_unique<ManualQueue>(*time, label);
+        };
         env.makeCentral = simulatedCentralFactory(scenarioOf(receivers));
         handler = QVLumerixHandler::create(std::move(env));
         handler->setDelegate(&delegate);
@@ -101,13 +104,13 @@ struct VirtualRig {
 
 void BM_DecodeRecord(benchmark::State& state) {
     VirtualRig rig(0);
-    auto item = QVLumerixItem::initWithPeripheral(
-        dynamic_cast<SimulatedCentral*>(rig.handler->cbCM())->peripheral(SimulatedCentral::identifierForIndex(0)),
-        rig.time);
+    auto item = QVLumerixItem::initWithPeripheral(dynamic_cast<SimulatedCentral*>(rig.handler->cbCM())
+                                                      ->peripheral(SimulatedCentral::identifierForIndex(0)),
+                                                  rig.time);
     const bool twoSegments = state.range(0) == 2;
-    const QByteArray first = twoSegments
-                                 ? makeLumerixRecord(kSegmentFirstOfTwo, {10, 0, 0, 5}, 12, 34, "ConferenceRoom-1")
-                                 : makeLumerixRecord(kSegmentSingle, {10, 0, 0, 5}, 12, 34, "Room A");
+    const QByteArray first =
+        twoSegments ? makeLumerixRecord(kSegmentFirstOfTwo, {10, 0, 0, 5}, 12, 34, "ConferenceRoom-1")
+                    : makeLumerixRecord(kSegmentSingle, {10, 0, 0, 5}, 12, 34, "Room A");
     const QByteArray second =
         twoSegments ? makeLumerixRecord(kSegmentSecondOfTwo, {10, 0, 0, 5}, 12, 34, "North") : first;
     uint64_t n = 0;
@@ -154,8 +157,9 @@ void BM_PipelineThreads(benchmark::State& state) {
     std::vector<AdvertisementData> ads;
     for (int i = 0; i < receivers; ++i) {
         ids.push_back(SimulatedCentral::identifierForIndex(static_cast<size_t>(i)));
-        ads.push_back({QStringLiteral("LX"), makeLumerixRecord(kSegmentSingle, {10, 0, 0, static_cast<uint8_t>(i)}, 1,
-                                                               2, QByteArray("Room ") + QByteArray::number(i))});
+        ads.push_back(
+            {QStringLiteral("LX"), makeLumerixRecord(kSegmentSingle, {10, 0, 0, static_cast<uint8_t>(i)}, 1,
+                                                     2, QByteArray("Room ") + QByteArray::number(i))});
     }
     uint64_t sent = 0;
     for (auto _ : state) {

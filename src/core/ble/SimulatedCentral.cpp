@@ -2,9 +2,9 @@
 
 #include <QHash>
 #include <cmath>
-#include <numbers>
 #include <condition_variable>
 #include <mutex>
+#include <numbers>
 
 #include "dispatch/DispatchQueue.h"
 #include "log/Log.h"
@@ -15,7 +15,8 @@ namespace {
 
 class SimulatedPeripheral final : public BlePeripheral {
 public:
-    SimulatedPeripheral(QString identifier, QString name) : identifier_(std::move(identifier)), name_(std::move(name)) {}
+    SimulatedPeripheral(QString identifier, QString name)
+        : identifier_(std::move(identifier)), name_(std::move(name)) {}
     QString identifier() const override { return identifier_; }
     QString name() const override { return name_; }
     void setDelegate(BlePeripheralDelegate* delegate) override { delegate_.store(delegate); }
@@ -60,7 +61,9 @@ SimulatedReceiver SimulatedReceiver::otherDevice(const QString& localName, doubl
 
 SimulatedScenario SimulatedScenario::demo() {
     auto wave = [](double base, double amplitude, double periodMs) {
-        return [=](uint64_t, double t) { return std::round(base + amplitude * std::sin(2 * std::numbers::pi * t / periodMs)); };
+        return [=](uint64_t, double t) {
+            return std::round(base + amplitude * std::sin(2 * std::numbers::pi * t / periodMs));
+        };
     };
     SimulatedScenario s;
     SimulatedReceiver huddle;
@@ -105,7 +108,9 @@ SimulatedScenario SimulatedScenario::demo() {
 }
 
 QString SimulatedCentral::identifierForIndex(size_t index) {
-    return QStringLiteral("00000000-0000-0000-0000-%1").arg(static_cast<qulonglong>(index + 1), 12, 16, QLatin1Char('0')).toUpper();
+    return QStringLiteral("00000000-0000-0000-0000-%1")
+        .arg(static_cast<qulonglong>(index + 1), 12, 16, QLatin1Char('0'))
+        .toUpper();
 }
 
 struct SimulatedCentral::Core : std::enable_shared_from_this<Core> {
@@ -138,7 +143,8 @@ struct SimulatedCentral::Core : std::enable_shared_from_this<Core> {
     }
 
     // Runs `call` on the delegate with the lock released; the destructor waits for it to finish.
-    void callDelegate(std::unique_lock<std::mutex>& lock, const std::function<void(BleCentralDelegate&)>& call) {
+    void callDelegate(std::unique_lock<std::mutex>& lock,
+                      const std::function<void(BleCentralDelegate&)>& call) {
         BleCentralDelegate* d = delegate;
         if (!d) return;
         ++callbacksRunning;
@@ -183,7 +189,8 @@ struct SimulatedCentral::Core : std::enable_shared_from_this<Core> {
             players[i].reportedThisScan = false;
             const SimulatedReceiver& r = players[i].spec;
             uint64_t slot = 0;
-            if (now > r.appearAtMs) slot = static_cast<uint64_t>(std::ceil((now - r.appearAtMs) / r.intervalMs));
+            if (now > r.appearAtMs)
+                slot = static_cast<uint64_t>(std::ceil((now - r.appearAtMs) / r.intervalMs));
             schedule(i, slot);
         }
     }
@@ -200,12 +207,14 @@ struct SimulatedCentral::Core : std::enable_shared_from_this<Core> {
         ++sent;
         // Players and their records are fixed after construction, so these stay valid unlocked.
         const BlePeripheralRef& peripheral = p.peripheral;
-        callDelegate(lock, [&](BleCentralDelegate& d) { d.centralManagerDidDiscoverPeripheral(peripheral, ad, rssi); });
+        callDelegate(lock, [&](BleCentralDelegate& d) {
+            d.centralManagerDidDiscoverPeripheral(peripheral, ad, rssi);
+        });
     }
 };
 
-SimulatedCentral::SimulatedCentral(BleCentralDelegate* delegate, DispatchQueue* queue, SimulatedScenario scenario,
-                                   int initialState)
+SimulatedCentral::SimulatedCentral(BleCentralDelegate* delegate, DispatchQueue* queue,
+                                   SimulatedScenario scenario, int initialState)
     : core_(std::make_shared<Core>()) {
     core_->delegate = delegate;
     core_->queue = queue;
@@ -222,8 +231,9 @@ SimulatedCentral::SimulatedCentral(BleCentralDelegate* delegate, DispatchQueue* 
         } else {
             const NameSegments segments = splitReceiverName(p.spec.name);
             auto record = [&](uint8_t segmentByte, const QByteArray& bytes) {
-                return AdvertisementData{p.spec.localName, makeLumerixRecord(segmentByte, p.spec.ipv4, p.spec.code1,
-                                                                             p.spec.code2, bytes, p.spec.companyId)};
+                return AdvertisementData{
+                    p.spec.localName, makeLumerixRecord(segmentByte, p.spec.ipv4, p.spec.code1, p.spec.code2,
+                                                        bytes, p.spec.companyId)};
             };
             if (segments.twoSegments()) {
                 p.advertisements.push_back(record(kSegmentFirstOfTwo, segments.first));
@@ -282,8 +292,9 @@ void SimulatedCentral::cancelPeripheralConnection(const BlePeripheralRef& periph
         std::lock_guard lock(core_->mutex);
         core_->cancelled.push_back(peripheral->identifier());
     }
-    core_->report(
-        [peripheral](BleCentralDelegate& d) { d.centralManagerDidDisconnectPeripheral(peripheral, std::nullopt); });
+    core_->report([peripheral](BleCentralDelegate& d) {
+        d.centralManagerDidDisconnectPeripheral(peripheral, std::nullopt);
+    });
 }
 
 void SimulatedCentral::setState(int state) {
@@ -297,11 +308,13 @@ void SimulatedCentral::setState(int state) {
     core_->report([state](BleCentralDelegate& d) { d.centralManagerDidUpdateState(state); });
 }
 
-void SimulatedCentral::injectAdvertisement(const QString& identifier, const AdvertisementData& data, double rssi) {
+void SimulatedCentral::injectAdvertisement(const QString& identifier, const AdvertisementData& data,
+                                           double rssi) {
     std::lock_guard lock(core_->mutex);
     BlePeripheralRef p = core_->peripheralFor(identifier, data.localName.value_or(QString()));
     ++core_->sent;
-    core_->report([p, data, rssi](BleCentralDelegate& d) { d.centralManagerDidDiscoverPeripheral(p, data, rssi); });
+    core_->report(
+        [p, data, rssi](BleCentralDelegate& d) { d.centralManagerDidDiscoverPeripheral(p, data, rssi); });
 }
 
 bool SimulatedCentral::isScanning() const {
@@ -335,9 +348,10 @@ BlePeripheralRef SimulatedCentral::peripheral(const QString& identifier) {
 }
 
 BleCentralFactory simulatedCentralFactory(SimulatedScenario scenario, int initialState) {
-    return [scenario = std::move(scenario), initialState](BleCentralDelegate* delegate, DispatchQueue* queue) {
-        return std::make_unique<SimulatedCentral>(delegate, queue, scenario, initialState);
-    };
+    return
+        [scenario = std::move(scenario), initialState](BleCentralDelegate* delegate, DispatchQueue* queue) {
+            return std::make_unique<SimulatedCentral>(delegate, queue, scenario, initialState);
+        };
 }
 
 }  // namespace lumerix

@@ -23,7 +23,7 @@ public:
     explicit Listener(const Clock& clock) : clock_(clock) {}
     void centralManagerDidUpdateState(int state) override { states.push_back(state); }
     void centralManagerDidDiscoverPeripheral(const BlePeripheralRef& p, const AdvertisementData& data,
-                                            double rssi) override {
+                                             double rssi) override {
         EXPECT_EQ(DispatchQueue::current()->label(), "scan");
         heard.push_back({clock_.monotonicMs(), p->identifier(), data, rssi});
     }
@@ -135,7 +135,8 @@ TEST(SimulatedCentral, StateAndDuplicates) {
     rig.time.advance(1000);
     EXPECT_FALSE(rig.central.isScanning());
     EXPECT_EQ(rig.listener.heard.size(), 12u);
-    EXPECT_EQ(rig.listener.states, (std::vector<int>{BleStatePoweredOff, BleStatePoweredOn, BleStatePoweredOff}));
+    EXPECT_EQ(rig.listener.states,
+              (std::vector<int>{BleStatePoweredOff, BleStatePoweredOn, BleStatePoweredOff}));
     EXPECT_EQ(rig.central.state(), BleStatePoweredOff);
 }
 

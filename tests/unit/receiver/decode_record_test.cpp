@@ -52,16 +52,24 @@ const std::array<uint8_t, 4> kIp{10, 0, 0, 5};
 INSTANTIATE_TEST_SUITE_P(
     Decoder, DecodeRecords,
     ::testing::Values(
-        DecodeCase{"OneSegment", {{0x11, kIp, 12, 34, "Room A"}}, {QStringLiteral("Room A")}, QStringLiteral("10.0.0.5"),
-                   QStringLiteral("1234"), {2}},
+        DecodeCase{"OneSegment",
+                   {{0x11, kIp, 12, 34, "Room A"}},
+                   {QStringLiteral("Room A")},
+                   QStringLiteral("10.0.0.5"),
+                   QStringLiteral("1234"),
+                   {2}},
         DecodeCase{"FirstSegmentFirst",
                    {{0x21, kIp, 12, 34, "ConferenceRoom-1"}, {0x22, kIp, 12, 34, "North"}},
                    {QStringLiteral("ConferenceRoom-1..."), QStringLiteral("ConferenceRoom-1North")},
-                   QStringLiteral("10.0.0.5"), QStringLiteral("1234"), {2, 3}},
+                   QStringLiteral("10.0.0.5"),
+                   QStringLiteral("1234"),
+                   {2, 3}},
         DecodeCase{"SecondSegmentFirst",
                    {{0x22, kIp, 12, 34, "North"}, {0x21, kIp, 12, 34, "ConferenceRoom-1"}},
-                   {QStringLiteral("...North"), QStringLiteral("ConferenceRoom-1North")}, QStringLiteral("10.0.0.5"),
-                   QStringLiteral("1234"), {2, 3}},
+                   {QStringLiteral("...North"), QStringLiteral("ConferenceRoom-1North")},
+                   QStringLiteral("10.0.0.5"),
+                   QStringLiteral("1234"),
+                   {2, 3}},
         // A shorter second segment hides the stale tail of an earlier, longer one.
         DecodeCase{"ShorterSecondSegmentLater",
                    {{0x21, kIp, 1, 2, "ConferenceRoom-1"},
@@ -69,35 +77,62 @@ INSTANTIATE_TEST_SUITE_P(
                     {0x22, kIp, 1, 2, "East"}},
                    {QStringLiteral("ConferenceRoom-1..."), QStringLiteral("ConferenceRoom-1NorthWing"),
                     QStringLiteral("ConferenceRoom-1East")},
-                   QStringLiteral("10.0.0.5"), QStringLiteral("0102"), {2, 3, 3}},
+                   QStringLiteral("10.0.0.5"),
+                   QStringLiteral("0102"),
+                   {2, 3, 3}},
         // Back to one segment: the pair bits are forgotten.
-        DecodeCase{"TwoSegmentsThenOne",
-                   {{0x21, kIp, 1, 2, "ConferenceRoom-1"}, {0x22, kIp, 1, 2, "North"}, {0x11, kIp, 1, 2, "Lobby"}},
-                   {QStringLiteral("ConferenceRoom-1..."), QStringLiteral("ConferenceRoom-1North"),
-                    QStringLiteral("Lobby")},
-                   QStringLiteral("10.0.0.5"), QStringLiteral("0102"), {2, 3, 3}},
+        DecodeCase{
+            "TwoSegmentsThenOne",
+            {{0x21, kIp, 1, 2, "ConferenceRoom-1"}, {0x22, kIp, 1, 2, "North"}, {0x11, kIp, 1, 2, "Lobby"}},
+            {QStringLiteral("ConferenceRoom-1..."), QStringLiteral("ConferenceRoom-1North"),
+             QStringLiteral("Lobby")},
+            QStringLiteral("10.0.0.5"),
+            QStringLiteral("0102"),
+            {2, 3, 3}},
         // Count nibble 1 with index 2 writes no name and keeps the current one; the address still moves.
         DecodeCase{"IndexTwoOfOne",
                    {{0x11, kIp, 12, 34, "Room A"}, {0x12, {10, 0, 0, 9}, 12, 34, "Other"}},
-                   {QStringLiteral("Room A"), QStringLiteral("Room A")}, QStringLiteral("10.0.0.9"),
-                   QStringLiteral("1234"), {2}},
-        DecodeCase{"IndexTwoOfOneOnNewItem", {{0x12, kIp, 12, 34, "Other"}}, {kNone}, QStringLiteral("10.0.0.5"),
-                   QStringLiteral("1234"), {2}},
+                   {QStringLiteral("Room A"), QStringLiteral("Room A")},
+                   QStringLiteral("10.0.0.9"),
+                   QStringLiteral("1234"),
+                   {2}},
+        DecodeCase{"IndexTwoOfOneOnNewItem",
+                   {{0x12, kIp, 12, 34, "Other"}},
+                   {kNone},
+                   QStringLiteral("10.0.0.5"),
+                   QStringLiteral("1234"),
+                   {2}},
         DecodeCase{"CaseOnlyRename",
                    {{0x11, kIp, 12, 34, "Room A"}, {0x11, kIp, 12, 34, "ROOM a"}},
-                   {QStringLiteral("Room A"), QStringLiteral("Room A")}, QStringLiteral("10.0.0.5"),
-                   QStringLiteral("1234"), {2}},
+                   {QStringLiteral("Room A"), QStringLiteral("Room A")},
+                   QStringLiteral("10.0.0.5"),
+                   QStringLiteral("1234"),
+                   {2}},
         DecodeCase{"Rename",
                    {{0x11, kIp, 12, 34, "Room A"}, {0x11, kIp, 12, 34, "Room B"}},
-                   {QStringLiteral("Room A"), QStringLiteral("Room B")}, QStringLiteral("10.0.0.5"),
-                   QStringLiteral("1234"), {2, 3}},
+                   {QStringLiteral("Room A"), QStringLiteral("Room B")},
+                   QStringLiteral("10.0.0.5"),
+                   QStringLiteral("1234"),
+                   {2, 3}},
         // Nine bytes: six of plaintext, no name bytes.
-        DecodeCase{"NineBytes", {{0x11, kIp, 12, 34, ""}}, {QString()}, QStringLiteral("10.0.0.5"),
-                   QStringLiteral("1234"), {2}},
-        DecodeCase{"WideCodeBytes", {{0x11, {255, 255, 255, 255}, 100, 255, "X"}}, {QStringLiteral("X")},
-                   QStringLiteral("255.255.255.255"), QStringLiteral("100255"), {2}},
-        DecodeCase{"LongSegmentOneIsCut", {{0x11, kIp, 0, 7, "A name that is far too long"}},
-                   {QStringLiteral("A name that is f")}, QStringLiteral("10.0.0.5"), QStringLiteral("0007"), {2}}),
+        DecodeCase{"NineBytes",
+                   {{0x11, kIp, 12, 34, ""}},
+                   {QString()},
+                   QStringLiteral("10.0.0.5"),
+                   QStringLiteral("1234"),
+                   {2}},
+        DecodeCase{"WideCodeBytes",
+                   {{0x11, {255, 255, 255, 255}, 100, 255, "X"}},
+                   {QStringLiteral("X")},
+                   QStringLiteral("255.255.255.255"),
+                   QStringLiteral("100255"),
+                   {2}},
+        DecodeCase{"LongSegmentOneIsCut",
+                   {{0x11, kIp, 0, 7, "A name that is far too long"}},
+                   {QStringLiteral("A name that is f")},
+                   QStringLiteral("10.0.0.5"),
+                   QStringLiteral("0007"),
+                   {2}}),
     [](const auto& info) { return std::string(info.param.label); });
 
 TEST(Decoder, ShortRecords) {
@@ -142,14 +177,17 @@ TEST(Decoder, OversizedRecordStaysInBounds) {
         EXPECT_EQ(item->ipAddress().value_or(kNone), QStringLiteral("10.0.0.5")) << extra;
         const LumerixStructV2 v = item->lumerixV2();
         EXPECT_EQ(v.receiverName[47], '\0') << extra;
-        EXPECT_EQ(item->receiverName().value_or(kNone), QString(16, QLatin1Char('N')) + QString(31, QLatin1Char('N')));
+        EXPECT_EQ(item->receiverName().value_or(kNone),
+                  QString(16, QLatin1Char('N')) + QString(31, QLatin1Char('N')));
     }
 }
 
 TEST(Decoder, InvalidUtf8KeepsTheName) {
     HandlerHarness h;
     auto item = h.looseItem();
-    h.handler->decrytLumerixItem(item, makeLumerixRecord(0x11, kIp, 1, 2, QByteArray("Caf\xC3\xFF" "e")));
+    h.handler->decrytLumerixItem(item, makeLumerixRecord(0x11, kIp, 1, 2,
+                                                         QByteArray("Caf\xC3\xFF"
+                                                                    "e")));
     const QString name = item->receiverName().value_or(kNone);
     EXPECT_TRUE(name.startsWith(QStringLiteral("Caf")));
     EXPECT_TRUE(name.endsWith(QLatin1Char('e')));

@@ -3,9 +3,9 @@
 
 #include <QByteArray>
 #include <QTemporaryFile>
-#include <optional>
 #include <cstdio>
 #include <cstdlib>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -24,9 +24,11 @@ std::vector<uint8_t> pattern(int n, uint8_t seed) {
 std::vector<uint8_t> run(bool encrypt, const uint8_t* key, const std::vector<uint8_t>& in) {
     std::vector<uint8_t> out(in.size() + 8, 0xEE);  // guard bytes catch over-long writes
     const auto n = static_cast<int32_t>(in.size());
-    const int r = encrypt ? DESEncrypt(key, in.data(), n, out.data()) : DESDecrypt(key, in.data(), n, out.data());
+    const int r =
+        encrypt ? DESEncrypt(key, in.data(), n, out.data()) : DESDecrypt(key, in.data(), n, out.data());
     EXPECT_EQ(r, n);
-    for (size_t i = in.size(); i < out.size(); ++i) EXPECT_EQ(out[i], 0xEE) << "wrote past the output at " << i;
+    for (size_t i = in.size(); i < out.size(); ++i)
+        EXPECT_EQ(out[i], 0xEE) << "wrote past the output at " << i;
     out.resize(in.size());
     return out;
 }
@@ -60,7 +62,8 @@ TEST(DesCfb, StatelessAndParityBlind) {
 
     // A prefix of the plaintext gives a prefix of the ciphertext (no padding in CFB).
     const std::vector<uint8_t> head(plain.begin(), plain.begin() + 13);
-    EXPECT_EQ(run(true, kLumerixAdvertisementKey, head), std::vector<uint8_t>(first.begin(), first.begin() + 13));
+    EXPECT_EQ(run(true, kLumerixAdvertisementKey, head),
+              std::vector<uint8_t>(first.begin(), first.begin() + 13));
 
     EXPECT_EQ(DESDecrypt(kLumerixAdvertisementKey, plain.data(), -1, nullptr), -1);
 }

@@ -26,8 +26,12 @@ class RecordingDelegate final : public LumerixHandler_Delegate {
 public:
     void lumerixStateDidChange(int state) override { add({"state", nullptr, state, here()}); }
     void lumerixDidDiscoverItem(const QVLumerixItemRef& item) override { add({"discover", item, 0, here()}); }
-    void lumerixClosestItemDidChange(const QVLumerixItemRef& item) override { add({"closest", item, 0, here()}); }
-    void lumerixItem(const QVLumerixItemRef& item, int status) override { add({"status", item, status, here()}); }
+    void lumerixClosestItemDidChange(const QVLumerixItemRef& item) override {
+        add({"closest", item, 0, here()});
+    }
+    void lumerixItem(const QVLumerixItemRef& item, int status) override {
+        add({"status", item, status, here()});
+    }
     void lumerixOnError(int code) override { add({"error", nullptr, code, here()}); }
 
     std::vector<DelegateEvent> events(const std::string& kind = {}) const {

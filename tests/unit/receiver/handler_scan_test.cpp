@@ -17,10 +17,14 @@ TEST(HandlerFilter, OnlyTheExactLocalNameLX) {
         std::optional<QString> name;
         bool accepted;
     };
-    const std::vector<Case> cases{{QStringLiteral("LX"), true},   {QStringLiteral("lx"), false},
-                                  {QStringLiteral("Lx"), false},  {QStringLiteral("LXX"), false},
-                                  {QStringLiteral("LX "), false}, {QStringLiteral("XLX"), false},
-                                  {QString(), false},             {std::nullopt, false}};
+    const std::vector<Case> cases{{QStringLiteral("LX"), true},
+                                  {QStringLiteral("lx"), false},
+                                  {QStringLiteral("Lx"), false},
+                                  {QStringLiteral("LXX"), false},
+                                  {QStringLiteral("LX "), false},
+                                  {QStringLiteral("XLX"), false},
+                                  {QString(), false},
+                                  {std::nullopt, false}};
     HandlerHarness h;
     for (size_t i = 0; i < cases.size(); ++i) {
         h.delegate.clear();
@@ -47,7 +51,8 @@ TEST(HandlerFilter, NoManufacturerDataStillMakesAnItem) {
 TEST(HandlerTable, OneItemPerIdentifierKeepingTheLastTenAdvertisements) {
     HandlerHarness h;
     for (int i = 0; i < 12; ++i) {
-        const QByteArray rec = makeLumerixRecord(kSegmentSingle, {10, 0, 0, static_cast<uint8_t>(i)}, 1, 2, "Room");
+        const QByteArray rec =
+            makeLumerixRecord(kSegmentSingle, {10, 0, 0, static_cast<uint8_t>(i)}, 1, 2, "Room");
         h.advertise(deviceId(7), -40 - i, rec);
     }
     h.advertise(deviceId(7), 127, kRoomA);  // "no reading": kept as an advertisement, not as a sample
@@ -118,15 +123,16 @@ const double kNaN = std::numeric_limits<double>::quiet_NaN();
 
 INSTANTIATE_TEST_SUITE_P(
     Handler, ClosestRule,
-    ::testing::Values(ClosestCase{"FirstValid", {{1, -80}}, {1}},
-                      ClosestCase{"TieGoesToNewcomer", {{1, -60}, {2, -60}}, {1, 2}},
-                      ClosestCase{"WeakerLoses", {{1, -60}, {2, -61}}, {1}},
-                      ClosestCase{"StrongerWins", {{1, -60}, {2, -59}}, {1, 2}},
-                      ClosestCase{"SameItemNotAgain", {{1, -60}, {1, -40}, {1, -90}}, {1}},
-                      ClosestCase{"TakingTurns", {{1, -60}, {2, -60}, {1, -60}, {2, -60}}, {1, 2, 1, 2}},
-                      ClosestCase{"InvalidNeverClosest", {{1, 0}, {2, -101}, {3, 127}, {4, -100}}, {4}},
-                      ClosestCase{"NaNCandidateIsInvalid", {{1, -60}, {2, -50}, {2, kNaN}, {3, -70}}, {1, 2, 3}},
-                      ClosestCase{"InvalidClosestIsReplaced", {{1, -50}, {2, -80}, {1, 0}, {2, -80}}, {1, 2}}),
+    ::testing::Values(
+        ClosestCase{"FirstValid", {{1, -80}}, {1}},
+        ClosestCase{"TieGoesToNewcomer", {{1, -60}, {2, -60}}, {1, 2}},
+        ClosestCase{"WeakerLoses", {{1, -60}, {2, -61}}, {1}},
+        ClosestCase{"StrongerWins", {{1, -60}, {2, -59}}, {1, 2}},
+        ClosestCase{"SameItemNotAgain", {{1, -60}, {1, -40}, {1, -90}}, {1}},
+        ClosestCase{"TakingTurns", {{1, -60}, {2, -60}, {1, -60}, {2, -60}}, {1, 2, 1, 2}},
+        ClosestCase{"InvalidNeverClosest", {{1, 0}, {2, -101}, {3, 127}, {4, -100}}, {4}},
+        ClosestCase{"NaNCandidateIsInvalid", {{1, -60}, {2, -50}, {2, kNaN}, {3, -70}}, {1, 2, 3}},
+        ClosestCase{"InvalidClosestIsReplaced", {{1, -50}, {2, -80}, {1, 0}, {2, -80}}, {1, 2}}),
     [](const auto& info) { return std::string(info.param.label); });
 
 TEST(ClosestRule, ResetAtEveryScanStartAndLiveStateCheck) {
@@ -231,7 +237,8 @@ TEST(HandlerScan, ScenarioReceiversFlowThroughToTheDelegate) {
     const auto table = h.handler->discoveredDeviceInfo();
     ASSERT_EQ(table.size(), 2);
     EXPECT_EQ(h.item(deviceId(0))->receiverName().value_or(QString()), QStringLiteral("Near Room"));
-    EXPECT_EQ(h.item(deviceId(1))->receiverName().value_or(QString()), QStringLiteral("A Rather Long Room Name"));
+    EXPECT_EQ(h.item(deviceId(1))->receiverName().value_or(QString()),
+              QStringLiteral("A Rather Long Room Name"));
     EXPECT_EQ(h.item(deviceId(1))->ipAddress().value_or(QString()), QStringLiteral("10.1.2.3"));
     EXPECT_EQ(h.handler->closestPeer(), h.item(deviceId(0)));
     EXPECT_EQ(h.delegate.values("status"), (std::vector<int>{2, 2, 3}));

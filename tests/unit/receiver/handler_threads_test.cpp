@@ -68,10 +68,11 @@ TEST(HandlerThreads, ConcurrentAdvertisementsAndReaders) {
     constexpr int kRounds = 250;
     for (int round = 0; round < kRounds; ++round) {
         for (int d = 0; d < kDevices; ++d) {
-            const QByteArray rec = makeLumerixRecord(kSegmentSingle, {10, 0, 0, static_cast<uint8_t>(d)}, 1, 2,
-                                                     QByteArray("Room ") + QByteArray::number(d));
+            const QByteArray rec = makeLumerixRecord(kSegmentSingle, {10, 0, 0, static_cast<uint8_t>(d)}, 1,
+                                                     2, QByteArray("Room ") + QByteArray::number(d));
             rig.central().injectAdvertisement(SimulatedCentral::identifierForIndex(static_cast<size_t>(d)),
-                                              AdvertisementData{QStringLiteral("LX"), rec}, -40.0 - (round + d) % 50);
+                                              AdvertisementData{QStringLiteral("LX"), rec},
+                                              -40.0 - (round + d) % 50);
         }
         // Readers on this thread and on the main queue while the evaluation queue writes.
         (void)rig.handler->itemAtAddress(QStringLiteral("10.0.0.3"));
