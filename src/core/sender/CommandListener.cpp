@@ -72,7 +72,7 @@ void CommandListener::start() {
             std::lock_guard lock(resultMutex_);
             result_ = ok;
         }
-        announceSetupDone();
+        announceSetupDone();  // a failed set-up is announced here, with its result already stored
     });
     std::unique_lock lock(setupMutex_);
     setupDone_.wait(lock, [this] { return setupFinished_; });
@@ -107,7 +107,6 @@ bool CommandListener::ListenCmdFromSenderThread() {
     const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     if (fd == -1) {
         Log::write(QStringLiteral("Create Socket failed.\n"));
-        announceSetupDone();
         return false;
     }
     const int reuse = 1;
@@ -121,13 +120,11 @@ bool CommandListener::ListenCmdFromSenderThread() {
     if (::bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
         Log::write(QStringLiteral("bind port failed.\n"));
         closeFd(fd);
-        announceSetupDone();
         return false;
     }
     if (::listen(fd, 5) != 0) {
         Log::logf("Command listener: listen failed (%s)\n", std::strerror(errno));
         closeFd(fd);
-        announceSetupDone();
         return false;
     }
     socklen_t addressLength = sizeof address;
