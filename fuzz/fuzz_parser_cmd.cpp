@@ -34,8 +34,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
     // Park on every other input so both the refusal and the frame path run.
     if (used > 0 && (data[0] & 1)) {
-        slot.park({{QStringLiteral("IP"), QStringLiteral("192.168.1.10")},
-                   {QStringLiteral("DeviceName"), QString::fromUtf8(reinterpret_cast<const char*>(data), static_cast<int>(used < 64 ? used : 64))}});
+        slot.park(
+            {{QStringLiteral("IP"), QStringLiteral("192.168.1.10")},
+             {QStringLiteral("DeviceName"), QString::fromUtf8(reinterpret_cast<const char*>(data),
+                                                              static_cast<int>(used < 64 ? used : 64))}});
     }
     const uint64_t length = listener.ParserCmd(request, reply, sizeof reply);
     if (length > sizeof reply) __builtin_trap();
