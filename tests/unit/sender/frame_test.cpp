@@ -34,7 +34,7 @@ struct FrameCase {
     uint64_t expectedLength;
 };
 
-TEST(GeneralPacket, BuildsTheSpecifiedLayout) {
+TEST(GeneralPacket, BuildsTheFrameLayout) {
     const QString ip = QStringLiteral("192.168.1.10");
     Bytes ipFrame{0x02, 0x03, 0x03, 0x16, 0x00, 0x0C};
     for (const char c : ip.toLatin1()) ipFrame.push_back(static_cast<uint8_t>(c));
