@@ -34,7 +34,7 @@ private:
 
 // What one scenario device sends, prepared once.
 struct Player {
-    SimulatedReceiver spec;
+    SimulatedReceiver receiver;
     BlePeripheralRef peripheral;
     std::vector<AdvertisementData> advertisements;  // one, or two alternating segments
     TaskHandle pending;
@@ -174,8 +174,8 @@ struct SimulatedCentral::Core : std::enable_shared_from_this<Core> {
     // Schedules the player's first slot at or after now.
     void schedule(size_t index, uint64_t slot) {
         Player& p = players[index];
-        const double due = p.spec.appearAtMs + static_cast<double>(slot) * p.spec.intervalMs;
-        if (p.spec.leaveAtMs && due >= *p.spec.leaveAtMs) return;
+        const double due = p.receiver.appearAtMs + static_cast<double>(slot) * p.receiver.intervalMs;
+        if (p.receiver.leaveAtMs && due >= *p.receiver.leaveAtMs) return;
         std::weak_ptr<Core> weak = weak_from_this();
         const uint64_t gen = generation;
         p.pending = queue->after(due - elapsed(), [weak, index, slot, gen] {
@@ -187,7 +187,7 @@ struct SimulatedCentral::Core : std::enable_shared_from_this<Core> {
         const double now = elapsed();
         for (size_t i = 0; i < players.size(); ++i) {
             players[i].reportedThisScan = false;
-            const SimulatedReceiver& r = players[i].spec;
+            const SimulatedReceiver& r = players[i].receiver;
             uint64_t slot = 0;
             if (now > r.appearAtMs)
                 slot = static_cast<uint64_t>(std::ceil((now - r.appearAtMs) / r.intervalMs));
@@ -200,7 +200,7 @@ struct SimulatedCentral::Core : std::enable_shared_from_this<Core> {
         if (!delegate || !scanning || gen != generation) return;
         Player& p = players[index];
         const AdvertisementData& ad = p.advertisements[slot % p.advertisements.size()];
-        const double rssi = p.spec.rssiAt(slot, elapsed());
+        const double rssi = p.receiver.rssiAt(slot, elapsed());
         schedule(index, slot + 1);
         if (!allowDuplicates && p.reportedThisScan) return;
         p.reportedThisScan = true;
@@ -222,18 +222,18 @@ SimulatedCentral::SimulatedCentral(BleCentralDelegate* delegate, DispatchQueue* 
     core_->state = initialState;
     for (size_t i = 0; i < scenario.receivers.size(); ++i) {
         Player p;
-        p.spec = std::move(scenario.receivers[i]);
-        if (!(p.spec.intervalMs > 0)) p.spec.intervalMs = 100.0;
-        const QString id = p.spec.identifier.isEmpty() ? identifierForIndex(i) : p.spec.identifier;
-        p.peripheral = core_->peripheralFor(id, p.spec.localName.value_or(QString()));
-        if (p.spec.manufacturerDataOverride) {
-            p.advertisements.push_back({p.spec.localName, p.spec.manufacturerDataOverride});
+        p.receiver = std::move(scenario.receivers[i]);
+        if (!(p.receiver.intervalMs > 0)) p.receiver.intervalMs = 100.0;
+        const QString id = p.receiver.identifier.isEmpty() ? identifierForIndex(i) : p.receiver.identifier;
+        p.peripheral = core_->peripheralFor(id, p.receiver.localName.value_or(QString()));
+        if (p.receiver.manufacturerDataOverride) {
+            p.advertisements.push_back({p.receiver.localName, p.receiver.manufacturerDataOverride});
         } else {
-            const NameSegments segments = splitReceiverName(p.spec.name);
+            const NameSegments segments = splitReceiverName(p.receiver.name);
             auto record = [&](uint8_t segmentByte, const QByteArray& bytes) {
                 return AdvertisementData{
-                    p.spec.localName, makeLumerixRecord(segmentByte, p.spec.ipv4, p.spec.code1, p.spec.code2,
-                                                        bytes, p.spec.companyId)};
+                    p.receiver.localName, makeLumerixRecord(segmentByte, p.receiver.ipv4, p.receiver.code1, p.receiver.code2,
+                                                        bytes, p.receiver.companyId)};
             };
             if (segments.twoSegments()) {
                 p.advertisements.push_back(record(kSegmentFirstOfTwo, segments.first));
