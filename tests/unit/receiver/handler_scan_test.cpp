@@ -321,6 +321,28 @@ TEST(HandlerLifetime, QueuedWorkDoesNotKeepTheHandlerAlive) {
     EXPECT_EQ(item->decayingQueue(), nullptr);
 }
 
+TEST(HandlerLifetime, SharedHandlerIsMadeOnceFromTheSharedEnvironment) {
+    // Process-wide like the instance itself, and made before it, so they go after it at exit.
+    static const auto time = std::make_shared<VirtualTime>();
+    static ManualQueue main(*time, "main");
+    HandlerEnvironment env;
+    env.clock = time;
+    env.mainQueue = &main;
+    env.makeQueue = [](const std::string& label) { return std::make_unique<ManualQueue>(*time, label); };
+    env.makeCentral = simulatedCentralFactory({});
+    QVLumerixHandler::setSharedEnvironment(env);
+    auto shared = QVLumerixHandler::sharedHandler();
+    ASSERT_TRUE(shared);
+    EXPECT_EQ(QVLumerixHandler::sharedHandler(), shared);
+    auto own = QVLumerixHandler::create(env);
+    EXPECT_NE(own, shared);
+    time->runUntilIdle();
+    EXPECT_EQ(shared->mCurrentState(), BleStatePoweredOn);
+    EXPECT_TRUE(shared->scanForLumerixService(true));
+    EXPECT_TRUE(own->scanForLumerixService(true));
+    EXPECT_TRUE(shared->scanForLumerixService(false));
+}
+
 TEST(HandlerLifetime, ConnectAndResolveOnlyDropsTheConnection) {
     HandlerHarness h;
     h.advertise(deviceId(1), -50, kRoomA);
