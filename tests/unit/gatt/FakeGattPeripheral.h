@@ -1,6 +1,8 @@
 #pragma once
 // In-process central and peripherals that serve GATT services and characteristics. Every answer
 // is posted to the central's queue, as a real central reports, so tests run on virtual time.
+// Peripheral answers take latencyMs, like a radio round trip; that also keeps a request loop
+// (asking for services again and again) from spinning within one instant.
 #include <QByteArray>
 #include <QString>
 #include <map>
@@ -104,9 +106,10 @@ public:
     std::vector<QString> reads;
     // Connecting succeeds (else nothing answers, as with a receiver out of reach).
     bool answersConnect = true;
+    double latencyMs = 10;
 
 private:
-    void post(std::function<void()> f) { queue_->async(std::move(f)); }
+    void post(std::function<void()> f) { queue_->after(latencyMs, std::move(f)); }
 
     QString identifier_;
     QString name_;
