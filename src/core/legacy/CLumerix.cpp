@@ -90,15 +90,24 @@ void CLumerix::armAliveCheck() {
 }
 
 // The reader was a thread that slept 8 seconds between turns; here each turn is a task on the
-// reader queue that schedules the next one, so tests drive it on virtual time.
+// reader queue that schedules the next one, so tests drive it on virtual time. The turn itself
+// runs on the central's queue: the central is called from there only, and the alive check cannot
+// fall between taking a beacon off the wait list and making it the current one.
 void CLumerix::armReader() {
     if (!env_.readerQueue) return;
     std::weak_ptr<CLumerix> weak = weak_from_this();
     TaskHandle h = env_.readerQueue->after(kReaderIntervalSeconds * 1000.0, [weak] {
-        if (auto self = weak.lock()) {
+        auto self = weak.lock();
+        if (!self) return;
+        DispatchQueue* queue = self->env_.queue;
+        if (queue && queue != self->env_.readerQueue) {
+            queue->async([weak] {
+                if (auto s = weak.lock()) s->GetSharvaneDataThread();
+            });
+        } else {
             self->GetSharvaneDataThread();
-            self->armReader();
         }
+        self->armReader();
     });
     std::lock_guard lock(mutex_);
     readerTimer_ = std::move(h);
