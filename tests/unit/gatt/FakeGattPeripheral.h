@@ -59,7 +59,6 @@ public:
     QString identifier() const override { return identifier_; }
     QString name() const override { return name_; }
     void setDelegate(BlePeripheralDelegate* d) override { delegate_ = d; }
-    BlePeripheralDelegate* delegate() const { return delegate_; }
 
     void readRSSI() override {
         post([this] {
@@ -127,10 +126,7 @@ public:
     }
 
     int state() const override { return state_; }
-    void scanForPeripherals(bool allowDuplicates) override {
-        ++scanCalls;
-        scanAllowsDuplicates = allowDuplicates;
-    }
+    void scanForPeripherals(bool) override { ++scanCalls; }
     void stopScan() override { ++stopScanCalls; }
     void connectPeripheral(const BlePeripheralRef& p) override {
         connects.push_back(p->identifier());
@@ -161,11 +157,9 @@ public:
         data.localName = localName;
         queue_->async([this, p, data, rssi] { delegate_->centralManagerDidDiscoverPeripheral(p, data, rssi); });
     }
-    bool isConnected(const QString& id) { return connected_[id]; }
 
     int scanCalls = 0;
     int stopScanCalls = 0;
-    bool scanAllowsDuplicates = false;
     std::vector<QString> connects;
     std::vector<QString> cancels;
 

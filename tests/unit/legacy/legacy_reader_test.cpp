@@ -76,11 +76,6 @@ protected:
     std::shared_ptr<CLumerix> reader;
 };
 
-TEST_F(LegacyReaderTest, ScansWithEverySightingReported) {
-    EXPECT_EQ(central->scanCalls, 1);
-    EXPECT_TRUE(central->scanAllowsDuplicates);
-}
-
 TEST_F(LegacyReaderTest, ReadsEachBeaconInTurnAndDecodesItsPayload) {
     const QByteArray notText = QByteArray::fromHex("fffefdfcfbfaf9f8f7f6f5f4f3f2f1f0");
     const std::string ssid64(64, 'S');
