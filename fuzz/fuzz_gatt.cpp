@@ -48,7 +48,9 @@ struct World {
         HandlerEnvironment env;
         env.clock = std::shared_ptr<Clock>(std::shared_ptr<Clock>(), &time);
         env.mainQueue = &main;
-        env.makeQueue = [this](const std::string& label) { return std::make_unique<ManualQueue>(time, label); };
+        env.makeQueue = [this](const std::string& label) {
+            return std::make_unique<ManualQueue>(time, label);
+        };
         handler = QVLumerixHandler::create(env);
     }
     VirtualTime time;
@@ -69,8 +71,8 @@ void foldLengths(QVLumerixItem& item) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     static World world;
-    auto item = QVLumerixItem::initWithPeripheral(std::make_shared<StubPeripheral>(),
-                                                  std::shared_ptr<Clock>(std::shared_ptr<Clock>(), &world.time));
+    auto item = QVLumerixItem::initWithPeripheral(
+        std::make_shared<StubPeripheral>(), std::shared_ptr<Clock>(std::shared_ptr<Clock>(), &world.time));
     size_t i = 0;
     while (i + 2 <= size) {
         const uint8_t second = data[i];

@@ -80,7 +80,8 @@ public:
         auto fake = std::static_pointer_cast<FakeService>(service);
         post([this, fake] {
             fake->markDiscovered();
-            if (delegate_) delegate_->peripheralDidDiscoverCharacteristicsForService(*this, fake, std::nullopt);
+            if (delegate_)
+                delegate_->peripheralDidDiscoverCharacteristicsForService(*this, fake, std::nullopt);
         });
     }
     void readValueForCharacteristic(const BleCharacteristicRef& c) override {
@@ -155,7 +156,8 @@ public:
     void advertise(const BlePeripheralRef& p, const QString& localName, double rssi) {
         AdvertisementData data;
         data.localName = localName;
-        queue_->async([this, p, data, rssi] { delegate_->centralManagerDidDiscoverPeripheral(p, data, rssi); });
+        queue_->async(
+            [this, p, data, rssi] { delegate_->centralManagerDidDiscoverPeripheral(p, data, rssi); });
     }
 
     int scanCalls = 0;

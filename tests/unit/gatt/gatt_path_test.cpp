@@ -30,7 +30,9 @@ public:
     std::vector<int> errors;
 };
 
-QString field(const char* bytes, size_t width) { return QString::fromUtf8(bytes, qsizetype(strnlen(bytes, width))); }
+QString field(const char* bytes, size_t width) {
+    return QString::fromUtf8(bytes, qsizetype(strnlen(bytes, width)));
+}
 
 std::shared_ptr<FakeCharacteristic> valued(quint16 uuid, const QByteArray& value) {
     auto c = std::make_shared<FakeCharacteristic>(uuid, value);
@@ -46,7 +48,9 @@ protected:
         HandlerEnvironment env;
         env.clock = std::shared_ptr<Clock>(std::shared_ptr<Clock>(), &time);
         env.mainQueue = &main;
-        env.makeQueue = [this](const std::string& label) { return std::make_unique<ManualQueue>(time, label); };
+        env.makeQueue = [this](const std::string& label) {
+            return std::make_unique<ManualQueue>(time, label);
+        };
         env.makeCentral = [this](BleCentralDelegate* d, DispatchQueue* q) {
             auto c = std::make_unique<FakeGattCentral>(d, q);
             central = c.get();
@@ -102,8 +106,8 @@ TEST_F(GattHandlerTest, HeaderDecoding) {
         {"4502f8f3f1f6f9", {5, 2, 7, 12, 14, 9, 6}},
         {"0502f8f3f1f6f9", {5, 2, 0xFFF8, 0xFFF3, 0xFFF1, 0xFFF6, 0xFFF9}},
         {"f0ff00017f80ff", {0, 0xFFFF, 0xFFFF, 0xFFFE, 0xFF80, 0x007F, 0}},  // bits 4-7 besides 0x40 ignored
-        {"0a7f2040081004ffff", {0x0A, 0x7F, 0x20, 0x40, 8, 0x10, 4}},     // bytes past 6 ignored
-        {"4103f0", {1, 3, 0x0F, 0xFFFF, 0xFFFF, 0xFFFF, 0xFFFF}},          // missing bytes read as 0
+        {"0a7f2040081004ffff", {0x0A, 0x7F, 0x20, 0x40, 8, 0x10, 4}},        // bytes past 6 ignored
+        {"4103f0", {1, 3, 0x0F, 0xFFFF, 0xFFFF, 0xFFFF, 0xFFFF}},            // missing bytes read as 0
         {"", {0, 0, 0, 0, 0, 0, 0}},
     };
     auto p = addReceiver();
@@ -130,8 +134,7 @@ TEST_F(GattHandlerTest, AccumulationCompletesOnTheLastIndexInArrivalOrder) {
         {0x5885, "zero", true, true},    // repeats return the flag without appending
         {0x5886, "one-", false, false},  // the header below arrived in between
         {0x5884, "back", false, false},  // index -1 never matches
-        {0x5887, "two-", true, false},
-        {0x5887, "two-", true, true},
+        {0x5887, "two-", true, false},  {0x5887, "two-", true, true},
     };
     bool headerSet = false;
     for (const Step& s : steps) {
@@ -158,7 +161,9 @@ TEST_F(GattHandlerTest, DataDecodingCopiesFieldsWithSpillAndBoundedReads) {
         LumerixHeaderStruct header;
         std::function<void(const LumerixStruct&)> check;
     } cases[] = {
-        {"five fields", test::encryptFields(kRoom4), {1, 2, 8, 10, 12, 6, 4},
+        {"five fields",
+         test::encryptFields(kRoom4),
+         {1, 2, 8, 10, 12, 6, 4},
          [](const LumerixStruct& r) {
              EXPECT_EQ(field(r.WiFiSSID, 32), QStringLiteral("Lab-WiFi"));
              EXPECT_EQ(field(r.WiFiKey, 64), QStringLiteral("s3cret-key"));
@@ -166,20 +171,30 @@ TEST_F(GattHandlerTest, DataDecodingCopiesFieldsWithSpillAndBoundedReads) {
              EXPECT_EQ(field(r.ReceiverName, 40), QStringLiteral("Room 4"));
              EXPECT_EQ(field(r.ReceiverLoginCode, 20), QStringLiteral("1234"));
          }},
-        {"spill into later fields, reads past 256 are zero", test::aesEcbEncrypt(plain), {0, 0, 170, 80, 20, 0, 0},
+        {"spill into later fields, reads past 256 are zero",
+         test::aesEcbEncrypt(plain),
+         {0, 0, 170, 80, 20, 0, 0},
          [&plain](const LumerixStruct& r) {
              auto bytes = QByteArray(reinterpret_cast<const char*>(&r), sizeof r);
              EXPECT_EQ(bytes.mid(0, 32), plain.mid(0, 32));
-             EXPECT_EQ(bytes.mid(32, 64), plain.mid(170, 64));    // the key's copy overwrote the SSID spill
-             EXPECT_EQ(bytes.mid(96, 6), plain.mid(250, 6));      // IP: the last bytes of the area...
+             EXPECT_EQ(bytes.mid(32, 64), plain.mid(170, 64));     // the key's copy overwrote the SSID spill
+             EXPECT_EQ(bytes.mid(96, 6), plain.mid(250, 6));       // IP: the last bytes of the area...
              EXPECT_EQ(bytes.mid(102, 14), QByteArray(14, '\0'));  // ...then zeros
-             EXPECT_EQ(bytes.mid(116, 54), plain.mid(116, 54));   // SSID spill left standing
+             EXPECT_EQ(bytes.mid(116, 54), plain.mid(116, 54));    // SSID spill left standing
              EXPECT_EQ(bytes.mid(170), QByteArray(6, '\0'));
          }},
-        {"buffer over 256 bytes", QByteArray(272, 'x'), {0, 0, 32, 64, 20, 40, 20},
-         [](const LumerixStruct& r) { EXPECT_EQ(QByteArray(reinterpret_cast<const char*>(&r), sizeof r), QByteArray(176, '\0')); }},
-        {"not whole blocks", test::encryptFields(kRoom4).left(40), {0, 0, 8, 10, 12, 6, 4},
-         [](const LumerixStruct& r) { EXPECT_EQ(QByteArray(reinterpret_cast<const char*>(&r), sizeof r), QByteArray(176, '\0')); }},
+        {"buffer over 256 bytes",
+         QByteArray(272, 'x'),
+         {0, 0, 32, 64, 20, 40, 20},
+         [](const LumerixStruct& r) {
+             EXPECT_EQ(QByteArray(reinterpret_cast<const char*>(&r), sizeof r), QByteArray(176, '\0'));
+         }},
+        {"not whole blocks",
+         test::encryptFields(kRoom4).left(40),
+         {0, 0, 8, 10, 12, 6, 4},
+         [](const LumerixStruct& r) {
+             EXPECT_EQ(QByteArray(reinterpret_cast<const char*>(&r), sizeof r), QByteArray(176, '\0'));
+         }},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.what);
@@ -194,7 +209,8 @@ TEST_F(GattHandlerTest, DataDecodingCopiesFieldsWithSpillAndBoundedReads) {
         EXPECT_EQ(delegate.statuses, std::vector<int>{LumerixItemResolved});
     }
     EXPECT_EQ(log.lines().filter(QStringLiteral("failed (buffer too small)")).size(), 1);
-    EXPECT_EQ(log.lines().filter(QStringLiteral("failed (length not a multiple of the block size)")).size(), 1);
+    EXPECT_EQ(log.lines().filter(QStringLiteral("failed (length not a multiple of the block size)")).size(),
+              1);
     EXPECT_FALSE(it->ipAddress().has_value());  // the GATT path fills only the record
 }
 
@@ -205,12 +221,14 @@ TEST_F(GattHandlerDeathTest, ALengthBeyondTheRecordEndsTheProcess) {
     auto it = item();
     it->setDataBuffer(test::encryptFields(kRoom4));
     handler->decrytLumerixHeader(it, QByteArray::fromHex("0502f8f3f1f6f9"));
-    EXPECT_DEATH(handler->decrytLumerixData(it), "copy of 65528 bytes into WiFiSSID exceeds its 176-byte bound");
+    EXPECT_DEATH(handler->decrytLumerixData(it),
+                 "copy of 65528 bytes into WiFiSSID exceeds its 176-byte bound");
     // Within a field's spill room is fine; one byte past the record's end is not.
     it->setLumerixHeader({0, 0, 0, 0, 0, 0, 20});
     handler->decrytLumerixData(it);
     it->setLumerixHeader({0, 0, 0, 0, 0, 0, 21});
-    EXPECT_DEATH(handler->decrytLumerixData(it), "copy of 21 bytes into ReceiverLoginCode exceeds its 20-byte bound");
+    EXPECT_DEATH(handler->decrytLumerixData(it),
+                 "copy of 21 bytes into ReceiverLoginCode exceeds its 20-byte bound");
 }
 
 TEST_F(GattHandlerTest, ConnectionReadsDecryptsAndDisconnects) {
@@ -221,14 +239,16 @@ TEST_F(GattHandlerTest, ConnectionReadsDecryptsAndDisconnects) {
     handler->connectItemForTesting(it);
     settle();
 
-    EXPECT_EQ(delegate.statuses, (std::vector<int>{LumerixItemConnected, LumerixItemResolved, LumerixItemDisconnected}));
+    EXPECT_EQ(delegate.statuses,
+              (std::vector<int>{LumerixItemConnected, LumerixItemResolved, LumerixItemDisconnected}));
     EXPECT_TRUE(delegate.errors.empty());
     EXPECT_TRUE(it->hasResolved());
     const LumerixStruct r = it->lumerix();
     EXPECT_EQ(field(r.WiFiSSID, 32), QStringLiteral("Lab-WiFi"));
     EXPECT_EQ(field(r.ReceiverLoginCode, 20), QStringLiteral("1234"));
     EXPECT_EQ(it->aveRssi(), -42);
-    EXPECT_EQ(QStringList(p->reads.begin(), p->reads.end()).join(QLatin1Char(' ')), QStringLiteral("5880 5885 5886 5887"));
+    EXPECT_EQ(QStringList(p->reads.begin(), p->reads.end()).join(QLatin1Char(' ')),
+              QStringLiteral("5880 5885 5886 5887"));
     EXPECT_EQ(handler->connectedPeer(), nullptr);
     EXPECT_TRUE(log.contains(QStringLiteral("-[QVLumerixHandler centralManager:didConnectPeripheral:]")));
     // Scanning resumes with continueScanAfterConnect (false: stop and clear the table).
@@ -257,10 +277,21 @@ TEST_F(GattHandlerTest, DisconnectionOutcomes) {
         int connects;
         const char* extraLog;
     } cases[] = {
-        {"connection failed: retry, nothing else", BleError{10, QStringLiteral("connection failed")}, false, {}, {}, 2,
+        {"connection failed: retry, nothing else",
+         BleError{10, QStringLiteral("connection failed")},
+         false,
+         {},
+         {},
+         2,
          "-[QVLumerixHandler centralManager:didDisconnectPeripheral:error:] retry connection"},
-        {"other error: disconnected, reported", BleError{7, QStringLiteral("peer removed pairing")}, true, {0}, {7}, 1,
-         "-[QVLumerixHandler centralManager:didDisconnectPeripheral:error:] 00000000-0000-0000-0000-000000000002 "
+        {"other error: disconnected, reported",
+         BleError{7, QStringLiteral("peer removed pairing")},
+         true,
+         {0},
+         {7},
+         1,
+         "-[QVLumerixHandler centralManager:didDisconnectPeripheral:error:] "
+         "00000000-0000-0000-0000-000000000002 "
          "peer removed pairing"},
         {"no error: disconnected quietly", std::nullopt, true, {0}, {}, 1, nullptr},
     };
@@ -284,7 +315,8 @@ TEST_F(GattHandlerTest, DisconnectionOutcomes) {
         settle();
         EXPECT_TRUE(log.contains(QString::fromLatin1(kDidDisconnect)));
         if (c.extraLog) {
-            EXPECT_TRUE(log.contains(QString::fromLatin1(c.extraLog))) << log.lines().join(QLatin1Char('|')).toStdString();
+            EXPECT_TRUE(log.contains(QString::fromLatin1(c.extraLog)))
+                << log.lines().join(QLatin1Char('|')).toStdString();
         }
         std::vector<int> expected{LumerixItemConnected};
         expected.insert(expected.end(), c.statuses.begin(), c.statuses.end());
@@ -303,9 +335,10 @@ TEST_F(GattHandlerTest, AFailedConnectionIsReportedAndNotRetried) {
     handler->connectItemForTesting(item());
     central->failConnect(p, BleError{3, QStringLiteral("timed out")});
     time.runUntilIdle();
-    EXPECT_TRUE(log.contains(QStringLiteral(
-        "-[QVLumerixHandler centralManager:didFailToConnectPeripheral:error:], connection failed to peripheral: "
-        "Room 4 with UUID: 00000000-0000-0000-0000-A1B2C3D4E5F6, error:timed out")));
+    EXPECT_TRUE(log.contains(
+        QStringLiteral("-[QVLumerixHandler centralManager:didFailToConnectPeripheral:error:], connection "
+                       "failed to peripheral: "
+                       "Room 4 with UUID: 00000000-0000-0000-0000-A1B2C3D4E5F6, error:timed out")));
     EXPECT_EQ(delegate.errors, std::vector<int>{3});
     EXPECT_EQ(central->connects.size(), 1u);
     EXPECT_TRUE(delegate.statuses.empty());
@@ -314,12 +347,14 @@ TEST_F(GattHandlerTest, AFailedConnectionIsReportedAndNotRetried) {
 TEST_F(GattHandlerTest, ValueIntakeRejectsErrorsAndUnknownItemsAndWarnsOnForeignPeripherals) {
     auto connectedOne = addReceiver();
     auto other = addReceiver(QStringLiteral("00000000-0000-0000-0000-0000000000B2"));
-    auto stranger = std::make_shared<FakeGattPeripheral>(QStringLiteral("00000000-0000-0000-0000-0000000000C3"),
-                                                         QStringLiteral("Stranger"), handler->scanningQueue());
+    auto stranger =
+        std::make_shared<FakeGattPeripheral>(QStringLiteral("00000000-0000-0000-0000-0000000000C3"),
+                                             QStringLiteral("Stranger"), handler->scanningQueue());
     handler->setConnectedPeer(item());
     const auto header = valued(0x5880, QByteArray::fromHex("4502f8f3f1f6f9"));
 
-    handler->peripheralDidUpdateValueForCharacteristic(*other, header, BleError{5, QStringLiteral("read not permitted")});
+    handler->peripheralDidUpdateValueForCharacteristic(*other, header,
+                                                       BleError{5, QStringLiteral("read not permitted")});
     EXPECT_TRUE(log.contains(QStringLiteral(
         "-[QVLumerixHandler peripheral:didUpdateValueForCharacteristic:error:], read not permitted")));
     handler->peripheralDidUpdateValueForCharacteristic(*stranger, header, std::nullopt);

@@ -19,7 +19,9 @@ using test::FakeGattPeripheral;
 
 const ConnectionFields kRoom4{"Lab-WiFi", "s3cret-key", "192.168.1.20", "Room 4", "1234"};
 
-QString beaconId(int n) { return QStringLiteral("00000000-0000-0000-0000-0000000000%1").arg(n, 2, 10, QLatin1Char('0')); }
+QString beaconId(int n) {
+    return QStringLiteral("00000000-0000-0000-0000-0000000000%1").arg(n, 2, 10, QLatin1Char('0'));
+}
 
 class LegacyReaderTest : public ::testing::Test {
 protected:
@@ -107,7 +109,8 @@ TEST_F(LegacyReaderTest, ReadsEachBeaconInTurnAndDecodesItsPayload) {
     };
     const int n = static_cast<int>(std::size(cases));
     std::vector<std::shared_ptr<FakeGattPeripheral>> all;
-    for (int i = 0; i < n; ++i) all.push_back(addBeacon(i, cases[i].byte0, cases[i].lengths, cases[i].payload));
+    for (int i = 0; i < n; ++i)
+        all.push_back(addBeacon(i, cases[i].byte0, cases[i].lengths, cases[i].payload));
 
     // The alive check queues every beacon at 6 s; the reader takes one every 8 s from 8 s on.
     runSeconds(7, all);
@@ -122,14 +125,15 @@ TEST_F(LegacyReaderTest, ReadsEachBeaconInTurnAndDecodesItsPayload) {
         EXPECT_EQ(connectsTo(beaconId(i)), 1) << c.what;
         if (!c.fields) {
             EXPECT_EQ(info, nullptr) << c.what;
-            EXPECT_TRUE(log.contains(QStringLiteral("CLumerix: data of %1 is not text; nothing stored\n")
-                                         .arg(beaconId(i))));
+            EXPECT_TRUE(log.contains(
+                QStringLiteral("CLumerix: data of %1 is not text; nothing stored\n").arg(beaconId(i))));
             continue;
         }
         ASSERT_NE(info, nullptr) << c.what;
         const char* keys[] = {"WiFiSSID", "WiFiKey", "ReceiverIP", "ReceiverName", "ReceiverLoginCode"};
         for (int f = 0; f < 5; ++f)
-            EXPECT_EQ(info->value(QString::fromLatin1(keys[f])), QString::fromUtf8((*c.fields)[f])) << c.what << " " << keys[f];
+            EXPECT_EQ(info->value(QString::fromLatin1(keys[f])), QString::fromUtf8((*c.fields)[f]))
+                << c.what << " " << keys[f];
         EXPECT_EQ(log.count(QStringLiteral("Wait to Search UUID %1 \n").arg(beaconId(i))), 1) << c.what;
     }
     EXPECT_EQ(log.lines().filter(QStringLiteral("Get new Data: ")).size(), n - 1);
