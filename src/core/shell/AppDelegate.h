@@ -8,6 +8,7 @@
 #include <atomic>
 #include <memory>
 #include <optional>
+#include <unordered_map>
 #include <vector>
 
 #include "dispatch/DispatchTimer.h"
@@ -121,6 +122,12 @@ private:
     MenuRef m_pStatusMenu;
     StatusItemRef m_pStatusItem;
 
+    struct CachedDictionary {
+        std::optional<QString> uuid, ip, loginCode, name;
+        ReceiverDictionary dict;
+    };
+    // Keyed by item address; entries are only reused when all four values match.
+    std::unordered_map<const QVLumerixItem*, CachedDictionary> dictionaryCache_;
     DispatchTimerRef menuRebuildTimer_;
     bool observingWorkspace_ = false;
     // The saved table could not be read at launch; it is kept aside before being overwritten.

@@ -14,7 +14,10 @@ std::shared_ptr<MenuItem> MenuItem::separatorItem() {
 }
 
 MenuItem::MenuItem(std::optional<QString> title, MenuAction action, QString keyEquivalent, bool separator)
-    : title_(std::move(title)), action_(action), keyEquivalent_(std::move(keyEquivalent)), separator_(separator) {}
+    : title_(std::move(title)),
+      action_(action),
+      keyEquivalent_(std::move(keyEquivalent)),
+      separator_(separator) {}
 
 MenuItemRef Menu::itemAtIndex(int index) const {
     if (index < 0 || index >= numberOfItems()) return nullptr;

@@ -1,8 +1,8 @@
 #include <gtest/gtest.h>
 
 #include <QDateTime>
-#include <QPoint>
 #include <QFile>
+#include <QPoint>
 #include <QTemporaryDir>
 #include <QTimeZone>
 
@@ -64,8 +64,11 @@ void expectAllTypes(const QVariantList& table) {
         EXPECT_EQ(v.typeId(), x.type) << x.key;
         EXPECT_EQ(v, x.value) << x.key;
     }
-    EXPECT_EQ(e.value(QStringLiteral("Nested")).toMap().value(QStringLiteral("Inner")).toMap().value(
-                  QStringLiteral("Deep")),
+    EXPECT_EQ(e.value(QStringLiteral("Nested"))
+                  .toMap()
+                  .value(QStringLiteral("Inner"))
+                  .toMap()
+                  .value(QStringLiteral("Deep")),
               QVariant(QStringLiteral("x")));
     EXPECT_EQ(table[1].typeId(), QMetaType::QVariantMap);
     EXPECT_TRUE(table[1].toMap().isEmpty());
