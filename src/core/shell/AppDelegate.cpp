@@ -130,7 +130,10 @@ void AppDelegate::applicationDidFinishLaunching() {
         },
         kMenuRebuildIntervalSeconds);
 
-    if (env_.listenerPort) m_listener->start();
+    if (env_.listenerPort && !listenerStarted_) {
+        m_listener->start();
+        listenerStarted_ = true;
+    }
 
     if (env_.workspace && !observingWorkspace_) {
         env_.workspace->addObserver(this);

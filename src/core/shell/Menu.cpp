@@ -1,7 +1,5 @@
 #include "shell/Menu.h"
 
-#include "log/Log.h"
-
 namespace lumerix {
 
 std::shared_ptr<MenuItem> MenuItem::initWithTitle(std::optional<QString> title, MenuAction action,
@@ -39,10 +37,7 @@ void Menu::addItem(MenuItemRef item) {
 
 void Menu::insertItem(MenuItemRef item, int index) {
     if (!item) return;
-    if (index < 0 || index > numberOfItems()) {
-        Log::logf("Menu insertItem: index %d beyond %d items, appended", index, numberOfItems());
-        index = numberOfItems();
-    }
+    if (index < 0 || index > numberOfItems()) index = numberOfItems();
     items_.insert(items_.begin() + index, std::move(item));
     ++revision_;
 }
