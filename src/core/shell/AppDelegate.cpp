@@ -30,6 +30,14 @@ bool sameReceiver(const std::optional<QString>& a, const std::optional<QString>&
     return a && b && !a->isEmpty() && *a == *b;
 }
 
+// Items hand out copies of their own strings, so shared data settles most comparisons at once.
+bool sameText(const std::optional<QString>& a, const std::optional<QString>& b) {
+    if (a.has_value() != b.has_value()) return false;
+    if (!a) return true;
+    if (a->size() == b->size() && a->constData() == b->constData()) return true;
+    return *a == *b;
+}
+
 }  // namespace
 
 QByteArray AppDelegate::SenderLaunchCommand() {
@@ -315,8 +323,8 @@ void AppDelegate::UpdateMenuOfStatusBar() {
         CachedDictionary fresh{
             item->shortenedUUID(), item->ipAddress(), item->loginCode(), item->receiverName(), {}};
         CachedDictionary& cached = dictionaryCache_[item.get()];
-        if (cached.dict.isEmpty() || cached.uuid != fresh.uuid || cached.ip != fresh.ip ||
-            cached.loginCode != fresh.loginCode || cached.name != fresh.name) {
+        if (cached.dict.isEmpty() || !sameText(cached.uuid, fresh.uuid) || !sameText(cached.ip, fresh.ip) ||
+            !sameText(cached.loginCode, fresh.loginCode) || !sameText(cached.name, fresh.name)) {
             ReceiverDictionary& dict = fresh.dict;
             if (fresh.uuid) dict.insert(kKeyUUID, *fresh.uuid);
             if (fresh.ip) dict.insert(kKeyIP, *fresh.ip);
@@ -385,7 +393,7 @@ void AppDelegate::lumerixDidDiscoverItem(const QVLumerixItemRef& item) {
     }
     if (!replaced) m_pDiscoveredDeviceAry.push_back(item);
 
-    m_pDiscoveredDeviceAry = reorderBySignalStrength(m_pDiscoveredDeviceAry,
+    m_pDiscoveredDeviceAry = reorderBySignalStrength(std::move(m_pDiscoveredDeviceAry),
                                                      [](const QVLumerixItemRef& e) { return e->aveRssi(); });
     UpdateMenuOfStatusBar();
 }

@@ -9,21 +9,24 @@
 
 namespace lumerix {
 
-// rssiOf is asked once per entry.
+// rssiOf is asked once per entry; entries are moved, not copied.
 template <class T, class RssiOf>
-std::vector<T> reorderBySignalStrength(const std::vector<T>& list, RssiOf rssiOf) {
-    std::vector<double> keys;  // parallel to ordered
-    std::vector<T> ordered;
+std::vector<T> reorderBySignalStrength(std::vector<T> list, RssiOf rssiOf) {
+    std::vector<double> keys;     // strengths in output order
+    std::vector<size_t> indices;  // input positions in output order
     keys.reserve(list.size());
-    ordered.reserve(list.size());
-    for (const T& entry : list) {
-        const double rssi = rssiOf(entry);
+    indices.reserve(list.size());
+    for (size_t i = 0; i < list.size(); ++i) {
+        const double rssi = rssiOf(list[i]);
         size_t j = 0;
         while (j < keys.size() && !(rssi > keys[j])) ++j;  // NaN never qualifies
         const size_t at = j == keys.size() ? j : (j < 2 ? 0 : j - 1);
         keys.insert(keys.begin() + static_cast<std::ptrdiff_t>(at), rssi);
-        ordered.insert(ordered.begin() + static_cast<std::ptrdiff_t>(at), entry);
+        indices.insert(indices.begin() + static_cast<std::ptrdiff_t>(at), i);
     }
+    std::vector<T> ordered;
+    ordered.reserve(list.size());
+    for (size_t i : indices) ordered.push_back(std::move(list[i]));
     return ordered;
 }
 
