@@ -1,0 +1,165 @@
+#pragma once
+// The desktop as the shell sees it. AppDelegate reaches the status bar, alerts, the application
+// object, sleep/wake notices, the Bluetooth power check, the sender launcher and delivery, and the
+// scanning handler only through these small interfaces; the tray adapter implements them for real
+// and unit tests implement them in-process.
+//
+// Notes for implementers:
+// - Every call from the shell happens on the main queue, and every call into the shell (menu
+//   actions, sleep/wake notices) must be made on the main queue too.
+// - The shell rebuilds its Menu from new MenuItem objects on every refresh and attaches it again
+//   with setMenu(); show only what changed. A chosen entry is reported back with the very
+//   MenuItemRef object of the menu currently attached.
+#include <QByteArray>
+#include <QString>
+#include <QStringList>
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+
+#include "dispatch/Clock.h"
+#include "dispatch/DispatchQueue.h"
+#include "receiver/QVLumerixHandler.h"
+#include "sender/ConnectionInfo.h"
+#include "shell/Menu.h"
+
+namespace lumerix {
+
+// A named image from the application's resources ("Normal_Icon", "Normal_Disable_Icon"). A
+// template image is drawn as a mask in the desktop's own colours.
+class StatusImage {
+public:
+    explicit StatusImage(QString name) : name_(std::move(name)) {}
+    const QString& name() const { return name_; }
+    bool isTemplate() const { return template_; }
+    void setTemplate(bool v) { template_ = v; }
+
+private:
+    QString name_;
+    bool template_ = false;
+};
+using StatusImageRef = std::shared_ptr<StatusImage>;
+
+// Receives the actions of the status menu's entries.
+class MenuActionTarget {
+public:
+    virtual ~MenuActionTarget() = default;
+    // item: the chosen entry of the menu currently attached; its action() tells what to do.
+    virtual void performMenuAction(const MenuItemRef& item) = 0;
+};
+
+// The icon in the tray and its menu.
+class StatusItem {
+public:
+    virtual ~StatusItem() = default;
+    virtual void setTarget(MenuActionTarget* target) = 0;    // null detaches
+    virtual void setImage(const StatusImageRef& image) = 0;  // null shows no image
+    virtual void setMenu(const MenuRef& menu) = 0;           // called on every rebuild
+    // True while the user has the menu open; the periodic rebuild skips its tick then.
+    virtual bool isMenuOpen() const = 0;
+};
+using StatusItemRef = std::shared_ptr<StatusItem>;
+
+inline constexpr double kVariableStatusItemLength = -1.0;
+
+// The system tray. A desktop without one is represented by a null StatusBar pointer.
+class StatusBar {
+public:
+    virtual ~StatusBar() = default;
+    // Null when no item can be created.
+    virtual StatusItemRef statusItemWithLength(double length) = 0;
+    // Null when the resource is missing.
+    virtual StatusImageRef imageNamed(const QString& name) = 0;
+};
+
+// A modal message box.
+struct Alert {
+    enum Style { Warning = 0, Informational = 1, Critical = 2 };
+    QString messageText;
+    QString informativeText;
+    QStringList buttons;  // left to right; the first is the default
+    int alertStyle = Warning;
+};
+
+// The application object.
+class ShellApplication {
+public:
+    virtual ~ShellApplication() = default;
+    virtual void hide() = 0;
+    // Asks the application to end; the desktop later calls AppDelegate::applicationWillTerminate
+    // from its event loop and quits. Must not terminate synchronously.
+    virtual void terminate() = 0;
+    // Runs the alert modally; returns the index of the button pressed.
+    virtual int runModal(const Alert& alert) = 0;
+    // The standard About box from the application's own name and version.
+    virtual void orderFrontStandardAboutPanel() = 0;
+};
+
+// Sleep and wake notices of the session (logind PrepareForSleep on Linux).
+class WorkspaceObserver {
+public:
+    virtual ~WorkspaceObserver() = default;
+    virtual void receiveSleepNote() = 0;
+    virtual void receiveWakeNote() = 0;
+};
+
+class Workspace {
+public:
+    virtual ~Workspace() = default;
+    // The observer is told on the main queue until removed.
+    virtual void addObserver(WorkspaceObserver* observer) = 0;
+    virtual void removeObserver(WorkspaceObserver* observer) = 0;
+};
+
+// What the shell needs of the scanning handler; production wraps QVLumerixHandler.
+class LumerixScanning {
+public:
+    virtual ~LumerixScanning() = default;
+    virtual bool scanForLumerixService(bool start) = 0;
+    virtual void setDelegate(LumerixHandler_Delegate* delegate) = 0;
+    virtual LumerixHandler_Delegate* delegate() const = 0;
+    // The wrapped handler, when there is one (null in tests).
+    virtual std::shared_ptr<QVLumerixHandler> handler() const { return nullptr; }
+};
+// Makes a fresh handler (at awakening and on every wake).
+using LumerixScanningFactory = std::function<std::unique_ptr<LumerixScanning>()>;
+// The real handler, built from env at every call.
+LumerixScanningFactory makeHandlerFactory(HandlerEnvironment env);
+
+// True when Bluetooth is available and powered on (InitBlueToothDevice).
+using BluetoothPowerCheck = std::function<bool()>;
+// Runs a command through the system shell and returns its status (system()).
+using Launcher = std::function<int(const QByteArray& command)>;
+// Same contract as GetAllPIDsForProcessName.
+using ProcessLookup = std::function<int(const char* name, uint32_t uid, int32_t* pids, uint32_t capacity,
+                                        uint32_t* count, int* error)>;
+// Delivers one frame to the sender's data port. Frames must arrive in the order given; the call
+// should return at once (the default sends from a serial worker thread).
+using SenderDelivery = std::function<void(QByteArray frame)>;
+// Pauses the calling thread (usleep); tests count the calls instead.
+using Sleeper = std::function<void(std::chrono::microseconds)>;
+
+// Everything AppDelegate is built from. Unset members take the production defaults noted.
+struct ShellEnvironment {
+    std::shared_ptr<Clock> clock;                   // default: systemClock()
+    DispatchQueue* mainQueue = nullptr;             // required; the timers run here
+    LumerixScanningFactory makeHandler;             // required
+    std::shared_ptr<StatusBar> statusBar;           // null: no tray
+    std::shared_ptr<ShellApplication> application;  // required
+    std::shared_ptr<Workspace> workspace;           // null: no sleep/wake notices
+    BluetoothPowerCheck bluetoothPowered;           // default: always true
+    Launcher launcher;                              // default: std::system
+    ProcessLookup processLookup;                    // default: GetAllPIDsForProcessName
+    SenderDelivery delivery;                        // default: a serial worker, SendDataToOndrel
+    Sleeper sleeper;                                // default: std::this_thread::sleep_for
+    // The command listener's port; nullopt leaves the listener off (tests), 0 picks a free port.
+    std::optional<uint16_t> listenerPort = kSenderCommandPort;
+    // Folder holding "DefaultReferenceTable.plist"; default: PathManager::GetResourcePath().
+    std::optional<QString> resourcePath;
+    // The Application Support folder; default: PathManager::GetApplicationSupportPath().
+    std::optional<QString> applicationSupportPath;
+};
+
+}  // namespace lumerix
