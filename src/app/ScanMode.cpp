@@ -62,7 +62,12 @@ void printLine(const QString& text) {
 
 QString columns(const QString& name, const QString& ip, const QString& code, const QString& rssi,
                 const QString& identifier) {
-    return QStringLiteral("%1  %2  %3  %4  %5").arg(name, -24).arg(ip, -15).arg(code, -8).arg(rssi, 5).arg(identifier);
+    return QStringLiteral("%1  %2  %3  %4  %5")
+        .arg(name, -24)
+        .arg(ip, -15)
+        .arg(code, -8)
+        .arg(rssi, 5)
+        .arg(identifier);
 }
 
 QString rowText(const Row& r) {
@@ -88,7 +93,8 @@ private:
         row.rssi = item->aveRssi();
         auto it = rows_.find(row.identifier);
         const bool isNew = it == rows_.end();
-        const bool changed = !isNew && (it->name != row.name || it->ip != row.ip || it->loginCode != row.loginCode);
+        const bool changed =
+            !isNew && (it->name != row.name || it->ip != row.ip || it->loginCode != row.loginCode);
         if (!isNew && row.rssi == 0) row.rssi = it->rssi;  // 0: no reading since the item decayed
         rows_[row.identifier] = row;
         if (!json_ && (isNew || changed))
@@ -121,8 +127,9 @@ private:
         }
         printLine(QString());
         printLine(QStringLiteral("%1 receiver(s), strongest first:").arg(rows.size()));
-        printLine(QStringLiteral("         ") + columns(QStringLiteral("NAME"), QStringLiteral("IP"), QStringLiteral("CODE"),
-                                                     QStringLiteral("RSSI"), QStringLiteral("IDENTIFIER")));
+        printLine(QStringLiteral("         ") + columns(QStringLiteral("NAME"), QStringLiteral("IP"),
+                                                        QStringLiteral("CODE"), QStringLiteral("RSSI"),
+                                                        QStringLiteral("IDENTIFIER")));
         for (const Row& r : rows) printLine(QStringLiteral("         ") + rowText(r));
         return 0;
     }
