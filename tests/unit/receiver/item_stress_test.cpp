@@ -59,9 +59,12 @@ TEST(ItemStress, SamplesDecayAndReadersOnThreeThreads) {
 
     // A fast timer of its own on the same queue ticks the item while samples restart its timer.
     std::weak_ptr<QVLumerixItem> weak = item;
-    auto fastTick = CreateDispatchTimer(&queue, [weak] {
-        if (auto it = weak.lock()) it->decayItemIfNotReceivingRssi();
-    }, 0.001);
+    auto fastTick = CreateDispatchTimer(
+        &queue,
+        [weak] {
+            if (auto it = weak.lock()) it->decayItemIfNotReceivingRssi();
+        },
+        0.001);
 
     std::atomic<bool> feeding{true};
     std::thread feeder([&] {
