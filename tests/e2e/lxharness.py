@@ -249,7 +249,12 @@ class Bluez:
             changed['RSSI'] = dbus.Int16(rssi)
         if manufacturer is not None:
             changed['ManufacturerData'] = manufacturer_data(manufacturer, company)
-        self.mock(self.device_path(address, adapter)).UpdateProperties(DEVICE_IFACE, changed)
+        self.emit_properties_changed(self.device_path(address, adapter), DEVICE_IFACE, changed)
+
+    def emit_properties_changed(self, path, interface, changed):
+        """PropertiesChanged as bluetoothd sends it (the mock's UpdateProperties cannot carry a{qv})."""
+        self.mock(path).EmitSignal('org.freedesktop.DBus.Properties', 'PropertiesChanged', 'sa{sv}as', [
+            interface, dbus.Dictionary(changed, signature='sv'), dbus.Array([], signature='s')])
 
     def remove_device(self, address, adapter='hci0'):
         path = self.device_path(address, adapter)
