@@ -204,13 +204,17 @@ class Bluez:
         return '/org/bluez/%s/dev_%s' % (name, address.replace(':', '_').upper())
 
     def add_device(self, address, local_name, rssi=-60, manufacturer=None, company=DEFAULT_COMPANY_ID,
-                   adapter='hci0'):
-        """Adds a device as the template does, then gives it RSSI and manufacturer data; the
-        InterfacesAdded signal already carries them, as bluetoothd's does for a fresh device."""
+                   adapter='hci0', connect_error=None):
+        """Adds a device with RSSI and manufacturer data; the InterfacesAdded signal carries them,
+        as bluetoothd's does for a freshly seen device. connect_error: the D-Bus error name that
+        Device1.Connect answers with, instead of connecting."""
         path = self.device_path(address, adapter)
         props = self._device_properties(address, local_name, rssi, manufacturer, company, adapter)
+        connect = CONNECT_CODE
+        if connect_error:
+            connect = 'raise dbus.exceptions.DBusException("le-connection-abort-by-local", name=%r)' % connect_error
         self.root.AddObject(path, DEVICE_IFACE, props, [
-            ('Connect', '', '', CONNECT_CODE),
+            ('Connect', '', '', connect),
             ('Disconnect', '', '', DISCONNECT_CODE),
         ], dbus_interface=MOCK_IFACE)
         self.root.EmitSignal(OBJECT_MANAGER_IFACE, 'InterfacesAdded', 'oa{sa{sv}}',

@@ -51,6 +51,21 @@ class GattRead(h.LumerixTestCase):
         self.assertEqual(rc, 0, err)
         self.assertEqual(out.splitlines(), ['%s: %s' % f for f in FIELDS], err)
 
+    def test_a_failed_connection_reaches_the_handler_as_connection_failed(self):
+        self.bluez.add_adapter()
+        run = self.start_lumerix('--gatt-read', h.identifier(ADDRESS), '--timeout', '3')
+        wait_for_discovery(self.bluez)
+        self.bluez.add_device(ADDRESS, 'LX', rssi=-50, manufacturer=h.advertisement('10.0.0.5', 12, 34, 'Room A'),
+                              connect_error='org.bluez.Error.Failed')
+        rc, out, err = run.wait(15)
+        self.assertEqual(rc, 3, err)
+        self.assertEqual(out, '')
+        failures = [l for l in err.splitlines() if 'connection failed to peripheral' in l]
+        self.assertEqual(len(failures), 1, err)
+        self.assertIn(h.identifier(ADDRESS), failures[0])
+        self.assertIn('org.bluez.Error.Failed', failures[0])
+        self.assertIn('no connection', err)
+
     def test_times_out_when_the_receiver_is_not_around(self):
         self.bluez.add_adapter()
         rc, out, err = self.run_lumerix('--gatt-read', h.identifier(ADDRESS), '--timeout', '2')
