@@ -117,6 +117,24 @@ class ScanListsReceivers(h.LumerixTestCase):
         self.assertIn('is not a byte array', err)
 
 
+    def test_discovery_follows_the_default_adapter(self):
+        self.bluez.add_adapter('hci0')
+        self.bluez.add_adapter('hci1')
+        run = self.start_lumerix('--scan', '3', '--json')
+        wait_for_discovery(self.bluez)
+        self.bluez.remove_adapter('hci0')
+        deadline = time.monotonic() + 5
+        while 'StartDiscovery' not in self.bluez.adapter_calls('hci1') and time.monotonic() < deadline:
+            time.sleep(0.05)
+        address, ip, hi, lo, name = ROOM_A
+        self.bluez.add_device(address, 'LX', rssi=-58, manufacturer=h.advertisement(ip, hi, lo, name),
+                              adapter='hci1')
+        rc, out, err = run.wait(15)
+        self.assertEqual(rc, 0, err)
+        self.assertIn('StartDiscovery', self.bluez.adapter_calls('hci1'), err)
+        self.assertEqual(json.loads(out), [entry(ROOM_A, -58)], err)
+
+
 class ScanWithoutBluetooth(h.LumerixTestCase):
 
     def assert_unavailable(self, rc, out, err, state_text):

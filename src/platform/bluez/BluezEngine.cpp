@@ -285,16 +285,20 @@ void BluezEngine::recomputeState() {
     std::optional<BluezAdapterProperties> adapter;
     if (!adapters_.isEmpty()) adapter = adapters_.first();
     const int state = bluez::centralState(bluezPresent_, accessDenied_, adapter);
+    if (state == 5 && scanning_ && adapterPath() != discoveryAdapter_)
+        beginDiscovery();  // new default adapter
     if (stateReported_ && state == state_) return;
     if (state != 5) {
         scanning_ = false;
         discoveryActive_ = false;
+        discoveryAdapter_.clear();
     }
     Log::logf("BluezCentral: state %d (%s)", state, utf8(adapterPath()).constData());
     state_ = state;
     stateReported_ = true;
     if (auto link = link_.lock()) link->state.store(state);
     BleCentralDelegate* delegate = delegate_;
+    if (!delegate) return;
     deliver([delegate, state] { delegate->centralManagerDidUpdateState(state); });
 }
 
@@ -310,6 +314,7 @@ void BluezEngine::startScan(bool allowDuplicates) {
 
 void BluezEngine::beginDiscovery() {
     const QString adapter = adapterPath();
+    discoveryAdapter_ = adapter;
     QVariantMap filter;
     filter.insert(QStringLiteral("Transport"), QStringLiteral("le"));
     filter.insert(QStringLiteral("DuplicateData"), allowDuplicates_);
@@ -335,11 +340,12 @@ void BluezEngine::beginDiscovery() {
 
 void BluezEngine::stopScan() {
     const bool wasActive = discoveryActive_ || scanning_;
+    const QString adapter = discoveryAdapter_.isEmpty() ? adapterPath() : discoveryAdapter_;
     scanning_ = false;
     discoveryActive_ = false;
-    if (!wasActive || adapterPath().isEmpty()) return;
-    auto stop =
-        QDBusMessage::createMethodCall(kService, adapterPath(), kAdapter, QStringLiteral("StopDiscovery"));
+    discoveryAdapter_.clear();
+    if (!wasActive || adapter.isEmpty()) return;
+    auto stop = QDBusMessage::createMethodCall(kService, adapter, kAdapter, QStringLiteral("StopDiscovery"));
     call(stop, [](const QDBusMessage& reply) {
         if (reply.type() == QDBusMessage::ErrorMessage)
             Log::logf("BluezCentral: StopDiscovery failed: %s", utf8(errorText(reply)).constData());
@@ -376,6 +382,7 @@ void BluezEngine::reportAdvertisement(const QString& path) {
     data.manufacturerData = it->props.manufacturerData;
     const double rssi = it->props.rssi ? double(*it->props.rssi) : 127.0;  // 127: no reading
     BleCentralDelegate* delegate = delegate_;
+    if (!delegate) return;
     deliver([delegate, peripheral, data, rssi] {
         delegate->centralManagerDidDiscoverPeripheral(peripheral, data, rssi);
     });
@@ -388,6 +395,7 @@ void BluezEngine::connectDevice(const QString& path) {
         Log::logf("BluezCentral: connect to unknown device %s", utf8(path).constData());
         if (peripheral) {
             BleCentralDelegate* delegate = delegate_;
+            if (!delegate) return;
             deliver([delegate, peripheral] {
                 delegate->centralManagerDidFailToConnectPeripheral(
                     peripheral, BleError{BluezErrorConnectionFailed, QStringLiteral("the device is gone")});
@@ -412,6 +420,7 @@ void BluezEngine::connectDevice(const QString& path) {
         auto peripheral = peripherals_.value(path);
         if (!peripheral) return;
         BleCentralDelegate* delegate = delegate_;
+        if (!delegate) return;
         BleError error{BluezErrorConnectionFailed, errorText(reply)};
         deliver([delegate, peripheral, error] {
             delegate->centralManagerDidFailToConnectPeripheral(peripheral, error);
@@ -441,6 +450,7 @@ void BluezEngine::reportConnected(const QString& path) {
     auto peripheral = peripherals_.value(path);
     if (!peripheral) return;
     BleCentralDelegate* delegate = delegate_;
+    if (!delegate) return;
     deliver([delegate, peripheral] { delegate->centralManagerDidConnectPeripheral(peripheral); });
 }
 
@@ -455,6 +465,7 @@ void BluezEngine::reportDisconnected(const QString& path, std::optional<int> err
     std::optional<BleError> e;
     if (error) e = BleError{*error, QStringLiteral("disconnected (code %1)").arg(*error)};
     BleCentralDelegate* delegate = delegate_;
+    if (!delegate) return;
     deliver([delegate, peripheral, e] { delegate->centralManagerDidDisconnectPeripheral(peripheral, e); });
 }
 
