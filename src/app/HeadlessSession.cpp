@@ -96,7 +96,7 @@ void HeadlessSession::tryStart() {
 
 void HeadlessSession::bluetoothUnavailable(int state, bool wasScanning) {
     const QString text = wasScanning
-                             ? QStringLiteral("lumerix: Bluetooth went away during the scan: %1\n")
+                             ? QStringLiteral("lumerix: Bluetooth became unavailable during the scan: %1\n")
                              : QStringLiteral("lumerix: Bluetooth is off or no adapter was found: %1\n");
     std::fputs(text.arg(stateText(state)).toUtf8().constData(), stderr);
     finish(kExitBluetoothUnavailable);

@@ -110,6 +110,9 @@ BUS_CONFIG = '''<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Config
 
 # Refuses everyone's method calls to bluetoothd (a user without Bluetooth rights).
 DENY_BLUEZ = '<deny send_destination="org.bluez"/>'
+# Lets everyone read bluetoothd's objects but not start discovery.
+DENY_BLUEZ_DISCOVERY = ('<deny send_destination="org.bluez" send_interface="org.bluez.Adapter1" '
+                        'send_member="StartDiscovery"/>')
 
 
 class PrivateBus:

@@ -160,7 +160,7 @@ class ScanWithoutBluetooth(h.LumerixTestCase):
         rc, out, err = run.wait(8)
         self.assertEqual(rc, 2, err)
         self.assertEqual(out, '')
-        self.assertIn('Bluetooth went away during the scan', err)
+        self.assertIn('Bluetooth became unavailable during the scan: state 4, powered off', err)
 
 
 class ScanWithoutBluez(h.LumerixTestCase):
@@ -181,7 +181,18 @@ class ScanDenied(h.LumerixTestCase):
         rc, out, err = self.run_lumerix('--scan', '5', '--json')
         self.assertEqual(rc, 2, err)
         self.assertEqual(out, '')
-        self.assertIn('unauthorized', err)
+        self.assertIn('Bluetooth is off or no adapter was found: state 3, unauthorized', err)
+
+
+class ScanDeniedDiscovery(h.LumerixTestCase):
+    bus_policy = h.DENY_BLUEZ_DISCOVERY
+
+    def test_discovery_denied(self):
+        self.bluez.add_adapter()
+        rc, out, err = self.run_lumerix('--scan', '5', '--json')
+        self.assertEqual(rc, 2, err)
+        self.assertEqual(out, '')
+        self.assertIn('state 3, unauthorized', err)
 
 
 if __name__ == '__main__':

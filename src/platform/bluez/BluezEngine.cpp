@@ -331,6 +331,10 @@ void BluezEngine::beginDiscovery() {
             if (r.type() == QDBusMessage::ErrorMessage &&
                 r.errorName() != QLatin1String("org.bluez.Error.InProgress")) {
                 Log::logf("BluezCentral: StartDiscovery failed: %s", utf8(errorText(r)).constData());
+                if (r.errorName() == QLatin1String("org.freedesktop.DBus.Error.AccessDenied")) {
+                    accessDenied_ = true;  // may read the adapter, may not scan
+                    recomputeState();
+                }
                 return;
             }
             discoveryActive_ = true;
