@@ -13,6 +13,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <vector>
 
 #include "ble/BleCentral.h"
 #include "dispatch/DispatchQueue.h"
@@ -35,7 +36,8 @@ public:
 // What a handler is built from; production and tests differ only here.
 struct HandlerEnvironment {
     std::shared_ptr<Clock> clock = systemClock();
-    // The main thread's queue (the shell's); must outlive the handler.
+    // The main thread's queue (the shell's); must outlive the handler and its work in flight: a
+    // handler whose last reference goes away on its own queues is torn down there.
     DispatchQueue* mainQueue = nullptr;
     // Makes the scan queue and the serial evaluation queue, given their labels.
     std::function<std::unique_ptr<DispatchQueue>(const std::string& label)> makeQueue;
@@ -50,7 +52,8 @@ public:
     static constexpr const char* kEvaluateQueueLabel = "com.zemko.Lumerix.evaluate";
     static constexpr double kRescanIntervalMs = 15000.0;
 
-    // Plain construction (init).
+    // Plain construction (init). The handler must be owned through this shared pointer: queued
+    // blocks reach it through weak references.
     static std::shared_ptr<QVLumerixHandler> create(HandlerEnvironment env);
     // The process-wide instance, created on first use from the environment given beforehand.
     static std::shared_ptr<QVLumerixHandler> sharedHandler();
@@ -148,6 +151,8 @@ private:
     std::unique_ptr<DispatchQueue> evaluatingQueue_;
     std::unique_ptr<BleCentral> cbCM_;
     QHash<QString, QVLumerixItemRef> discoveredDeviceInfo_;  // guarded by itemLock_
+    // Every item this handler made, so teardown can stop their decay timers; guarded by itemLock_.
+    std::vector<std::weak_ptr<QVLumerixItem>> createdItems_;
     std::atomic<bool> autoDisconnectAfterResolve_{true};
     std::atomic<LumerixHandler_Delegate*> delegate_{nullptr};
     std::atomic<int> mCurrentState_{0};
