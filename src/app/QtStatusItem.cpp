@@ -68,7 +68,7 @@ QIcon QtStatusItem::iconFor(const StatusImage& image) {
     auto cached = icons_.constFind(key);
     if (cached != icons_.constEnd()) return *cached;
     QIcon icon(iconPath(resourcesDir_, image.name()));
-    if (icon.isNull() || icon.availableSizes().isEmpty()) {
+    if (icon.pixmap(22, 22).isNull()) {
         Log::logf("Tray icon %s could not be loaded from %s", image.name().toUtf8().constData(),
                   resourcesDir_.toUtf8().constData());
     }
