@@ -1,0 +1,132 @@
+#pragma once
+// The whole shell: start-up and shut-down, the Bluetooth check, the aging and menu-rebuild timers,
+// sleep and wake, the receiver list and the status menu built from it, the reference table, the
+// connect action and the sender command listener. Everything except the listener thread runs on
+// the main queue; the desktop is reached only through ShellPorts.
+#include <QByteArray>
+#include <QVariantList>
+#include <atomic>
+#include <memory>
+#include <optional>
+#include <vector>
+
+#include "dispatch/DispatchTimer.h"
+#include "dispatch/ThreadQueue.h"
+#include "receiver/QVLumerixItem.h"
+#include "sender/CommandListener.h"
+#include "sender/ConnectionInfo.h"
+#include "shell/ShellPorts.h"
+
+namespace lumerix {
+
+class AppDelegate final : public LumerixHandler_Delegate, public MenuActionTarget, public WorkspaceObserver {
+public:
+    static constexpr double kCheckTimeoutIntervalSeconds = 5.0;
+    static constexpr double kMenuRebuildIntervalSeconds = 5.0;
+    // A receiver not heard for longer than this leaves the list.
+    static constexpr double kReceiverTimeoutMs = 20000.0;
+    static constexpr int kScanRetryCount = 50;
+    static constexpr std::chrono::microseconds kScanRetryPause{10000};
+    static constexpr const char* kSenderProcessName = "Sharvane";
+    static constexpr const char* kSenderBundleIdentifier = "com.Sharvane.Ondrel";
+    static constexpr uint32_t kProcessIdCapacity = 3;
+    static constexpr const char* kReferenceTableFileName = "ReferenceTable.plist";
+    static constexpr const char* kDefaultReferenceTableFileName = "DefaultReferenceTable.plist";
+    static constexpr const char* kUnreadableSuffix = ".unreadable";
+
+    // The shell command that starts the sender by its bundle identifier on this platform.
+    static QByteArray SenderLaunchCommand();
+
+    explicit AppDelegate(ShellEnvironment env);
+    // dealloc: stops the timers and the listener, lets go of the handler.
+    ~AppDelegate() override;
+    AppDelegate(const AppDelegate&) = delete;
+    AppDelegate& operator=(const AppDelegate&) = delete;
+
+    // Lifecycle.
+    void awakeFromNib();
+    void applicationDidFinishLaunching();
+    void applicationWillTerminate();
+    void receiveSleepNote() override;
+    void receiveWakeNote() override;
+    void StartScanBeacon();
+    void StopScanBeacon();
+    void ShowAbout();
+    void QuitApp();
+
+    // Reference table.
+    bool LoadReferenceTable();
+    bool SaveReferenceTable();
+    // <Application Support>/Tavik/Lumerix; empty when there is no Application Support folder.
+    QString ReferenceTableFolder() const;
+
+    // Receiver list and menu.
+    void InitStatusBar();
+    void AddFixedMenuItems();
+    void UpdateMenuOfStatusBar();
+    void UpdateMenu();
+    // Aging; ignores any timer but m_pCheckTimeoutTimer.
+    void OnTimer(const DispatchTimerRef& timer);
+
+    // LumerixHandler_Delegate.
+    void lumerixStateDidChange(int state) override {}
+    void lumerixDidDiscoverItem(const QVLumerixItemRef& item) override;
+    void lumerixClosestItemDidChange(const QVLumerixItemRef& item) override {}
+    void lumerixItem(const QVLumerixItemRef& item, int status) override {}
+    void lumerixOnError(int code) override {}
+
+    // Sender link.
+    void performMenuAction(const MenuItemRef& item) override;
+    void DeviceConnectAction(const MenuItemRef& sender);
+    void SendDataToOndrelTimer(const ConnectionInfo& userInfo);
+    // The listener's thread body, run on the calling thread; false when it could not listen.
+    bool ListenCmdFromSenderThread();
+    uint64_t ParserCmd(const uint8_t* request, uint8_t* output, uint64_t outputLength);
+
+    // State, for the desktop adapter and tests.
+    bool connectFlag() const { return m_bConnect; }
+    LumerixScanning* lumerix() const { return m_pLumerix.get(); }
+    bool appIsClosing() const { return m_bAppIsClosing.load(); }
+    PendingConnectionSlot& dictTargetDevice() { return m_pDictTargetDevice; }
+    const StatusImageRef& normalIconImage() const { return m_pNormal_IconImage; }
+    const StatusImageRef& normalDisableIconImage() const { return m_pNormal_Disable_IconImage; }
+    const std::optional<QVariantList>& referenceTable() const { return m_pReferenceTable; }
+    const std::vector<MenuItemRef>& menuList() const { return m_pMenuList; }
+    const QList<ReceiverDictionary>& discoveredDevice() const { return m_pDiscoveredDevice; }
+    const std::vector<QVLumerixItemRef>& discoveredDeviceAry() const { return m_pDiscoveredDeviceAry; }
+    const DispatchTimerRef& checkTimeoutTimer() const { return m_pCheckTimeoutTimer; }
+    const MenuRef& statusMenu() const { return m_pStatusMenu; }
+    const StatusItemRef& statusItem() const { return m_pStatusItem; }
+    CommandListener* commandListener() const { return m_listener.get(); }
+
+private:
+    void deliverFrame(const ConnectionInfo& info);
+    void keepUnreadableReferenceTable(const QString& path);
+
+    ShellEnvironment env_;
+    std::unique_ptr<ThreadQueue> deliveryQueue_;  // only with the default delivery
+
+    bool m_bConnect = false;
+    std::unique_ptr<LumerixScanning> m_pLumerix;
+    std::atomic<bool> m_bAppIsClosing{false};
+    PendingConnectionSlot m_pDictTargetDevice;
+    StatusImageRef m_pNormal_IconImage;
+    StatusImageRef m_pNormal_Disable_IconImage;
+    std::optional<QVariantList> m_pReferenceTable;
+    std::vector<MenuItemRef> m_pMenuList;
+    QList<ReceiverDictionary> m_pDiscoveredDevice;
+    std::vector<QVLumerixItemRef> m_pDiscoveredDeviceAry;
+    DispatchTimerRef m_pCheckTimeoutTimer;
+    std::optional<QVariantList> m_pDefaultReferenceTable;
+    MenuRef m_pStatusMenu;
+    StatusItemRef m_pStatusItem;
+
+    DispatchTimerRef menuRebuildTimer_;
+    bool observingWorkspace_ = false;
+    // The saved table could not be read at launch; it is kept aside before being overwritten.
+    bool referenceTableUnreadable_ = false;
+    // Declared last: its thread reads the slot and the closing flag above until it is joined.
+    std::unique_ptr<CommandListener> m_listener;
+};
+
+}  // namespace lumerix

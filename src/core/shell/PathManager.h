@@ -1,0 +1,35 @@
+#pragma once
+// Where things live on this desktop. On Linux the "application bundle" is the installation
+// prefix: <prefix>/bin/lumerix with its resources in <prefix>/share/lumerix (the build tree has
+// the same shape).
+#include <QString>
+#include <optional>
+
+namespace lumerix {
+
+class PathManager {
+public:
+    // True when the path lies on a removable block device.
+    static bool CheckRemovableDiskPath(const QString& path);
+    // Same, with the sysfs block-class folder given (tests).
+    static bool CheckRemovableDiskPath(const QString& path, const QString& sysClassBlock);
+    // Opens the file with the desktop's default application (xdg-open); true when that started.
+    static bool ExecuteApplication(const QString& path);
+
+    // ~/.local/share (the user's Application Support counterpart).
+    static std::optional<QString> GetApplicationSupportPath();
+    // ~/.local/share/applications.
+    static std::optional<QString> GetApplicationPath();
+    // ~/.local/share/doc (documentation, not the Documents folder).
+    static std::optional<QString> GetDocumentPath();
+
+    static QString GetExecutablePath();
+    // The installation prefix: the executable's folder's parent.
+    static QString GetAppPath();
+    // GetAppPath()/<application name>/Contents.
+    static QString GetAppContentsPath();
+    // <prefix>/share/lumerix, where the icons and DefaultReferenceTable.plist are.
+    static QString GetResourcePath();
+};
+
+}  // namespace lumerix
