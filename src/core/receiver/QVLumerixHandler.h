@@ -13,6 +13,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <vector>
 
 #include "ble/BleCentral.h"
 #include "dispatch/DispatchQueue.h"
@@ -50,7 +51,8 @@ public:
     static constexpr const char* kEvaluateQueueLabel = "com.zemko.Lumerix.evaluate";
     static constexpr double kRescanIntervalMs = 15000.0;
 
-    // Plain construction (init).
+    // Plain construction (init). The handler must be owned through this shared pointer: queued
+    // blocks reach it through weak references.
     static std::shared_ptr<QVLumerixHandler> create(HandlerEnvironment env);
     // The process-wide instance, created on first use from the environment given beforehand.
     static std::shared_ptr<QVLumerixHandler> sharedHandler();
@@ -148,6 +150,8 @@ private:
     std::unique_ptr<DispatchQueue> evaluatingQueue_;
     std::unique_ptr<BleCentral> cbCM_;
     QHash<QString, QVLumerixItemRef> discoveredDeviceInfo_;  // guarded by itemLock_
+    // Every item this handler made, so teardown can stop their decay timers; guarded by itemLock_.
+    std::vector<std::weak_ptr<QVLumerixItem>> createdItems_;
     std::atomic<bool> autoDisconnectAfterResolve_{true};
     std::atomic<LumerixHandler_Delegate*> delegate_{nullptr};
     std::atomic<int> mCurrentState_{0};
