@@ -1,0 +1,256 @@
+// The connection-info frame, the request parser and the hex dump, byte for byte.
+#include <gtest/gtest.h>
+
+#include <array>
+#include <atomic>
+#include <vector>
+
+#include "log/Log.h"
+#include "sender/CommandListener.h"
+#include "sender/HexDump.h"
+#include "sender/MainController.h"
+
+namespace lumerix {
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+
+ConnectionInfo info(std::initializer_list<std::pair<const char*, QString>> entries) {
+    ConnectionInfo map;
+    for (const auto& [key, value] : entries) map.insert(QString::fromUtf8(key), value);
+    return map;
+}
+
+uint8_t checksum(const uint8_t* from, const uint8_t* to) {
+    int sum = 0;
+    for (const uint8_t* p = from; p < to; ++p) sum += *p;
+    return static_cast<uint8_t>(sum);
+}
+
+struct FrameCase {
+    const char* name;
+    ConnectionInfo userInfo;
+    Bytes expectedPrefix;  // the first bytes of the buffer
+    uint64_t expectedLength;
+};
+
+TEST(GeneralPacket, BuildsTheSpecifiedLayout) {
+    const QString ip = QStringLiteral("192.168.1.10");
+    Bytes ipFrame{0x02, 0x03, 0x03, 0x16, 0x00, 0x0C};
+    for (const char c : ip.toLatin1()) ipFrame.push_back(static_cast<uint8_t>(c));
+    ipFrame.insert(ipFrame.end(), {0, 0, 0, 0});
+    ipFrame.push_back(checksum(ipFrame.data() + 5, ipFrame.data() + 22));
+    ipFrame.insert(ipFrame.end(), {0x02, 0x03});
+
+    const std::vector<FrameCase> cases = {
+        {"empty", {}, {0x02, 0x03, 0x03, 0x0A, 0x00, 0, 0, 0, 0, 0, 0x00, 0x02, 0x03}, 12},
+        {"ip only", info({{"IP", ip}}), ipFrame, 24},
+        {"Café is cut to four bytes",
+         info({{"DeviceName", QString::fromUtf8("Caf\xC3\xA9")}}),
+         {0x02, 0x03, 0x03, 0x0E, 0x00, 0x00, 0x04, 0x43, 0x61, 0x66, 0xC3, 0, 0, 0,
+          static_cast<uint8_t>(0x04 + 0x43 + 0x61 + 0x66 + 0xC3), 0x02, 0x03},
+         16},
+        {"fixed field order, a key outside the set ignored",
+         info({{"WiFiKey", QStringLiteral("e")}, {"WiFiSSID", QStringLiteral("d")}, {"LoginCode", QStringLiteral("c")},
+               {"DeviceName", QStringLiteral("b")}, {"IP", QStringLiteral("a")}, {"Other", QStringLiteral("zz")}}),
+         {0x02, 0x03, 0x03, 0x0F, 0x00, 1, 'a', 1, 'b', 1, 'c', 1, 'd', 1, 'e',
+          static_cast<uint8_t>(5 + 'a' + 'b' + 'c' + 'd' + 'e'), 0x02, 0x03},
+         17},
+        {"a present empty value is an empty field",
+         info({{"IP", QString()}, {"WiFiKey", QStringLiteral("k")}}),
+         {0x02, 0x03, 0x03, 0x0B, 0x00, 0, 0, 0, 0, 1, 'k', static_cast<uint8_t>(1 + 'k'), 0x02, 0x03},
+         13},
+        {"an embedded zero ends the copy, the rest is zero-filled",
+         info({{"IP", QStringLiteral("ab") + QChar(0) + QStringLiteral("c")}}),
+         {0x02, 0x03, 0x03, 0x0E, 0x00, 4, 'a', 'b', 0, 0, 0, 0, 0, 0, static_cast<uint8_t>(4 + 'a' + 'b'), 0x02,
+          0x03},
+         16},
+    };
+    for (const FrameCase& c : cases) {
+        SCOPED_TRACE(c.name);
+        std::array<uint8_t, kFrameBufferSize> buffer;
+        buffer.fill(0xEE);
+        ScopedLogCapture capture;
+        EXPECT_EQ(MainController::GeneralPacket(buffer.data(), buffer.size(), c.userInfo), c.expectedLength);
+        EXPECT_EQ(Bytes(buffer.begin(), buffer.begin() + static_cast<long>(c.expectedPrefix.size())), c.expectedPrefix);
+    }
+}
+
+TEST(GeneralPacket, LengthAndFieldLimits) {
+    struct LimitCase {
+        const char* name;
+        ConnectionInfo userInfo;
+        uint64_t bufferLength;
+        uint64_t expected;  // 0 = refused
+    };
+    const QString f255(255, QLatin1Char('x'));
+    const QString f256(256, QLatin1Char('x'));
+    // 255 UTF-16 units but 256 UTF-8 bytes: too long for the scratch copy.
+    const QString multibyte = QString(254, QLatin1Char('x')) + QString::fromUtf8("\xC3\xA9");
+    const std::vector<LimitCase> cases = {
+        {"255 characters fit", info({{"IP", f255}}), 1024, 255 + 12},
+        {"256 characters refused", info({{"WiFiKey", f256}}), 1024, 0},
+        {"256 UTF-8 bytes refused", info({{"DeviceName", multibyte}}), 1024, 0},
+        {"three fields of 255 fit", info({{"IP", f255}, {"DeviceName", f255}, {"LoginCode", f255}}), 1024, 765 + 12},
+        {"four fields of 255 overflow 1024",
+         info({{"IP", f255}, {"DeviceName", f255}, {"LoginCode", f255}, {"WiFiSSID", f255}}), 1024, 0},
+        {"exactly fits L+3", info({{"IP", QStringLiteral("abc")}}), 16, 15},
+        {"one byte short", info({{"IP", QStringLiteral("abc")}}), 15, 0},
+    };
+    for (const LimitCase& c : cases) {
+        SCOPED_TRACE(c.name);
+        std::vector<uint8_t> buffer(1400, 0xEE);
+        ScopedLogCapture capture;
+        EXPECT_EQ(MainController::GeneralPacket(buffer.data(), c.bufferLength, c.userInfo), c.expected);
+        if (c.expected == 0) {
+            EXPECT_EQ(buffer, std::vector<uint8_t>(1400, 0xEE)) << "a refusal writes nothing";
+            EXPECT_EQ(capture.lines().size(), 2) << capture.lines().join(QString()).toStdString();
+        } else {
+            const uint64_t length = c.expected - 2;
+            EXPECT_EQ(buffer[3], length & 0xFF);
+            EXPECT_EQ(buffer[4], length >> 8);
+            EXPECT_EQ(buffer[length + 2], 0x03);
+            EXPECT_EQ(buffer[length + 3], 0xEE) << "nothing past L+2";
+        }
+    }
+}
+
+TEST(GeneralPacket, LogsFieldsPositionsAndSignWidenedHex) {
+    std::array<uint8_t, kFrameBufferSize> buffer{};
+    ScopedLogCapture capture;
+    // "é" makes a field byte >= 0x80 and pushes the checksum above 0x80 as well.
+    MainController::GeneralPacket(buffer.data(), buffer.size(),
+                                  info({{"IP", QStringLiteral("1")}, {"LoginCode", QString::fromUtf8("\xC3\xA9")}}));
+    const QStringList expected = {
+        QStringLiteral("GeneralPacket\n"),
+        QStringLiteral("GeneralPacket ip: 1\n"),
+        QStringLiteral("Finish GeneralPacket ip: 7\n"),
+        QStringLiteral("GeneralPacket DeviceName: (null)\n"),
+        QStringLiteral("Finish GeneralPacket DeviceName: 8\n"),
+        QString::fromUtf8("GeneralPacket LoginCode: \xC3\xA9\n"),
+        QStringLiteral("Finish GeneralPacket LoginCode: 10\n"),
+        QStringLiteral("GeneralPacket WiFiSSID: (null)\n"),
+        QStringLiteral("Finish GeneralPacket WiFiSSID: 11\n"),
+        QStringLiteral("GeneralPacket WiFiKey: (null)\n"),
+        QStringLiteral("Finish GeneralPacket WiFiKey: 12\n"),
+        // checksum 01 + 31 + 00 + 01 + c3 + 00 + 00 = f6
+        QStringLiteral("GeneralPacket: 02 03 03 0c 00 01 31 00 01 ffffffc3 00 00 fffffff6 02 \n\n"),
+    };
+    EXPECT_EQ(capture.lines(), expected);
+}
+
+Bytes zeroPadded(const Bytes& head) {
+    Bytes request(kFrameBufferSize, 0);
+    std::copy(head.begin(), head.end(), request.begin());
+    return request;
+}
+
+TEST(ParserCmd, JudgesRequestsAndHandsOutOnce) {
+    struct ParserCase {
+        const char* name;
+        Bytes request;  // the head of a zeroed 1024-byte receive buffer
+        bool accepted;
+    };
+    Bytes longValid = {0x02, 0x03, 0x04, 0x2C, 0x01};  // L = 300
+    longValid.resize(300, 0x01);
+    longValid.push_back(static_cast<uint8_t>(295));
+    longValid.insert(longValid.end(), {0x02, 0x03});
+    Bytes atEdge = {0x02, 0x03, 0x04, 0xFD, 0x04};  // L = -3 + 4 * 256 = 1021: the end mark sits at 1023
+    atEdge.resize(1021, 0);
+    atEdge.insert(atEdge.end(), {0x00, 0x02, 0x03});
+
+    const std::vector<ParserCase> cases = {
+        {"L=5, expected checksum 0", {0x02, 0x03, 0x04, 0x05, 0x00, 0x00, 0x02, 0x03}, true},
+        {"L=6 good checksum", {0x02, 0x03, 0x04, 0x06, 0x00, 0x41, 0x41, 0x02, 0x03}, true},
+        {"L=6 bad checksum", {0x02, 0x03, 0x04, 0x06, 0x00, 0x41, 0x42, 0x02, 0x03}, false},
+        {"first start mark wrong only", {0x07, 0x03, 0x04, 0x05, 0x00, 0x00, 0x02, 0x03}, true},
+        {"second start mark wrong only", {0x02, 0x07, 0x04, 0x05, 0x00, 0x00, 0x02, 0x03}, true},
+        {"both start marks wrong", {0x07, 0x07, 0x04, 0x05, 0x00, 0x00, 0x02, 0x03}, false},
+        {"command 0x03", {0x02, 0x03, 0x03, 0x05, 0x00, 0x00, 0x02, 0x03}, false},
+        {"one end mark is enough", {0x02, 0x03, 0x04, 0x05, 0x00, 0x00, 0x09, 0x03}, true},
+        {"both end marks wrong", {0x02, 0x03, 0x04, 0x05, 0x00, 0x00, 0x09, 0x09}, false},
+        {"signed checksum over 0x80 bytes", {0x02, 0x03, 0x04, 0x07, 0x00, 0x90, 0x90, 0x20, 0x02, 0x03}, true},
+        {"L = 300 over two length bytes", longValid, true},
+        {"L+2 at the last byte", atEdge, true},
+        {"L+2 just outside the buffer", {0x02, 0x03, 0x04, 0xFE, 0x04}, false},
+        {"L far outside", {0x02, 0x03, 0x04, 0x00, 0x7F}, false},
+        {"negative L through byte 4", {0x02, 0x03, 0x04, 0x05, 0xFF}, false},
+        {"byte 3 above 0x7F subtracts 256", {0x02, 0x03, 0x04, 0x85, 0x00}, false},
+    };
+    std::atomic<bool> closing{false};
+    PendingConnectionSlot slot;
+    CommandListener listener(slot, closing, 0);
+    const ConnectionInfo parked = info({{"IP", QStringLiteral("10.0.0.7")}, {"DeviceName", QStringLiteral("Room")}});
+    ScopedLogCapture capture;
+    std::array<uint8_t, kFrameBufferSize> expectedFrame{};
+    const uint64_t expectedLength = MainController::GeneralPacket(expectedFrame.data(), expectedFrame.size(), parked);
+
+    for (const ParserCase& c : cases) {
+        SCOPED_TRACE(c.name);
+        const Bytes request = zeroPadded(c.request);
+        std::array<uint8_t, kFrameBufferSize> output{};
+
+        EXPECT_EQ(listener.ParserCmd(request.data(), output.data(), output.size()), 0u) << "nothing parked";
+
+        slot.park(parked);
+        const uint64_t length = listener.ParserCmd(request.data(), output.data(), output.size());
+        if (c.accepted) {
+            ASSERT_EQ(length, expectedLength);
+            EXPECT_EQ(Bytes(output.begin(), output.begin() + static_cast<long>(length)),
+                      Bytes(expectedFrame.begin(), expectedFrame.begin() + static_cast<long>(length)));
+            EXPECT_FALSE(slot.isPending()) << "taken once";
+            EXPECT_EQ(listener.ParserCmd(request.data(), output.data(), output.size()), 0u) << "second ask";
+        } else {
+            EXPECT_EQ(length, 0u);
+            EXPECT_TRUE(slot.isPending()) << "a refused request leaves it parked";
+            slot.take();
+        }
+    }
+}
+
+TEST(PendingConnectionSlot, ParkReplacesAndTakeEmpties) {
+    PendingConnectionSlot slot;
+    EXPECT_FALSE(slot.take().has_value());
+    slot.park(info({{"IP", QStringLiteral("first")}}));
+    slot.park(info({{"IP", QStringLiteral("second")}}));
+    const auto taken = slot.take();
+    ASSERT_TRUE(taken.has_value());
+    EXPECT_EQ(taken->value(QStringLiteral("IP")), QStringLiteral("second"));
+    EXPECT_FALSE(slot.isPending());
+}
+
+TEST(HexDump, Lines) {
+    Bytes sixteen(16);
+    for (uint8_t i = 0; i < 16; ++i) sixteen[i] = i;
+    const Bytes letters = {'A', 'B', 'C', 'D', 'E', 'F', 'G', 'H'};
+    Bytes seventeen(17, 'z');
+    seventeen[7] = 0x7F;
+    seventeen[8] = ' ';
+
+    struct DumpCase {
+        const char* name;
+        Bytes data;
+        uint64_t base;
+        std::string expected;
+    };
+    const std::vector<DumpCase> cases = {
+        {"one full line", sixteen, 0,
+         "[0000:0000] 00 01 02 03 04 05 06 07-08 09 0A 0B 0C 0D 0E 0F |........ ........|\n"},
+        {"short line, no dash, no group space", letters, 0x10000,
+         "[0001:0000] 41 42 43 44 45 46 47 48" + std::string(60 - 35, ' ') + "|ABCDEFGH|\n"},
+        {"two lines, label advances, base wraps at 32 bits", seventeen, 0x1FFFFFFF8ull,
+         "[FFFF:FFF8] 7A 7A 7A 7A 7A 7A 7A 7F-20 7A 7A 7A 7A 7A 7A 7A |zzzzzzz.  zzzzzzz|\n"
+         "[0000:0008] 7A" +
+             std::string(60 - 14, ' ') + "|z|\n"},
+        {"nothing", {}, 0, ""},
+    };
+    for (const DumpCase& c : cases) {
+        SCOPED_TRACE(c.name);
+        testing::internal::CaptureStdout();
+        HexDump(c.data.data(), static_cast<uint32_t>(c.data.size()), c.base);
+        EXPECT_EQ(testing::internal::GetCapturedStdout(), c.expected);
+    }
+}
+
+}  // namespace
+}  // namespace lumerix

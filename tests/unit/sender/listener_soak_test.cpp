@@ -1,0 +1,125 @@
+// A long day of requests against one real listener: descriptors stay bounded and every parked
+// receiver reaches the next valid request exactly once.
+#include <dirent.h>
+#include <gtest/gtest.h>
+
+#include <array>
+#include <atomic>
+#include <deque>
+#include <memory>
+#include <random>
+#include <thread>
+
+#include "log/Log.h"
+#include "sender/CommandListener.h"
+#include "sender/LoopbackClient.h"
+#include "sender/MainController.h"
+
+namespace lumerix {
+namespace {
+
+using namespace testing_loopback;
+
+int openDescriptors() {
+    int count = 0;
+    if (DIR* dir = ::opendir("/proc/self/fd")) {
+        while (const dirent* entry = ::readdir(dir)) count += entry->d_name[0] != '.';
+        ::closedir(dir);
+    }
+    return count - 1;  // the directory stream itself
+}
+
+TEST(CommandListenerSoak, TwentyThousandRequestsStayBoundedAndHandOutOnce) {
+    constexpr int kRequests = 20000;
+    constexpr int kSilentClients = 2;  // each costs the 2 s receive wait, served one after another
+    constexpr size_t kHeldByClients = 80;
+
+    ScopedLogCapture quiet;
+    std::atomic<bool> closing{false};
+    PendingConnectionSlot slot;
+    const int baseline = openDescriptors();
+    auto listener = std::make_unique<CommandListener>(slot, closing, 0);
+    listener->start();
+    const uint16_t port = listener->port();
+    int sent = 0;
+
+    // Clients that connect and say nothing: answered after the receive wait from the (zeroed) buffer.
+    std::vector<std::thread> silent;
+    std::array<Bytes, kSilentClients> silentReplies;
+    std::array<int, kSilentClients> silentFds{};
+    for (int i = 0; i < kSilentClients; ++i) {
+        silentFds[i] = connectTo(port);
+        silent.emplace_back([&, i] { silentReplies[i] = readReply(silentFds[i], 1); });
+    }
+    for (auto& t : silent) t.join();
+    for (int i = 0; i < kSilentClients; ++i) {
+        EXPECT_EQ(silentReplies[i], Bytes{0x00});
+        ::close(silentFds[i]);
+    }
+    sent += kSilentClients;
+
+    const Bytes valid = {0x02, 0x03, 0x04, 0x06, 0x00, 0x41, 0x41, 0x02, 0x03};
+    std::mt19937 random(20261123);
+    std::deque<int> held;  // clients that never close, more than the listener keeps
+    int parks = 0;
+    int framesHandedOut = 0;
+    int peak = 0;
+
+    for (int round = 0; sent < kRequests; ++round) {
+        switch (round % 4) {
+            case 0: {  // park a new receiver; the next valid request gets it, the one after does not
+                const QString ip = QStringLiteral("10.%1.%2.%3").arg(sent >> 16).arg((sent >> 8) & 0xFF).arg(sent & 0xFF);
+                slot.park({{QStringLiteral("IP"), ip}});
+                ++parks;
+                std::array<uint8_t, kFrameBufferSize> frame{};
+                const uint64_t length = MainController::GeneralPacket(frame.data(), frame.size(), {{QStringLiteral("IP"), ip}});
+                const Bytes reply = askListener(port, valid);
+                ASSERT_EQ(reply, Bytes(frame.begin(), frame.begin() + length)) << "request " << sent;
+                ++framesHandedOut;
+                ASSERT_EQ(askListener(port, valid), Bytes{0x00}) << "request " << sent + 1;
+                sent += 2;
+                break;
+            }
+            case 1: {  // random bytes
+                Bytes junk(1 + random() % 40);
+                for (auto& b : junk) b = static_cast<uint8_t>(random());
+                junk[2] = 0x04;
+                ASSERT_EQ(askListener(port, junk), Bytes{0x00}) << "request " << sent;
+                ++sent;
+                break;
+            }
+            case 2: {  // connect and close at once without a word
+                const int fd = connectTo(port);
+                ASSERT_NE(fd, -1);
+                ::close(fd);
+                ++sent;
+                break;
+            }
+            default: {  // a client that keeps its connection after the answer
+                const int fd = connectTo(port);
+                ASSERT_NE(fd, -1);
+                ::send(fd, valid.data(), valid.size(), MSG_NOSIGNAL);
+                ASSERT_EQ(readReply(fd, 1), Bytes{0x00}) << "request " << sent;
+                held.push_back(fd);
+                if (held.size() > kHeldByClients) {
+                    ::close(held.front());
+                    held.pop_front();
+                }
+                ++sent;
+                break;
+            }
+        }
+        if (round % 100 == 0) peak = std::max(peak, openDescriptors());
+    }
+    EXPECT_EQ(framesHandedOut, parks);
+    EXPECT_GT(parks, kRequests / 6);
+
+    // Ours: the held clients, at most kMaxOpenConnections on the listener side, a few fixed ones.
+    EXPECT_LE(peak - baseline, static_cast<int>(kHeldByClients) + CommandListener::kMaxOpenConnections + 8);
+    for (const int fd : held) ::close(fd);
+    listener.reset();
+    EXPECT_EQ(openDescriptors(), baseline) << "everything released after stop";
+}
+
+}  // namespace
+}  // namespace lumerix
