@@ -56,7 +56,8 @@ bool DispatchTimer::isCancelled() const {
 }
 
 DispatchTimerRef CreateDispatchTimer(DispatchQueue* queue, std::function<void()> block, double intervalSeconds) {
-    if (!queue || !block || !(intervalSeconds > 0) || !std::isfinite(intervalSeconds)) return nullptr;
+    // Also refuses intervals whose nanosecond count does not fit 64 bits.
+    if (!queue || !block || !(intervalSeconds > 0) || !(intervalSeconds < 1.8e10)) return nullptr;
     // Seconds to whole nanoseconds, truncated, as the timer source takes them.
     const auto ns = static_cast<uint64_t>(intervalSeconds * 1000000000.0);
     auto timer = std::make_shared<DispatchTimer>(queue, std::move(block), static_cast<double>(ns) / 1e6);

@@ -1,5 +1,7 @@
 #include "dispatch/ManualQueue.h"
 
+#include <algorithm>
+
 namespace lumerix {
 
 VirtualTime::VirtualTime(double startWallMs) : startWall_(startWallMs) {}
@@ -19,30 +21,44 @@ size_t VirtualTime::pendingCount() const {
     return tasks_.size();
 }
 
+template <typename Pred>
+std::vector<VirtualTime::Entry> VirtualTime::removeIfLocked(Pred drop) {
+    std::vector<Entry> keep;
+    std::vector<Entry> dropped;
+    keep.reserve(tasks_.size());
+    for (auto& e : tasks_) (drop(e) ? dropped : keep).push_back(std::move(e));
+    tasks_ = std::move(keep);
+    std::make_heap(tasks_.begin(), tasks_.end(), Later{});
+    return dropped;
+}
+
 TaskHandle VirtualTime::post(ManualQueue* queue, double delayMs, DispatchQueue::Task task) {
     auto handle = std::make_shared<Cancelable>();
+    std::vector<Entry> swept;  // destroyed after the lock is released
     std::lock_guard lock(mutex_);
-    tasks_.push(Entry{elapsed_ + (delayMs > 0 ? delayMs : 0), seq_++, queue, handle, std::move(task)});
+    if (tasks_.size() >= sweepAt_) {
+        swept = removeIfLocked([](const Entry& e) { return e.handle->isCancelled(); });
+        sweepAt_ = std::max(kMinSweep, tasks_.size() * 2);
+    }
+    tasks_.push_back(Entry{elapsed_ + (delayMs > 0 ? delayMs : 0), seq_++, queue, handle, std::move(task)});
+    std::push_heap(tasks_.begin(), tasks_.end(), Later{});
     return handle;
 }
 
 void VirtualTime::forget(ManualQueue* queue) {
+    std::vector<Entry> dropped;
     std::lock_guard lock(mutex_);
-    std::vector<Entry> keep;
-    while (!tasks_.empty()) {
-        if (tasks_.top().queue != queue) keep.push_back(tasks_.top());
-        tasks_.pop();
-    }
-    for (auto& e : keep) tasks_.push(std::move(e));
+    dropped = removeIfLocked([queue](const Entry& e) { return e.queue == queue; });
 }
 
 bool VirtualTime::runOneDueBy(double limit) {
     Entry entry;
     {
         std::lock_guard lock(mutex_);
-        if (tasks_.empty() || tasks_.top().due > limit) return false;
-        entry = tasks_.top();
-        tasks_.pop();
+        if (tasks_.empty() || tasks_.front().due > limit) return false;
+        std::pop_heap(tasks_.begin(), tasks_.end(), Later{});
+        entry = std::move(tasks_.back());
+        tasks_.pop_back();
         if (entry.due > elapsed_) elapsed_ = entry.due;
     }
     if (!entry.handle->isCancelled()) entry.queue->run(entry.task);

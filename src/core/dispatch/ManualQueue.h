@@ -3,7 +3,6 @@
 // every due task of every queue in due-time order (ties in posting order) on the calling thread.
 #include <cstdint>
 #include <mutex>
-#include <queue>
 #include <vector>
 
 #include "dispatch/DispatchQueue.h"
@@ -24,7 +23,7 @@ public:
     void advance(double ms);
     // Runs every task due now, including tasks those tasks post for now.
     void runUntilIdle();
-    // Tasks waiting, cancelled ones included.
+    // Tasks waiting, cancelled ones included until they are swept out (only once many pile up).
     size_t pendingCount() const;
 
 private:
@@ -43,13 +42,18 @@ private:
     };
     TaskHandle post(ManualQueue* queue, double delayMs, DispatchQueue::Task task);
     void forget(ManualQueue* queue);
+    // Drops entries for which `drop` holds; the caller destroys them after unlocking.
+    template <typename Pred>
+    std::vector<Entry> removeIfLocked(Pred drop);
     bool runOneDueBy(double limit);
 
     mutable std::mutex mutex_;
     double startWall_;
     double elapsed_ = 0;
     uint64_t seq_ = 0;
-    std::priority_queue<Entry, std::vector<Entry>, Later> tasks_;
+    static constexpr size_t kMinSweep = 1024;
+    std::vector<Entry> tasks_;  // a heap ordered by Later: earliest at the front
+    size_t sweepAt_ = kMinSweep;
 };
 
 class ManualQueue final : public DispatchQueue {

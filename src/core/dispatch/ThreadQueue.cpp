@@ -1,5 +1,6 @@
 #include "dispatch/ThreadQueue.h"
 
+#include <algorithm>
 #include <chrono>
 #include <future>
 
@@ -29,12 +30,30 @@ void ThreadQueue::async(Task task) { after(0, std::move(task)); }
 
 TaskHandle ThreadQueue::after(double delayMs, Task task) {
     auto handle = std::make_shared<Cancelable>();
+    std::vector<Entry> swept;  // destroyed after the lock is released
+    bool earliest = false;
     {
         std::lock_guard lock(mutex_);
-        tasks_.push(Entry{monotonicNow() + (delayMs > 0 ? delayMs : 0), seq_++, handle, std::move(task)});
+        if (tasks_.size() >= sweepAt_) swept = sweepCancelledLocked();
+        const uint64_t seq = seq_++;
+        tasks_.push_back(Entry{monotonicNow() + (delayMs > 0 ? delayMs : 0), seq, handle, std::move(task)});
+        std::push_heap(tasks_.begin(), tasks_.end(), Later{});
+        earliest = tasks_.front().seq == seq;
     }
-    wake_.notify_one();
+    // The thread only needs waking when it is waiting for something later than this task.
+    if (earliest) wake_.notify_one();
     return handle;
+}
+
+std::vector<ThreadQueue::Entry> ThreadQueue::sweepCancelledLocked() {
+    std::vector<Entry> live;
+    std::vector<Entry> cancelled;
+    live.reserve(tasks_.size());
+    for (auto& e : tasks_) (e.handle->isCancelled() ? cancelled : live).push_back(std::move(e));
+    tasks_ = std::move(live);
+    std::make_heap(tasks_.begin(), tasks_.end(), Later{});
+    sweepAt_ = std::max(kMinSweep, tasks_.size() * 2);
+    return cancelled;
 }
 
 void ThreadQueue::sync(const Task& task) {
@@ -53,13 +72,14 @@ void ThreadQueue::loop() {
             wake_.wait(lock);
             continue;
         }
-        double wait = tasks_.top().due - monotonicNow();
+        double wait = tasks_.front().due - monotonicNow();
         if (wait > 0) {
             wake_.wait_for(lock, std::chrono::microseconds(static_cast<int64_t>(wait * 1000.0) + 1));
             continue;
         }
-        Entry entry = tasks_.top();
-        tasks_.pop();
+        std::pop_heap(tasks_.begin(), tasks_.end(), Later{});
+        Entry entry = std::move(tasks_.back());
+        tasks_.pop_back();
         lock.unlock();
         if (!entry.handle->isCancelled()) {
             CurrentScope scope(this);

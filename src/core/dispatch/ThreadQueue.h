@@ -1,8 +1,9 @@
 #pragma once
 // A serial queue on its own thread: a task list plus a timer heap on the monotonic clock.
+// Cancelled tasks are swept out of the heap as it grows, so restarting a timer at a high rate
+// keeps memory bounded by the live tasks rather than by everything posted in the last interval.
 #include <condition_variable>
 #include <mutex>
-#include <queue>
 #include <thread>
 #include <vector>
 
@@ -23,6 +24,7 @@ public:
     void sync(const Task& task);
 
 private:
+    static constexpr size_t kMinSweep = 256;
     struct Entry {
         double due;
         uint64_t seq;
@@ -36,11 +38,14 @@ private:
     };
     void loop();
     double monotonicNow() const;
+    // Removes cancelled entries; the caller destroys them after unlocking.
+    std::vector<Entry> sweepCancelledLocked();
 
     std::shared_ptr<Clock> clock_;
     std::mutex mutex_;
     std::condition_variable wake_;
-    std::priority_queue<Entry, std::vector<Entry>, Later> tasks_;
+    std::vector<Entry> tasks_;  // a heap ordered by Later: earliest at the front
+    size_t sweepAt_ = kMinSweep;
     uint64_t seq_ = 0;
     bool stopping_ = false;
     std::thread thread_;
