@@ -1,0 +1,31 @@
+#pragma once
+// AES-128 in ECB mode without padding, as receivers encrypt their GATT connection info.
+// Results are status codes in the style of the platform crypto call, so callers can tell a
+// ciphertext whose length is not a multiple of the block size from other failures.
+// On any failure nothing is written to the output.
+#include <cstddef>
+#include <cstdint>
+
+namespace lumerix {
+
+enum class AesStatus : int {
+    Success = 0,
+    ParamError,      // null key, or null buffers with a non-zero length
+    BufferTooSmall,  // the output capacity is below the input length
+    AlignmentError,  // the input length is not a multiple of the 16-byte block size
+    CryptoError,     // the crypto library failed
+};
+
+struct AesResult {
+    AesStatus status = AesStatus::ParamError;
+    size_t dataOutMoved = 0;  // bytes written on success; the needed size on BufferTooSmall
+};
+
+inline constexpr size_t kAesBlockSize = 16;
+
+AesResult aes128EcbDecrypt(const uint8_t* key16, const uint8_t* in, size_t inLength, uint8_t* out,
+                           size_t outCapacity);
+
+const char* aesStatusName(AesStatus status);
+
+}  // namespace lumerix

@@ -1,0 +1,204 @@
+// The legacy reader end to end on the in-process GATT fake, on virtual time.
+#include <gtest/gtest.h>
+
+#include <array>
+#include <string>
+
+#include "dispatch/ManualQueue.h"
+#include "gatt/FakeGattPeripheral.h"
+#include "gatt/GattPayload.h"
+#include "legacy/CLumerix.h"
+#include "log/Log.h"
+
+namespace lumerix {
+namespace {
+
+using test::ConnectionFields;
+using test::FakeGattCentral;
+using test::FakeGattPeripheral;
+
+const ConnectionFields kRoom4{"Lab-WiFi", "s3cret-key", "192.168.1.20", "Room 4", "1234"};
+
+QString beaconId(int n) { return QStringLiteral("00000000-0000-0000-0000-0000000000%1").arg(n, 2, 10, QLatin1Char('0')); }
+
+class LegacyReaderTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        CLumerixEnvironment env;
+        env.clock = std::shared_ptr<Clock>(std::shared_ptr<Clock>(), &time);
+        env.queue = &main;
+        env.readerQueue = &readerQueue;
+        env.makeCentral = [this](BleCentralDelegate* d, DispatchQueue* q) {
+            auto c = std::make_unique<FakeGattCentral>(d, q);
+            central = c.get();
+            return c;
+        };
+        reader = CLumerix::create(env);
+        time.runUntilIdle();
+    }
+
+    // A receiver serving the header and the data values (chunkSize bytes each) of `payload`.
+    std::shared_ptr<FakeGattPeripheral> addBeacon(int n, uint8_t byte0, const ConnectionFields& fields,
+                                                  const QByteArray& payload, int chunkSize = 20) {
+        auto p = std::make_shared<FakeGattPeripheral>(beaconId(n), QStringLiteral("LX"), &main);
+        auto service = p->addService(0x5885);
+        const auto parts = test::chunks(payload, chunkSize);
+        service->add(0x5880, test::headerValue(byte0, static_cast<uint8_t>(parts.size() - 1), fields));
+        for (int i = 0; i < parts.size(); ++i) service->add(static_cast<quint16>(0x5885 + i), parts[i]);
+        beacons.push_back(p);
+        return p;
+    }
+
+    // Every beacon in `advertising` is heard once a second.
+    void runSeconds(int seconds, const std::vector<std::shared_ptr<FakeGattPeripheral>>& advertising) {
+        for (int i = 0; i < seconds; ++i) {
+            for (const auto& p : advertising) central->advertise(p, QStringLiteral("LX"), -60);
+            time.advance(1000);
+        }
+    }
+
+    std::shared_ptr<SharvaneInfo> record(const QString& id) {
+        for (const auto& info : reader->lookupTable())
+            if (info->value(QStringLiteral("PeripheralUUID")) == id) return info;
+        return nullptr;
+    }
+
+    int connectsTo(const QString& id) const {
+        return static_cast<int>(std::count(central->connects.begin(), central->connects.end(), id));
+    }
+
+    ScopedLogCapture log;
+    VirtualTime time;
+    ManualQueue main{time, "main"};
+    ManualQueue readerQueue{time, "reader"};
+    FakeGattCentral* central = nullptr;
+    std::vector<std::shared_ptr<FakeGattPeripheral>> beacons;
+    std::shared_ptr<CLumerix> reader;
+};
+
+TEST_F(LegacyReaderTest, ScansWithEverySightingReported) {
+    EXPECT_EQ(central->scanCalls, 1);
+    EXPECT_TRUE(central->scanAllowsDuplicates);
+}
+
+TEST_F(LegacyReaderTest, ReadsEachBeaconInTurnAndDecodesItsPayload) {
+    const QByteArray notText = QByteArray::fromHex("fffefdfcfbfaf9f8f7f6f5f4f3f2f1f0");
+    const std::string ssid64(64, 'S');
+    const QByteArray plainLong = QByteArray(70, 'S') + "0123456789" + "10.0.0.7" + "Hall" + "42";
+    const ConnectionFields longSsid{QByteArray(70, 'S'), "0123456789", "10.0.0.7", "Hall", "42"};
+    struct Case {
+        const char* what;
+        uint8_t byte0;
+        ConnectionFields lengths;
+        QByteArray payload;
+        // Expected SSID, key, IP, name, login code; empty optional: nothing stored.
+        std::optional<std::array<const char*, 5>> fields;
+    } cases[] = {
+        {"encrypted, inverted lengths", 0x41, kRoom4, test::encryptFields(kRoom4),
+         std::array<const char*, 5>{"Lab-WiFi", "s3cret-key", "192.168.1.20", "Room 4", "1234"}},
+        {"encrypted, plain lengths", 0x0F, kRoom4, test::encryptFields(kRoom4),
+         std::array<const char*, 5>{"Lab-WiFi", "s3cret-key", "192.168.1.20", "Room 4", "1234"}},
+        {"not encrypted", 0x40, kRoom4, kRoom4.joined(),
+         std::array<const char*, 5>{"Lab-WiFi", "s3cret-key", "192.168.1.20", "Room 4", "1234"}},
+        {"encrypted flag on plain text falls back to the raw text", 0x41, kRoom4,
+         kRoom4.joined() + QByteArray(8, ' '),
+         std::array<const char*, 5>{"Lab-WiFi", "s3cret-key", "192.168.1.20", "Room 4", "1234"}},
+        {"a field is cut at 64 bytes, the next one starts after its full length", 0x40, longSsid, plainLong,
+         std::array<const char*, 5>{ssid64.c_str(), "0123456789", "10.0.0.7", "Hall", "42"}},
+        {"ciphertext not whole blocks decrypts to nothing", 0x41, kRoom4,
+         test::encryptFields(kRoom4).left(40) + QByteArray::fromHex("ff"),
+         std::array<const char*, 5>{"", "", "", "", ""}},
+        {"neither decryptable nor text", 0x40, kRoom4, notText, std::nullopt},
+    };
+    const int n = static_cast<int>(std::size(cases));
+    std::vector<std::shared_ptr<FakeGattPeripheral>> all;
+    for (int i = 0; i < n; ++i) all.push_back(addBeacon(i, cases[i].byte0, cases[i].lengths, cases[i].payload));
+
+    // The alive check queues every beacon at 6 s; the reader takes one every 8 s from 8 s on.
+    runSeconds(7, all);
+    EXPECT_EQ(reader->waitingPeripherals().size(), n);
+    for (int k = 1; k <= n; ++k) {
+        runSeconds(8, all);
+        EXPECT_EQ(static_cast<int>(central->connects.size()), k) << "one connection per turn";
+    }
+    for (int i = 0; i < n; ++i) {
+        const Case& c = cases[i];
+        auto info = record(beaconId(i));
+        EXPECT_EQ(connectsTo(beaconId(i)), 1) << c.what;
+        if (!c.fields) {
+            EXPECT_EQ(info, nullptr) << c.what;
+            EXPECT_TRUE(log.contains(QStringLiteral("CLumerix: data of %1 is not text; nothing stored\n")
+                                         .arg(beaconId(i))));
+            continue;
+        }
+        ASSERT_NE(info, nullptr) << c.what;
+        const char* keys[] = {"WiFiSSID", "WiFiKey", "ReceiverIP", "ReceiverName", "ReceiverLoginCode"};
+        for (int f = 0; f < 5; ++f)
+            EXPECT_EQ(info->value(QString::fromLatin1(keys[f])), QString::fromUtf8((*c.fields)[f])) << c.what << " " << keys[f];
+        EXPECT_EQ(log.count(QStringLiteral("Wait to Search UUID %1 \n").arg(beaconId(i))), 1) << c.what;
+    }
+    EXPECT_EQ(log.lines().filter(QStringLiteral("Get new Data: ")).size(), n - 1);
+    EXPECT_TRUE(log.contains(QStringLiteral("ReceiverIP: 192.168.1.20")));
+}
+
+TEST_F(LegacyReaderTest, CollectionBufferNeverOverflows) {
+    // Twenty 64-byte values are more than the 1024-byte buffer holds.
+    auto p = std::make_shared<FakeGattPeripheral>(beaconId(1), QStringLiteral("LX"), &main);
+    auto service = p->addService(0x5885);
+    service->add(0x5880, QByteArray::fromHex("4001bfffffffff"));  // plain, count 1, SSID 64 bytes
+    for (int i = 0; i < 20; ++i) service->add(0x5881, QByteArray(64, 'A'));
+    service->add(0x5886, QByteArray(64, 'B'));
+    beacons.push_back(p);
+    runSeconds(9, {p});
+    auto info = record(beaconId(1));
+    ASSERT_NE(info, nullptr);
+    EXPECT_EQ(info->value(QStringLiteral("WiFiSSID")), QString(64, QLatin1Char('A')));
+    EXPECT_EQ(log.lines().filter(QStringLiteral("CLumerix collection buffer full")).size(), 5);
+}
+
+TEST_F(LegacyReaderTest, ARecordStaysFreshFor300Seconds) {
+    auto a = addBeacon(1, 0x41, kRoom4, test::encryptFields(kRoom4));
+    runSeconds(9, {a});
+    ASSERT_NE(record(beaconId(1)), nullptr);
+    EXPECT_DOUBLE_EQ(record(beaconId(1))->GetTimpStamp(), time.nowMs() / 1000.0 - 1.0);  // read at 8 s
+    // Read at 8 s; the check at 306 s finds it 298 s old, the one at 312 s queues it, read at 320 s.
+    runSeconds(311 - 9, {a});
+    EXPECT_EQ(connectsTo(beaconId(1)), 1);
+    runSeconds(10, {a});
+    EXPECT_EQ(connectsTo(beaconId(1)), 2);
+    EXPECT_EQ(reader->lookupTable().size(), 1);
+    EXPECT_EQ(log.lines().filter(QStringLiteral("Get new Data: ")).size(), 1);
+    EXPECT_DOUBLE_EQ(record(beaconId(1))->GetTimpStamp(), (time.nowMs() - 1000.0) / 1000.0);
+}
+
+TEST_F(LegacyReaderTest, ABeaconNotHeardFor20SecondsIsDropped) {
+    auto a = addBeacon(1, 0x41, kRoom4, test::encryptFields(kRoom4));
+    auto b = addBeacon(2, 0x41, kRoom4, test::encryptFields(kRoom4));
+    runSeconds(30, {a, b});  // a is last heard at 29 s
+    runSeconds(23, {b});     // the check at 48 s finds 19 s
+    EXPECT_EQ(reader->livedBeacons().size(), 2);
+    runSeconds(1, {b});  // the check at 54 s finds 25 s
+    ASSERT_EQ(reader->livedBeacons().size(), 1);
+    EXPECT_EQ(reader->livedBeacons().first()->peripheral()->identifier(), beaconId(2));
+    const double start = 1767225600.0;
+    EXPECT_TRUE(log.contains(Log::format("Beacon doesn't alive ID: %s currentTime %lf BeaconStamp %lf\n",
+                                         beaconId(1).toUtf8().constData(), start + 54, start + 29)));
+}
+
+TEST_F(LegacyReaderTest, AReadThatNeverStartsEndsAfter8SecondsAndIsRetried) {
+    auto c = addBeacon(1, 0x41, kRoom4, test::encryptFields(kRoom4));
+    c->answersConnect = false;
+    runSeconds(8, {c});  // connect requested at 8 s
+    time.advance(7900);
+    EXPECT_EQ(connectsTo(beaconId(1)), 1);
+    EXPECT_TRUE(central->cancels.empty());
+    time.advance(100);  // 16 s
+    EXPECT_EQ(central->cancels, std::vector<QString>{beaconId(1)});
+    EXPECT_TRUE(log.contains(QStringLiteral("CLumerix connect timeout %1\n").arg(beaconId(1))));
+    runSeconds(9, {c});  // queued again at 18 s, connected again at 24 s
+    EXPECT_EQ(connectsTo(beaconId(1)), 2);
+    EXPECT_EQ(log.count(QStringLiteral("Wait to Search UUID %1 \n").arg(beaconId(1))), 2);
+}
+
+}  // namespace
+}  // namespace lumerix
