@@ -1,0 +1,262 @@
+"""A private desktop for end-to-end tests of the tray: Xvfb, private system and session buses,
+a StatusNotifierWatcher that makes Qt export its tray item and menu over D-Bus, logind and BlueZ
+models from python3-dbusmock, and a reader/clicker for the exported com.canonical.dbusmenu menu.
+
+Everything lives under one temporary directory (HOME, XDG dirs, bus sockets); the real user's
+files and buses are never touched.
+"""
+import os
+import shutil
+import signal
+import subprocess
+import sys
+import tempfile
+import time
+
+import dbus
+import dbusmock
+
+MOCK_IFACE = 'org.freedesktop.DBus.Mock'
+WATCHER = 'org.kde.StatusNotifierWatcher'
+WATCHER_PATH = '/StatusNotifierWatcher'
+SNI_IFACE = 'org.kde.StatusNotifierItem'
+MENU_IFACE = 'com.canonical.dbusmenu'
+
+
+def wait_for(predicate, timeout, what, interval=0.05):
+    """Polls predicate until it returns something truthy; fails the test after timeout seconds."""
+    deadline = time.monotonic() + timeout
+    last = None
+    while time.monotonic() < deadline:
+        last = predicate()
+        if last:
+            return last
+        time.sleep(interval)
+    raise AssertionError(f'timed out after {timeout}s waiting for {what} (last: {last!r})')
+
+
+def _start_bus(root, kind):
+    conf = os.path.join(root, f'{kind}-bus.conf')
+    with open(conf, 'w', encoding='utf-8') as f:
+        f.write(f'''<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
+ "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
+<busconfig>
+  <type>{kind}</type>
+  <keep_umask/>
+  <listen>unix:dir={root}</listen>
+  <policy context="default">
+    <allow send_destination="*" eavesdrop="true"/>
+    <allow eavesdrop="true"/>
+    <allow own="*"/>
+  </policy>
+</busconfig>
+''')
+    proc = subprocess.Popen(['dbus-daemon', '--nofork', '--print-address=1', f'--config-file={conf}'],
+                            stdout=subprocess.PIPE, text=True)
+    address = proc.stdout.readline().strip()
+    if not address:
+        raise RuntimeError(f'the private {kind} bus did not start')
+    return proc, address
+
+
+class TrayMenu:
+    """The tray's menu as its com.canonical.dbusmenu export shows it."""
+
+    def __init__(self, bus, service, path):
+        self.proxy = dbus.Interface(bus.get_object(service, path), MENU_IFACE)
+
+    def layout(self):
+        """[(id, label or '---' for a separator)] of the top level, in order, visible entries only."""
+        _, (_, _, children) = self.proxy.GetLayout(0, -1, dbus.Array([], signature='s'))
+        rows = []
+        for child in children:
+            item_id, props, _ = child
+            if not props.get('visible', True):
+                continue
+            if props.get('type', '') == 'separator':
+                rows.append((int(item_id), '---'))
+            else:
+                rows.append((int(item_id), str(props.get('label', '')).replace('__', '_')))
+        return rows
+
+    def titles(self):
+        return [label for _, label in self.layout()]
+
+    def click(self, title):
+        matches = [item_id for item_id, label in self.layout() if label == title]
+        if not matches:
+            raise AssertionError(f'no menu entry {title!r} in {self.titles()}')
+        self.event(matches[0], 'clicked')
+
+    def event(self, item_id, name):
+        self.proxy.Event(dbus.Int32(item_id), name, dbus.Int32(0, variant_level=1), dbus.UInt32(0))
+
+
+class TrayDesktop:
+    """Starts the private desktop; use as a context manager or call start()/stop()."""
+
+    def __init__(self, adapter=True, powered=True):
+        self.adapter = adapter
+        self.powered = powered
+        self.procs = []
+        self.root = None
+        self.env = None
+
+    # -- set-up ---------------------------------------------------------------------------------
+    def __enter__(self):
+        self.start()
+        return self
+
+    def __exit__(self, *exc):
+        self.stop()
+
+    def start(self):
+        self.root = tempfile.mkdtemp(prefix='lumerix-tray-')
+        home = os.path.join(self.root, 'home')
+        runtime = os.path.join(self.root, 'runtime')
+        self.data_home = os.path.join(home, '.local', 'share')
+        for d in (home, self.data_home, os.path.join(home, '.config'), os.path.join(home, '.cache')):
+            os.makedirs(d, exist_ok=True)
+        os.makedirs(runtime, mode=0o700)
+        self.env = {
+            'PATH': os.environ.get('PATH', '/usr/bin:/bin'),
+            'HOME': home,
+            'XDG_DATA_HOME': self.data_home,
+            'XDG_CONFIG_HOME': os.path.join(home, '.config'),
+            'XDG_CACHE_HOME': os.path.join(home, '.cache'),
+            'XDG_RUNTIME_DIR': runtime,
+            'XDG_DATA_DIRS': '/usr/share',
+            'QT_QPA_PLATFORM': 'xcb',
+            'QT_ACCESSIBILITY': '0',
+            'NO_AT_BRIDGE': '1',
+            'LANG': 'C.UTF-8',
+        }
+        for name in ('ASAN_OPTIONS', 'UBSAN_OPTIONS', 'LSAN_OPTIONS', 'TSAN_OPTIONS'):
+            if name in os.environ:
+                self.env[name] = os.environ[name]
+        self._start_x()
+        system, self.env['DBUS_SYSTEM_BUS_ADDRESS'] = _start_bus(self.root, 'system')
+        session, self.env['DBUS_SESSION_BUS_ADDRESS'] = _start_bus(self.root, 'session')
+        self.procs += [system, session]
+        # dbusmock's helpers read the bus addresses from this process's environment.
+        for name in ('DBUS_SYSTEM_BUS_ADDRESS', 'DBUS_SESSION_BUS_ADDRESS'):
+            os.environ[name] = self.env[name]
+        self.system_bus = dbus.bus.BusConnection(self.env['DBUS_SYSTEM_BUS_ADDRESS'])
+        self.session_bus = dbus.bus.BusConnection(self.env['DBUS_SESSION_BUS_ADDRESS'])
+        self._start_watcher()
+        self._start_logind()
+        self._start_bluez()
+
+    def _start_x(self):
+        read_fd, write_fd = os.pipe()
+        xvfb = subprocess.Popen(['Xvfb', '-displayfd', str(write_fd), '-nolisten', 'tcp', '-screen', '0',
+                                 '1024x768x24'], pass_fds=[write_fd], stderr=subprocess.DEVNULL)
+        os.close(write_fd)
+        self.procs.append(xvfb)
+        with os.fdopen(read_fd) as r:
+            display = r.readline().strip()
+        if not display:
+            raise RuntimeError('Xvfb did not start')
+        self.env['DISPLAY'] = ':' + display
+
+    def _mock_log(self, name):
+        return open(os.path.join(self.root, f'{name}.log'), 'w', encoding='utf-8')
+
+    def _start_watcher(self):
+        proc = dbusmock.DBusTestCase.spawn_server(WATCHER, WATCHER_PATH, WATCHER, system_bus=False,
+                                                  stdout=self._mock_log('watcher'))
+        self.procs.append(proc)
+        self.watcher = self.session_bus.get_object(WATCHER, WATCHER_PATH)
+        mock = dbus.Interface(self.watcher, MOCK_IFACE)
+        mock.AddMethod(WATCHER, 'RegisterStatusNotifierItem', 's', '', '')
+        mock.AddMethod(WATCHER, 'RegisterStatusNotifierHost', 's', '', '')
+        mock.AddProperties(WATCHER, {
+            'IsStatusNotifierHostRegistered': dbus.Boolean(True),
+            'ProtocolVersion': dbus.Int32(0),
+            'RegisteredStatusNotifierItems': dbus.Array([], signature='s'),
+        })
+
+    def _start_logind(self):
+        proc, self.logind = dbusmock.DBusTestCase.spawn_server_template('logind', {},
+                                                                        stdout=self._mock_log('logind'))
+        self.procs.append(proc)
+
+    def _start_bluez(self):
+        proc, self.bluez = dbusmock.DBusTestCase.spawn_server_template('bluez5', {},
+                                                                       stdout=self._mock_log('bluez'))
+        self.procs.append(proc)
+        self.adapter_path = None
+        if self.adapter:
+            dbus.Interface(self.bluez, 'org.bluez.Mock').AddAdapter('hci0', 'lumerix-test')
+            self.adapter_path = '/org/bluez/hci0'
+            if not self.powered:
+                self.adapter_mock().UpdateProperties('org.bluez.Adapter1', {'Powered': dbus.Boolean(False)})
+
+    def stop(self):
+        for proc in reversed(self.procs):
+            if proc.poll() is None:
+                proc.terminate()
+                try:
+                    proc.wait(timeout=5)
+                except subprocess.TimeoutExpired:
+                    proc.kill()
+                    proc.wait()
+        self.procs = []
+        if self.root:
+            shutil.rmtree(self.root, ignore_errors=True)
+            self.root = None
+
+    # -- the program under test ------------------------------------------------------------------
+    def launch(self, *args, extra_env=None):
+        env = dict(self.env)
+        env.update(extra_env or {})
+        log = open(os.path.join(self.root, 'lumerix.log'), 'ab')
+        proc = subprocess.Popen([os.environ['LUMERIX_BIN'], *args], env=env, stdout=log, stderr=log)
+        self.procs.append(proc)
+        return proc
+
+    def program_log(self):
+        with open(os.path.join(self.root, 'lumerix.log'), 'rb') as f:
+            return f.read().decode('utf-8', 'replace')
+
+    def reference_table_path(self):
+        return os.path.join(self.data_home, 'Tavik', 'Lumerix', 'ReferenceTable.plist')
+
+    # -- the tray --------------------------------------------------------------------------------
+    def registered_items(self):
+        calls = dbus.Interface(self.watcher, MOCK_IFACE).GetMethodCalls('RegisterStatusNotifierItem')
+        return [str(args[0]) for _, args in calls]
+
+    def tray_menu(self, timeout=15):
+        """The menu of the tray item registered last, once it has one."""
+        service = wait_for(lambda: (self.registered_items() or [None])[-1], timeout, 'a tray item')
+        item = self.session_bus.get_object(service, '/StatusNotifierItem')
+        path = wait_for(lambda: str(item.Get(SNI_IFACE, 'Menu', dbus_interface=dbus.PROPERTIES_IFACE)),
+                        timeout, 'the tray menu path')
+        return TrayMenu(self.session_bus, service, path)
+
+    def tray_item_property(self, name):
+        service = self.registered_items()[-1]
+        item = self.session_bus.get_object(service, '/StatusNotifierItem')
+        return item.Get(SNI_IFACE, name, dbus_interface=dbus.PROPERTIES_IFACE)
+
+    # -- logind and BlueZ ------------------------------------------------------------------------
+    def prepare_for_sleep(self, sleeping):
+        dbus.Interface(self.logind, MOCK_IFACE).EmitSignal(
+            'org.freedesktop.login1.Manager', 'PrepareForSleep', 'b', [dbus.Boolean(sleeping)])
+
+    def adapter_mock(self):
+        return dbus.Interface(self.system_bus.get_object('org.bluez', self.adapter_path), MOCK_IFACE)
+
+    def adapter_calls(self, method):
+        return len(self.adapter_mock().GetMethodCalls(method))
+
+
+def run_tests():
+    """unittest.main() that exits non-zero on failure and names the program's log on the way."""
+    import unittest
+    unittest.main(verbosity=2)
+
+
+if __name__ == '__main__':
+    sys.exit('trayharness is a library for the test_tray*.py tests')
