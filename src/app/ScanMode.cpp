@@ -1,10 +1,150 @@
 #include "app/ScanMode.h"
 
+#include <QCoreApplication>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QMap>
+#include <algorithm>
 #include <cstdio>
+#include <cstring>
+#include <optional>
+
+#include "app/HeadlessSession.h"
 
 namespace lumerix {
-int runScanMode(int, char**) {
-    std::fputs("lumerix: the headless scan is not available yet\n", stderr);
-    return 2;
+namespace {
+
+constexpr double kDefaultSeconds = 10.0;
+
+struct ScanOptions {
+    double seconds = kDefaultSeconds;
+    bool demo = false;
+    bool json = false;
+};
+
+std::optional<ScanOptions> parseScanOptions(int argc, char** argv, QString* error) {
+    ScanOptions o;
+    for (int i = 1; i < argc; ++i) {
+        const char* a = argv[i];
+        if (std::strcmp(a, "--scan") == 0) {
+            if (i + 1 < argc && argv[i + 1][0] != '-') {
+                bool ok = false;
+                o.seconds = QString::fromUtf8(argv[++i]).toDouble(&ok);
+                if (!ok || o.seconds <= 0 || o.seconds > 86400) {
+                    *error = QStringLiteral("the scan duration must be a number of seconds, got \"%1\"")
+                                 .arg(QString::fromUtf8(argv[i]));
+                    return std::nullopt;
+                }
+            }
+        } else if (std::strcmp(a, "--demo") == 0) {
+            o.demo = true;
+        } else if (std::strcmp(a, "--json") == 0) {
+            o.json = true;
+        } else {
+            *error = QStringLiteral("unknown argument \"%1\"").arg(QString::fromUtf8(a));
+            return std::nullopt;
+        }
+    }
+    return o;
 }
+
+struct Row {
+    QString name, ip, loginCode, identifier;
+    double rssi = 0;
+};
+
+void printLine(const QString& text) {
+    std::fputs(text.toUtf8().constData(), stdout);
+    std::fputc('\n', stdout);
+    std::fflush(stdout);
+}
+
+QString columns(const QString& name, const QString& ip, const QString& code, const QString& rssi,
+                const QString& identifier) {
+    return QStringLiteral("%1  %2  %3  %4  %5").arg(name, -24).arg(ip, -15).arg(code, -8).arg(rssi, 5).arg(identifier);
+}
+
+QString rowText(const Row& r) {
+    return columns(r.name, r.ip, r.loginCode, r.rssi == 0 ? QStringLiteral("-") : QString::number(r.rssi),
+                   r.identifier);
+}
+
+class ScanSession final : public HeadlessSession {
+public:
+    ScanSession(const ScanOptions& o) : HeadlessSession(o.demo), json_(o.json) {}
+
+private:
+    void itemSeen(const QVLumerixItemRef& item) override { note(item); }
+    void itemStatus(const QVLumerixItemRef& item, int) override { note(item); }
+
+    void note(const QVLumerixItemRef& item) {
+        if (!item->hasResolved() || !item->peripheral()) return;
+        Row row;
+        row.identifier = item->peripheral()->identifier();
+        row.name = item->receiverName().value_or(QString());
+        row.ip = item->ipAddress().value_or(QString());
+        row.loginCode = item->loginCode().value_or(QString());
+        row.rssi = item->aveRssi();
+        auto it = rows_.find(row.identifier);
+        const bool isNew = it == rows_.end();
+        const bool changed = !isNew && (it->name != row.name || it->ip != row.ip || it->loginCode != row.loginCode);
+        if (!isNew && row.rssi == 0) row.rssi = it->rssi;  // 0: no reading since the item decayed
+        rows_[row.identifier] = row;
+        if (!json_ && (isNew || changed))
+            printLine((isNew ? QStringLiteral("found    ") : QStringLiteral("changed  ")) + rowText(row));
+    }
+
+    int deadlineReached() override {
+        handler().scanForLumerixService(false);
+        QList<Row> rows = rows_.values();
+        // Strongest first; receivers without a reading last.
+        std::stable_sort(rows.begin(), rows.end(), [](const Row& a, const Row& b) {
+            const double ka = a.rssi == 0 ? -1e9 : a.rssi;
+            const double kb = b.rssi == 0 ? -1e9 : b.rssi;
+            return ka > kb;
+        });
+        if (json_) {
+            QJsonArray array;
+            for (const Row& r : rows) {
+                QJsonObject o;
+                o.insert(QStringLiteral("name"), r.name);
+                o.insert(QStringLiteral("ip"), r.ip);
+                o.insert(QStringLiteral("loginCode"), r.loginCode);
+                o.insert(QStringLiteral("rssi"), r.rssi);
+                o.insert(QStringLiteral("identifier"), r.identifier);
+                array.append(o);
+            }
+            std::fputs(QJsonDocument(array).toJson(QJsonDocument::Indented).constData(), stdout);
+            std::fflush(stdout);
+            return 0;
+        }
+        printLine(QString());
+        printLine(QStringLiteral("%1 receiver(s), strongest first:").arg(rows.size()));
+        printLine(QStringLiteral("         ") + columns(QStringLiteral("NAME"), QStringLiteral("IP"), QStringLiteral("CODE"),
+                                                     QStringLiteral("RSSI"), QStringLiteral("IDENTIFIER")));
+        for (const Row& r : rows) printLine(QStringLiteral("         ") + rowText(r));
+        return 0;
+    }
+
+    const bool json_;
+    QMap<QString, Row> rows_;
+};
+
+}  // namespace
+
+int runScanMode(int argc, char** argv) {
+    QString error;
+    auto options = parseScanOptions(argc, argv, &error);
+    if (!options) {
+        std::fprintf(stderr, "lumerix: %s\nusage: lumerix --scan [SECONDS] [--demo] [--json]\n",
+                     error.toUtf8().constData());
+        return HeadlessSession::kExitUsage;
+    }
+    QCoreApplication app(argc, argv);
+    HeadlessSession::installLogSink();
+    ScanSession session(*options);
+    return session.exec(options->seconds * 1000.0);
+}
+
 }  // namespace lumerix

@@ -1,0 +1,56 @@
+#pragma once
+// A scanning handler run without the tray, for the command-line modes: logging, scanning started
+// the way the tray starts it (50 tries 10 ms apart), a clear message and exit code 2 when
+// Bluetooth is off or missing, and a deadline. Delegate callbacks are handled on the main thread.
+#include <QString>
+#include <memory>
+
+#include "dispatch/QtQueues.h"
+#include "receiver/QVLumerixHandler.h"
+
+namespace lumerix {
+
+class HeadlessSession : public LumerixHandler_Delegate {
+public:
+    static constexpr int kExitBluetoothUnavailable = 2;
+    static constexpr int kExitUsage = 64;
+
+    // Needs a QCoreApplication.
+    explicit HeadlessSession(bool demo);
+    ~HeadlessSession() override;
+    HeadlessSession(const HeadlessSession&) = delete;
+    HeadlessSession& operator=(const HeadlessSession&) = delete;
+
+    // Scans until finish() or until durationMs have passed (then deadlineReached() decides).
+    int exec(double durationMs);
+
+    // Sends log lines to syslog, or to stderr when LUMERIX_LOG=stderr.
+    static void installLogSink();
+    static QString stateText(int state);
+
+protected:
+    virtual void itemSeen(const QVLumerixItemRef& item) {}
+    virtual void itemStatus(const QVLumerixItemRef& item, int status) {}
+    // The exit code when the duration ends.
+    virtual int deadlineReached() = 0;
+    void finish(int exitCode);
+    QVLumerixHandler& handler() { return *handler_; }
+
+private:
+    void tryStart();
+    void bluetoothUnavailable(int state, bool wasScanning);
+
+    // LumerixHandler_Delegate (any thread; forwarded to the main thread).
+    void lumerixStateDidChange(int state) override;
+    void lumerixDidDiscoverItem(const QVLumerixItemRef& item) override;
+    void lumerixItem(const QVLumerixItemRef& item, int status) override;
+
+    QtEventQueue mainQueue_;
+    std::shared_ptr<QVLumerixHandler> handler_;
+    std::shared_ptr<bool> alive_;
+    bool scanning_ = false;
+    bool finished_ = false;
+    int exitCode_ = 0;
+};
+
+}  // namespace lumerix

@@ -1,0 +1,159 @@
+#include <gtest/gtest.h>
+
+#include <QDBusVariant>
+
+#include "dispatch/ManualQueue.h"
+#include "platform/bluez/BluezCentral.h"
+#include "platform/bluez/BluezProperties.h"
+
+namespace lumerix {
+namespace {
+
+QVariant manufacturer(std::initializer_list<std::pair<quint16, QVariant>> entries) {
+    QMap<quint16, QDBusVariant> map;
+    for (const auto& [company, value] : entries) map.insert(company, QDBusVariant(value));
+    return QVariant::fromValue(map);
+}
+
+TEST(BluezIdentifier, ComesFromTheAddressOrElseThePath) {
+    struct Case {
+        const char* path;
+        std::optional<const char*> address;
+        const char* identifier;
+    };
+    const Case cases[] = {
+        {"/org/bluez/hci0/dev_AA_BB_CC_DD_EE_FF", "aa:bb:cc:dd:ee:0f", "00000000-0000-0000-0000-AABBCCDDEE0F"},
+        {"/org/bluez/hci0/dev_AA_BB_CC_DD_EE_FF", std::nullopt, "00000000-0000-0000-0000-AABBCCDDEEFF"},
+        {"/org/bluez/hci0/dev_aa_bb_cc_dd_ee_ff", "not an address", "00000000-0000-0000-0000-AABBCCDDEEFF"},
+        {"/org/bluez/hci0/dev_AA_BB_CC_DD_EE", "AA:BB:CC:DD:EE", ""},
+        {"/org/bluez/hci0/dev_AA_BB_CC_DD_EE_FF/service0010", std::nullopt, ""},
+        {"/org/bluez/hci0/dev_GG_BB_CC_DD_EE_FF", "AA:BB:CC:DD:EE:FF:00", ""},
+    };
+    for (const Case& c : cases) {
+        BluezDeviceProperties props;
+        if (c.address) props.address = QString::fromUtf8(*c.address);
+        EXPECT_EQ(bluez::identifierForDevice(QString::fromUtf8(c.path), props), QString::fromUtf8(c.identifier))
+            << c.path;
+    }
+}
+
+TEST(BluezDeviceProperties, TakesWellTypedValuesAndRefusesTheRest) {
+    BluezDeviceProperties p;
+    EXPECT_TRUE(p.apply({{QStringLiteral("Name"), QStringLiteral("LX")},
+                         {QStringLiteral("Alias"), QStringLiteral("AA-BB")},
+                         {QStringLiteral("RSSI"), QVariant::fromValue<short>(-61)},
+                         {QStringLiteral("Connected"), true},
+                         {QStringLiteral("ManufacturerData"), manufacturer({{0x0AC0, QByteArray("\x11\x22", 2)}})}})
+                    .isEmpty());
+    EXPECT_EQ(p.name, QStringLiteral("LX"));
+    EXPECT_EQ(p.rssi, qint16(-61));
+    EXPECT_EQ(p.connected, true);
+    EXPECT_EQ(p.manufacturerData, QByteArray("\xC0\x0A\x11\x22", 4));
+
+    // Each malformed value is refused on its own; what was known stays.
+    struct Bad {
+        const char* name;
+        QVariant value;
+    };
+    const Bad bad[] = {
+        {"Name", QVariant(5)},
+        {"RSSI", QVariant(QStringLiteral("-40"))},
+        {"RSSI", QVariant(40000)},
+        {"RSSI", QVariant(-40.5)},
+        {"Connected", QVariant(1)},
+        {"ManufacturerData", QVariant(QByteArray("\x11"))},
+        {"ManufacturerData", manufacturer({{0x0001, QVariant(QStringLiteral("text"))}})},
+    };
+    for (const Bad& b : bad) {
+        QStringList problems = p.apply({{QString::fromUtf8(b.name), b.value}});
+        EXPECT_EQ(problems.size(), 1) << b.name;
+    }
+    EXPECT_EQ(p.name, QStringLiteral("LX"));
+    EXPECT_EQ(p.rssi, qint16(-61));
+    EXPECT_EQ(p.connected, true);
+    EXPECT_EQ(p.manufacturerData, QByteArray("\xC0\x0A\x11\x22", 4));
+
+    p.apply({}, {QStringLiteral("RSSI"), QStringLiteral("ManufacturerData")});
+    EXPECT_FALSE(p.rssi);
+    EXPECT_FALSE(p.manufacturerData);
+    EXPECT_EQ(p.name, QStringLiteral("LX"));
+}
+
+TEST(BluezManufacturerRecord, CompanyIdLittleEndianThenTheLowestCompanysBytes) {
+    struct Case {
+        QVariant value;
+        std::optional<QByteArray> record;
+    };
+    const Case cases[] = {
+        {manufacturer({{0x1234, QByteArray("\xAB", 1)}}), QByteArray("\x34\x12\xAB", 3)},
+        {manufacturer({{0xFFFF, QByteArray("\x01", 1)}, {0x0059, QByteArray("\x02\x03", 2)}}),
+         QByteArray("\x59\x00\x02\x03", 4)},
+        {manufacturer({{0x0000, QByteArray()}}), QByteArray(2, '\0')},
+        {manufacturer({}), std::nullopt},
+    };
+    for (const Case& c : cases) {
+        QString problem;
+        EXPECT_EQ(bluez::manufacturerRecord(c.value, &problem), c.record);
+        EXPECT_TRUE(problem.isEmpty()) << problem.toStdString();
+    }
+}
+
+TEST(BluezState, FollowsBluetoothdAndTheDefaultAdapter) {
+    BluezAdapterProperties on, off, unknown;
+    on.powered = true;
+    off.powered = false;
+    EXPECT_EQ(bluez::centralState(false, false, on), 0);
+    EXPECT_EQ(bluez::centralState(true, true, std::nullopt), 3);
+    EXPECT_EQ(bluez::centralState(true, false, std::nullopt), 2);
+    EXPECT_EQ(bluez::centralState(true, false, off), 4);
+    EXPECT_EQ(bluez::centralState(true, false, unknown), 4);
+    EXPECT_EQ(bluez::centralState(true, false, on), 5);
+
+    BluezAdapterProperties a;
+    EXPECT_EQ(a.apply({{QStringLiteral("Powered"), QStringLiteral("yes")}}).size(), 1);
+    EXPECT_FALSE(a.powered);
+}
+
+TEST(BluezErrors, DisconnectionCausesAndCallErrorsMapToCodes) {
+    EXPECT_EQ(bluez::disconnectErrorForReason(QStringLiteral("org.bluez.Reason.Timeout")), BluezErrorTimedOut);
+    EXPECT_EQ(bluez::disconnectErrorForReason(QStringLiteral("org.bluez.Reason.Remote")),
+              BluezErrorPeripheralDisconnected);
+    EXPECT_EQ(bluez::disconnectErrorForReason(QStringLiteral("org.bluez.Reason.Local")), std::nullopt);
+    EXPECT_EQ(bluez::disconnectErrorForReason(QString()), std::nullopt);
+    EXPECT_EQ(bluez::errorCodeForDBusError(QStringLiteral("org.bluez.Error.NotConnected")), BluezErrorNotConnected);
+    EXPECT_EQ(bluez::errorCodeForDBusError(QStringLiteral("org.freedesktop.DBus.Error.NoReply")), BluezErrorTimedOut);
+    EXPECT_EQ(bluez::errorCodeForDBusError(QStringLiteral("org.example.Whatever")), BluezErrorUnknown);
+    EXPECT_NE(bluez::errorCodeForDBusError(QStringLiteral("org.bluez.Error.Failed")), kBleErrorConnectionFailed);
+}
+
+TEST(BluezObjectTree, BelowMeansAStrictDescendant) {
+    const QString dev = QStringLiteral("/org/bluez/hci0/dev_AA_BB_CC_DD_EE_01");
+    EXPECT_TRUE(bluez::isBelow(dev + QStringLiteral("/service0010"), dev));
+    EXPECT_FALSE(bluez::isBelow(dev, dev));
+    EXPECT_FALSE(bluez::isBelow(QStringLiteral("/org/bluez/hci0/dev_AA_BB_CC_DD_EE_011/service0010"), dev));
+}
+
+class RecordingDelegate : public BleCentralDelegate {
+public:
+    void centralManagerDidUpdateState(int state) override { states.push_back(state); }
+    std::vector<int> states;
+};
+
+TEST(BluezCentral, WithoutAQtEventQueueReportsUnknownAndStaysInert) {
+    VirtualTime time;
+    ManualQueue queue(time, "scan");
+    RecordingDelegate delegate;
+    {
+        BluezCentral central(&delegate, &queue);
+        central.scanForPeripherals(true);
+        central.stopScan();
+        time.runUntilIdle();
+        EXPECT_EQ(central.state(), BleStateUnknown);
+        EXPECT_EQ(delegate.states, std::vector<int>{BleStateUnknown});
+    }  // must not wait on a queue that nobody runs
+    time.runUntilIdle();
+    EXPECT_EQ(delegate.states.size(), 1u);
+}
+
+}  // namespace
+}  // namespace lumerix
