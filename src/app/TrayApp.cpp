@@ -4,6 +4,7 @@
 #include <QDBusConnection>
 #include <QStringList>
 
+#include "app/HeadlessSession.h"
 #include "app/ProductionEnvironment.h"
 #include "app/QtShellApplication.h"
 #include "app/QtStatusItem.h"
@@ -12,7 +13,6 @@
 #include "log/Log.h"
 #include "platform/linux/BluezPowerCheck.h"
 #include "platform/linux/LogindWorkspace.h"
-#include "platform/linux/SyslogSink.h"
 #include "shell/AppDelegate.h"
 #include "shell/PathManager.h"
 
@@ -42,7 +42,7 @@ bool parseDemo(const QStringList& arguments) {
 }  // namespace
 
 int runTrayApp(int argc, char** argv) {
-    Log::setSink(std::make_shared<SyslogSink>());
+    HeadlessSession::installLogSink();
 
     QApplication app(argc, argv);
     QApplication::setApplicationName(QStringLiteral("Lumerix"));

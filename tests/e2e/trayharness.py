@@ -16,6 +16,8 @@ import time
 import dbus
 import dbusmock
 
+import lxharness
+
 MOCK_IFACE = 'org.freedesktop.DBus.Mock'
 WATCHER = 'org.kde.StatusNotifierWatcher'
 WATCHER_PATH = '/StatusNotifierWatcher'
@@ -52,8 +54,9 @@ def _start_bus(root, kind):
 </busconfig>
 ''')
     proc = subprocess.Popen(['dbus-daemon', '--nofork', '--print-address=1', f'--config-file={conf}'],
-                            stdout=subprocess.PIPE, text=True)
+                            stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True)
     address = proc.stdout.readline().strip()
+    proc.stdout.close()
     if not address:
         raise RuntimeError(f'the private {kind} bus did not start')
     return proc, address
@@ -101,6 +104,9 @@ class TrayDesktop:
         self.procs = []
         self.root = None
         self.env = None
+        self.system = None
+        self.bluez = None
+        self.files = []
 
     # -- set-up ---------------------------------------------------------------------------------
     def __enter__(self):
@@ -130,18 +136,20 @@ class TrayDesktop:
             'QT_ACCESSIBILITY': '0',
             'NO_AT_BRIDGE': '1',
             'LANG': 'C.UTF-8',
+            'LUMERIX_LOG': 'stderr',
         }
         for name in ('ASAN_OPTIONS', 'UBSAN_OPTIONS', 'LSAN_OPTIONS', 'TSAN_OPTIONS'):
             if name in os.environ:
                 self.env[name] = os.environ[name]
         self._start_x()
-        system, self.env['DBUS_SYSTEM_BUS_ADDRESS'] = _start_bus(self.root, 'system')
+        self.system = lxharness.PrivateBus()
+        self.env['DBUS_SYSTEM_BUS_ADDRESS'] = self.system.address
         session, self.env['DBUS_SESSION_BUS_ADDRESS'] = _start_bus(self.root, 'session')
-        self.procs += [system, session]
+        self.procs.append(session)
         # dbusmock's helpers read the bus addresses from this process's environment.
         for name in ('DBUS_SYSTEM_BUS_ADDRESS', 'DBUS_SESSION_BUS_ADDRESS'):
             os.environ[name] = self.env[name]
-        self.system_bus = dbus.bus.BusConnection(self.env['DBUS_SYSTEM_BUS_ADDRESS'])
+        self.system_bus = self.system.connection
         self.session_bus = dbus.bus.BusConnection(self.env['DBUS_SESSION_BUS_ADDRESS'])
         self._start_watcher()
         self._start_logind()
@@ -160,7 +168,9 @@ class TrayDesktop:
         self.env['DISPLAY'] = ':' + display
 
     def _mock_log(self, name):
-        return open(os.path.join(self.root, f'{name}.log'), 'w', encoding='utf-8')
+        log = open(os.path.join(self.root, f'{name}.log'), 'w', encoding='utf-8')  # pylint: disable=consider-using-with
+        self.files.append(log)
+        return log
 
     def _start_watcher(self):
         proc = dbusmock.DBusTestCase.spawn_server(WATCHER, WATCHER_PATH, WATCHER, system_bus=False,
@@ -182,15 +192,9 @@ class TrayDesktop:
         self.procs.append(proc)
 
     def _start_bluez(self):
-        proc, self.bluez = dbusmock.DBusTestCase.spawn_server_template('bluez5', {},
-                                                                       stdout=self._mock_log('bluez'))
-        self.procs.append(proc)
-        self.adapter_path = None
+        self.bluez = lxharness.Bluez(self.system)
         if self.adapter:
-            dbus.Interface(self.bluez, 'org.bluez.Mock').AddAdapter('hci0', 'lumerix-test')
-            self.adapter_path = '/org/bluez/hci0'
-            if not self.powered:
-                self.adapter_mock().UpdateProperties('org.bluez.Adapter1', {'Powered': dbus.Boolean(False)})
+            self.bluez.add_adapter(powered=self.powered)
 
     def stop(self):
         for proc in reversed(self.procs):
@@ -202,6 +206,15 @@ class TrayDesktop:
                     proc.kill()
                     proc.wait()
         self.procs = []
+        for f in self.files:
+            f.close()
+        self.files = []
+        if self.bluez:
+            self.bluez.stop()
+            self.bluez = None
+        if self.system:
+            self.system.stop()
+            self.system = None
         if self.root:
             shutil.rmtree(self.root, ignore_errors=True)
             self.root = None
@@ -210,7 +223,8 @@ class TrayDesktop:
     def launch(self, *args, extra_env=None):
         env = dict(self.env)
         env.update(extra_env or {})
-        log = open(os.path.join(self.root, 'lumerix.log'), 'ab')
+        log = open(os.path.join(self.root, 'lumerix.log'), 'ab')  # pylint: disable=consider-using-with
+        self.files.append(log)
         proc = subprocess.Popen([os.environ['LUMERIX_BIN'], *args], env=env, stdout=log, stderr=log)
         self.procs.append(proc)
         return proc
@@ -240,22 +254,33 @@ class TrayDesktop:
         item = self.session_bus.get_object(service, '/StatusNotifierItem')
         return item.Get(SNI_IFACE, name, dbus_interface=dbus.PROPERTIES_IFACE)
 
+    def watch_menu_updates(self):
+        """Starts counting the menu-change signals the tray sends; returns a callable giving the count."""
+        log_path = os.path.join(self.root, f'menu-signals-{len(self.files)}.log')
+        log = open(log_path, 'w', encoding='utf-8')  # pylint: disable=consider-using-with
+        self.files.append(log)
+        monitor = subprocess.Popen(['dbus-monitor', '--address', self.env['DBUS_SESSION_BUS_ADDRESS'],
+                                    f"type='signal',interface='{MENU_IFACE}'"], stdout=log,
+                                   stderr=subprocess.DEVNULL)
+        self.procs.append(monitor)
+
+        def count():
+            with open(log_path, encoding='utf-8') as f:
+                text = f.read()
+            return text.count('member=LayoutUpdated') + text.count('member=ItemsPropertiesUpdated')
+
+        # The monitor is listening once it has printed its own NameAcquired signal.
+        wait_for(lambda: os.path.getsize(log_path) > 0, 10, 'dbus-monitor')
+        return count
+
     # -- logind and BlueZ ------------------------------------------------------------------------
     def prepare_for_sleep(self, sleeping):
         dbus.Interface(self.logind, MOCK_IFACE).EmitSignal(
             'org.freedesktop.login1.Manager', 'PrepareForSleep', 'b', [dbus.Boolean(sleeping)])
 
-    def adapter_mock(self):
-        return dbus.Interface(self.system_bus.get_object('org.bluez', self.adapter_path), MOCK_IFACE)
-
     def adapter_calls(self, method):
-        return len(self.adapter_mock().GetMethodCalls(method))
-
-
-def run_tests():
-    """unittest.main() that exits non-zero on failure and names the program's log on the way."""
-    import unittest
-    unittest.main(verbosity=2)
+        """How often the program called this Adapter1 method."""
+        return self.bluez.adapter_calls().count(method)
 
 
 if __name__ == '__main__':
