@@ -270,6 +270,25 @@ class TrayTest(TrayCase):
         self.assertEqual(self.saved_references(), [{'Device': 'Lab', 'Note': 'kept as is'}])
 
 
+class InstalledTrayTest(TrayCase):
+    def test_installed_binary_finds_its_resources_and_shows_the_demo(self):
+        prefix = os.path.join(self.desktop.root, 'prefix')
+        subprocess.run(['cmake', '--install', os.environ['LUMERIX_BUILD_DIR'], '--prefix', prefix],
+                       check=True, stdout=subprocess.DEVNULL, timeout=60)
+        for installed in ('share/lumerix/DefaultReferenceTable.plist', 'share/lumerix/Normal_Icon.svg',
+                          'share/lumerix/Normal_Disable_Icon.svg', 'share/applications/lumerix.desktop'):
+            self.assertTrue(os.path.exists(os.path.join(prefix, installed)), installed)
+        self.program = self.desktop.launch('--demo', binary=os.path.join(prefix, 'bin', 'lumerix'))
+        self.addCleanup(self._dump_log_on_failure)
+        menu = self.desktop.tray_menu()
+        # Simulated receivers above the default references read from <prefix>/share/lumerix.
+        wait_for(lambda: len(menu.titles()) > 5 and menu.titles()[-5:] == DEFAULT_REFERENCES + FIXED_TAIL,
+                 15, 'simulated receivers above the reference entries')
+        self.assertNotIn('could not be loaded', self.desktop.program_log())
+        menu.click('Exit')
+        self.assertEqual(self.exit_status(), 0)
+
+
 class BluetoothOffTest(TrayCase):
     powered = False
 

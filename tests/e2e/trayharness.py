@@ -220,12 +220,12 @@ class TrayDesktop:
             self.root = None
 
     # -- the program under test ------------------------------------------------------------------
-    def launch(self, *args, extra_env=None):
+    def launch(self, *args, extra_env=None, binary=None):
         env = dict(self.env)
         env.update(extra_env or {})
         log = open(os.path.join(self.root, 'lumerix.log'), 'ab')  # pylint: disable=consider-using-with
         self.files.append(log)
-        proc = subprocess.Popen([os.environ['LUMERIX_BIN'], *args], env=env, stdout=log, stderr=log)
+        proc = subprocess.Popen([binary or os.environ['LUMERIX_BIN'], *args], env=env, stdout=log, stderr=log)
         self.procs.append(proc)
         return proc
 
@@ -283,5 +283,51 @@ class TrayDesktop:
         return self.bluez.adapter_calls().count(method)
 
 
+# -- idle cost of the real program --------------------------------------------------------------
+
+def _process_figures(pid):
+    """(CPU seconds, context switches over all threads, resident MB) of a running process."""
+    with open(f'/proc/{pid}/stat', encoding='utf-8') as f:
+        fields = f.read().rsplit(')', 1)[1].split()
+    cpu = (int(fields[11]) + int(fields[12])) / os.sysconf('SC_CLK_TCK')
+    switches = 0
+    for tid in os.listdir(f'/proc/{pid}/task'):
+        try:
+            with open(f'/proc/{pid}/task/{tid}/status', encoding='utf-8') as f:
+                for line in f:
+                    if line.startswith(('voluntary_ctxt_switches', 'nonvoluntary_ctxt_switches')):
+                        switches += int(line.split()[1])
+        except OSError:
+            pass  # a thread that just ended
+    with open(f'/proc/{pid}/status', encoding='utf-8') as f:
+        rss_kb = next(int(line.split()[1]) for line in f if line.startswith('VmRSS'))
+    return cpu, switches, rss_kb / 1024
+
+
+def measure_idle(seconds, settle=5):
+    """Runs the tray with a powered adapter and no receivers; prints CPU, wake-ups and memory."""
+    with TrayDesktop() as desktop:
+        program = desktop.launch()
+        desktop.tray_menu()
+        wait_for(lambda: desktop.adapter_calls('StartDiscovery') >= 1, 10, 'scanning')
+        time.sleep(settle)
+        cpu0, switches0, rss = _process_figures(program.pid)
+        start = time.monotonic()
+        time.sleep(seconds)
+        cpu1, switches1, rss_end = _process_figures(program.pid)
+        elapsed = time.monotonic() - start
+        program.send_signal(signal.SIGTERM)
+        program.wait(15)
+    cpu = cpu1 - cpu0
+    wakeups = switches1 - switches0
+    print(f'idle {elapsed:.0f} s, no receivers: CPU {cpu:.2f} s = {100 * cpu / elapsed:.3f} % '
+          f'(target < 0.1 %); wake-ups (context switches, all threads) {wakeups} = {wakeups / elapsed:.1f}/s; '
+          f'resident memory {rss:.1f} MB {settle} s after start, {rss_end:.1f} MB at the end (target < 40 MB)')
+
+
 if __name__ == '__main__':
-    sys.exit('trayharness is a library for the test_tray*.py tests')
+    # python3 trayharness.py idle [SECONDS]: the idle figures of $LUMERIX_BIN.
+    if len(sys.argv) >= 2 and sys.argv[1] == 'idle':
+        measure_idle(float(sys.argv[2]) if len(sys.argv) > 2 else 60)
+    else:
+        sys.exit('usage: trayharness.py idle [SECONDS]   (LUMERIX_BIN names the binary)')
