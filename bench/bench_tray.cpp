@@ -23,7 +23,8 @@ constexpr int kReceivers = 50;
 // What the shell builds: receivers strongest first, two reference entries, separator, About, Exit.
 MenuRef shellMenu(const std::vector<QString>& receivers) {
     auto menu = std::make_shared<Menu>(QStringLiteral("Lumerix"));
-    for (const QString& name : receivers) menu->addItem(MenuItem::initWithTitle(name, MenuAction::DeviceConnect));
+    for (const QString& name : receivers)
+        menu->addItem(MenuItem::initWithTitle(name, MenuAction::DeviceConnect));
     menu->addItem(MenuItem::initWithTitle(QStringLiteral("Boardroom"), MenuAction::DeviceConnect));
     menu->addItem(MenuItem::initWithTitle(QStringLiteral("Training Room"), MenuAction::DeviceConnect));
     menu->addItem(MenuItem::separatorItem());
@@ -71,8 +72,8 @@ void applyAlternating(benchmark::State& state, const std::vector<QString>& a, co
     item.setMenu(supply.first());
     const uint64_t before = item.menuUpdates();
     for (auto _ : state) item.setMenu(supply.next());
-    state.counters["edited"] =
-        benchmark::Counter(static_cast<double>(item.menuUpdates() - before), benchmark::Counter::kAvgIterations);
+    state.counters["edited"] = benchmark::Counter(static_cast<double>(item.menuUpdates() - before),
+                                                  benchmark::Counter::kAvgIterations);
 }
 
 void BM_TrayMenu_Unchanged(benchmark::State& state) {

@@ -10,9 +10,12 @@ namespace {
 
 QMessageBox::Icon iconFor(int style) {
     switch (style) {
-        case Alert::Informational: return QMessageBox::Information;
-        case Alert::Critical: return QMessageBox::Critical;
-        default: return QMessageBox::Warning;
+        case Alert::Informational:
+            return QMessageBox::Information;
+        case Alert::Critical:
+            return QMessageBox::Critical;
+        default:
+            return QMessageBox::Warning;
     }
 }
 
@@ -32,7 +35,8 @@ void QtShellApplication::terminate() {
 }
 
 void QtShellApplication::scheduleTermination() {
-    QMetaObject::invokeMethod(qApp, [this] { finishTermination(); }, Qt::QueuedConnection);
+    QMetaObject::invokeMethod(
+        qApp, [this] { finishTermination(); }, Qt::QueuedConnection);
 }
 
 void QtShellApplication::finishTermination() {
@@ -68,11 +72,12 @@ int QtShellApplication::runModal(const Alert& alert) {
 void QtShellApplication::orderFrontStandardAboutPanel() {
     if (!about_) {
         const QString name = QCoreApplication::applicationName();
-        about_ = new QMessageBox(QMessageBox::NoIcon, QStringLiteral("About %1").arg(name),
-                                 QStringLiteral("<b>%1</b><br>Version %2<br><br>Lists the presentation receivers "
-                                                "nearby and connects the sender to the one you choose.")
-                                     .arg(name.toHtmlEscaped(), QCoreApplication::applicationVersion()),
-                                 QMessageBox::Ok);
+        about_ =
+            new QMessageBox(QMessageBox::NoIcon, QStringLiteral("About %1").arg(name),
+                            QStringLiteral("<b>%1</b><br>Version %2<br><br>Lists the presentation receivers "
+                                           "nearby and connects the sender to the one you choose.")
+                                .arg(name.toHtmlEscaped(), QCoreApplication::applicationVersion()),
+                            QMessageBox::Ok);
         about_->setAttribute(Qt::WA_DeleteOnClose);
         about_->setTextFormat(Qt::RichText);
         about_->setModal(false);

@@ -12,13 +12,20 @@ namespace lumerix {
 
 namespace {
 
-QString iconPath(const QString& dir, const QString& name) { return dir + QLatin1Char('/') + name + QStringLiteral(".svg"); }
+QString iconPath(const QString& dir, const QString& name) {
+    return dir + QLatin1Char('/') + name + QStringLiteral(".svg");
+}
 
 // '&' marks a mnemonic in a QAction's text; receiver names are shown as they are.
 QString escapedTitle(const QString& title) {
     QString text = title;
     text.replace(QLatin1Char('&'), QStringLiteral("&&"));
     return text;
+}
+
+// Icons differ by name and by whether they are drawn as a mask.
+QString imageKey(const StatusImage& image) {
+    return image.name() + (image.isTemplate() ? QStringLiteral("/mask") : QStringLiteral("/colour"));
 }
 
 void show(QAction* action, const TrayEntry& entry) {
@@ -36,13 +43,15 @@ QtStatusItem::QtStatusItem(QString resourcesDir)
     menu_->setTitle(QStringLiteral("Lumerix"));
     QObject::connect(menu_.get(), &QMenu::aboutToShow, menu_.get(), [this] { menuOpen_ = true; });
     QObject::connect(menu_.get(), &QMenu::aboutToHide, menu_.get(), [this] { menuOpen_ = false; });
-    QObject::connect(menu_.get(), &QMenu::triggered, menu_.get(), [this](QAction* action) { activate(action); });
+    QObject::connect(menu_.get(), &QMenu::triggered, menu_.get(),
+                     [this](QAction* action) { activate(action); });
     tray_->setToolTip(QStringLiteral("Lumerix"));
     tray_->setContextMenu(menu_.get());
     // A left click opens the same menu, as a menu-bar item does.
     QObject::connect(tray_.get(), &QSystemTrayIcon::activated, menu_.get(),
                      [this](QSystemTrayIcon::ActivationReason reason) {
-                         if (reason == QSystemTrayIcon::Trigger && !menu_->isVisible()) menu_->popup(QCursor::pos());
+                         if (reason == QSystemTrayIcon::Trigger && !menu_->isVisible())
+                             menu_->popup(QCursor::pos());
                      });
 }
 
@@ -53,8 +62,7 @@ QtStatusItem::~QtStatusItem() {
 }
 
 void QtStatusItem::setImage(const StatusImageRef& image) {
-    const QString key = image ? image->name() + (image->isTemplate() ? QStringLiteral("/t") : QStringLiteral("/f"))
-                              : QString();
+    const QString key = image ? imageKey(*image) : QString();
     if (key == shownImage_) return;
     shownImage_ = key;
     ++iconUpdates_;
@@ -64,7 +72,7 @@ void QtStatusItem::setImage(const StatusImageRef& image) {
 }
 
 QIcon QtStatusItem::iconFor(const StatusImage& image) {
-    const QString key = image.name() + (image.isTemplate() ? QStringLiteral("/t") : QStringLiteral("/f"));
+    const QString key = imageKey(image);
     auto cached = icons_.constFind(key);
     if (cached != icons_.constEnd()) return *cached;
     QIcon icon(iconPath(resourcesDir_, image.name()));
@@ -120,11 +128,14 @@ std::shared_ptr<QtStatusBar> QtStatusBar::makeStatusBar(const QString& resources
     return std::make_shared<QtStatusBar>(resourcesDir);
 }
 
-StatusItemRef QtStatusBar::statusItemWithLength(double) { return std::make_shared<QtStatusItem>(resourcesDir_); }
+StatusItemRef QtStatusBar::statusItemWithLength(double) {
+    return std::make_shared<QtStatusItem>(resourcesDir_);
+}
 
 StatusImageRef QtStatusBar::imageNamed(const QString& name) {
     if (!QFileInfo::exists(iconPath(resourcesDir_, name))) {
-        Log::logf("Image %s is missing from %s", name.toUtf8().constData(), resourcesDir_.toUtf8().constData());
+        Log::logf("Image %s is missing from %s", name.toUtf8().constData(),
+                  resourcesDir_.toUtf8().constData());
         return nullptr;
     }
     return std::make_shared<StatusImage>(name);

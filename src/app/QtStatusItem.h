@@ -46,7 +46,7 @@ private:
     TrayMenuPresenter presenter_;
     MenuActionTarget* target_ = nullptr;
     bool menuOpen_ = false;
-    QString shownImage_;  // "<name>/<template>", empty for none
+    QString shownImage_;  // key of the image shown, empty for none
     QHash<QString, QIcon> icons_;
     uint64_t menuUpdates_ = 0;
     uint64_t iconUpdates_ = 0;

@@ -67,7 +67,9 @@ int runTrayApp(int argc, char** argv) {
         // The simulated receivers need no adapter.
         env.bluetoothPowered = [] { return true; };
     } else {
-        env.bluetoothPowered = [] { return BluezPowerCheck::InitBlueToothDevice(QDBusConnection::systemBus()); };
+        env.bluetoothPowered = [] {
+            return BluezPowerCheck::InitBlueToothDevice(QDBusConnection::systemBus());
+        };
     }
 
     AppDelegate delegate(std::move(env));
@@ -80,7 +82,8 @@ int runTrayApp(int argc, char** argv) {
     delegate.awakeFromNib();
     // Launching finishes from the event loop, as on any desktop: a termination asked for during
     // launch (Bluetooth off) then runs after the launch sequence, from the same loop.
-    QMetaObject::invokeMethod(&app, [&delegate] { delegate.applicationDidFinishLaunching(); }, Qt::QueuedConnection);
+    QMetaObject::invokeMethod(
+        &app, [&delegate] { delegate.applicationDidFinishLaunching(); }, Qt::QueuedConnection);
     const int status = QApplication::exec();
     application->setWillTerminate(nullptr);
     return status;

@@ -39,7 +39,8 @@ bool TrayMenuPresenter::apply(const MenuRef& menu) {
         if (shown_[row] != wanted[row]) view_.updateEntry(static_cast<int>(row), wanted[row]);
     }
     for (size_t i = common; i < oldMiddle; ++i) view_.removeEntry(static_cast<int>(head + common));
-    for (size_t i = common; i < newMiddle; ++i) view_.insertEntry(static_cast<int>(head + i), wanted[head + i]);
+    for (size_t i = common; i < newMiddle; ++i)
+        view_.insertEntry(static_cast<int>(head + i), wanted[head + i]);
     shown_ = std::move(wanted);
     return true;
 }

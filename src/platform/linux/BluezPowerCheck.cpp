@@ -55,7 +55,8 @@ bool BluezPowerCheck::InitBlueToothDevice(const QDBusConnection& bus, int timeou
         return false;
     }
     if (reply.signature() != QLatin1String("a{oa{sa{sv}}}") || reply.arguments().size() != 1) {
-        Log::logf("Bluetooth check: unexpected BlueZ reply signature %s", reply.signature().toUtf8().constData());
+        Log::logf("Bluetooth check: unexpected BlueZ reply signature %s",
+                  reply.signature().toUtf8().constData());
         return false;
     }
     const QMap<QString, QVariantMap> adapters = adaptersOf(reply.arguments().first().value<QDBusArgument>());

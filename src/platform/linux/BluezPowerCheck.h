@@ -1,7 +1,7 @@
 #pragma once
-// The start-up Bluetooth check (InitBlueToothDevice): true when BlueZ has a default adapter (the first one by object
-// path, hci0 on most machines) and its Powered property is true. One bounded call on the given
-// bus; the reason for a false answer is logged.
+// The start-up Bluetooth check (InitBlueToothDevice): true when BlueZ has a default adapter (the
+// lowest-numbered one, hci0 on most machines) and its Powered property is true. One bounded call on
+// the given bus; the reason for a false answer is logged.
 #include <QDBusConnection>
 
 namespace lumerix {

@@ -35,7 +35,8 @@ void LogindWorkspace::tell(Note note) {
     // A copy: an observer may remove itself while being told.
     const std::vector<WorkspaceObserver*> observers = observers_;
     for (WorkspaceObserver* observer : observers) {
-        if (std::find(observers_.begin(), observers_.end(), observer) != observers_.end()) (observer->*note)();
+        if (std::find(observers_.begin(), observers_.end(), observer) != observers_.end())
+            (observer->*note)();
     }
 }
 

@@ -61,8 +61,8 @@ TEST_F(QtStatusItemTest, ClicksReachTheItemObjectsOfTheMenuAttachedLast) {
     QtStatusItem item(kResources);
     RecordingTarget target;
     item.setTarget(&target);
-    item.setMenu(menuOf({QStringLiteral("Room A"), QStringLiteral("Room B"), QStringLiteral("---"),
-                         QStringLiteral("Exit")}));
+    item.setMenu(menuOf(
+        {QStringLiteral("Room A"), QStringLiteral("Room B"), QStringLiteral("---"), QStringLiteral("Exit")}));
 
     struct Step {
         const char* name;
@@ -71,8 +71,14 @@ TEST_F(QtStatusItemTest, ClicksReachTheItemObjectsOfTheMenuAttachedLast) {
         bool edits;
     };
     const std::vector<Step> steps = {
-        {"same titles, new objects", {QStringLiteral("Room A"), QStringLiteral("Room B"), QStringLiteral("---"), QStringLiteral("Exit")}, 1, false},
-        {"swapped", {QStringLiteral("Room B"), QStringLiteral("Room A"), QStringLiteral("---"), QStringLiteral("Exit")}, 0, true},
+        {"same titles, new objects",
+         {QStringLiteral("Room A"), QStringLiteral("Room B"), QStringLiteral("---"), QStringLiteral("Exit")},
+         1,
+         false},
+        {"swapped",
+         {QStringLiteral("Room B"), QStringLiteral("Room A"), QStringLiteral("---"), QStringLiteral("Exit")},
+         0,
+         true},
         {"one left", {QStringLiteral("Room A"), QStringLiteral("---"), QStringLiteral("Exit")}, 2, true},
     };
     for (const Step& step : steps) {

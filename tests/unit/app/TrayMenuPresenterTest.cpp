@@ -50,7 +50,10 @@ MenuRef menuOf(const QStringList& titles) {
     return menu;
 }
 
-QStringList fixed(QStringList receivers) { return receivers << QStringLiteral("Ref") << QStringLiteral("---") << QStringLiteral("About") << QStringLiteral("Exit"); }
+QStringList fixed(QStringList receivers) {
+    return receivers << QStringLiteral("Ref") << QStringLiteral("---") << QStringLiteral("About")
+                     << QStringLiteral("Exit");
+}
 
 TEST(TrayMenuPresenter, EditsOnlyWhatChanged) {
     struct Case {
@@ -65,9 +68,14 @@ TEST(TrayMenuPresenter, EditsOnlyWhatChanged) {
         {"first receiver appears on top", fixed({}), fixed({a}), {QStringLiteral("insert 0")}},
         {"receiver joins in the middle", fixed({a, c}), fixed({a, b, c}), {QStringLiteral("insert 1")}},
         {"last receiver leaves", fixed({a}), fixed({}), {QStringLiteral("remove 0")}},
-        {"two swap places", fixed({a, b, c}), fixed({b, a, c}), {QStringLiteral("update 0"), QStringLiteral("update 1")}},
+        {"two swap places",
+         fixed({a, b, c}),
+         fixed({b, a, c}),
+         {QStringLiteral("update 0"), QStringLiteral("update 1")}},
         {"renamed", fixed({a}), fixed({c}), {QStringLiteral("update 0")}},
-        {"all gone at once", fixed({a, b, c}), fixed({}),
+        {"all gone at once",
+         fixed({a, b, c}),
+         fixed({}),
          {QStringLiteral("remove 0"), QStringLiteral("remove 0"), QStringLiteral("remove 0")}},
         {"separator turns into a title", {a, QStringLiteral("---")}, {a, b}, {QStringLiteral("update 1")}},
     };
