@@ -87,14 +87,25 @@ class TrayCase(unittest.TestCase):
         return self.program
 
     def _dump_log_on_failure(self):
+        # Every case ends with a clean termination, so sanitizer builds report what they found.
+        status = None
         if self.program.poll() is None:
-            self.program.kill()
-            self.program.wait()
-        # Show the program's own log lines when the case failed.
+            self.program.send_signal(signal.SIGTERM)
+            try:
+                status = self.program.wait(15)
+            except subprocess.TimeoutExpired:
+                self.program.kill()
+                self.program.wait()
+        log = self.desktop.program_log()
         result = self._outcome.result
         failed = any(test is self for test, _ in result.errors + result.failures)
-        if failed or os.environ.get('LUMERIX_E2E_VERBOSE'):
-            sys.stderr.write('--- lumerix log ---\n' + self.desktop.program_log() + '-------------------\n')
+        sanitizer = any(mark in log for mark in ('ERROR: AddressSanitizer', 'ERROR: LeakSanitizer',
+                                                  'runtime error:', 'WARNING: ThreadSanitizer'))
+        # Show the program's own log lines when the case failed.
+        if failed or sanitizer or status or os.environ.get('LUMERIX_E2E_VERBOSE'):
+            sys.stderr.write('--- lumerix log ---\n' + log + '-------------------\n')
+        self.assertFalse(sanitizer, 'the sanitizer reported an error')
+        self.assertIn(status, (None, 0), 'lumerix did not end cleanly on SIGTERM')
 
     def advertiser(self):
         advertiser = Advertiser(self.desktop)
