@@ -65,9 +65,10 @@ class Advertiser:
 class TrayCase(unittest.TestCase):
     """One private desktop per case; helpers only."""
     powered = True
+    tray = True
 
     def setUp(self):
-        self.desktop = trayharness.TrayDesktop(powered=self.powered)
+        self.desktop = trayharness.TrayDesktop(powered=self.powered, tray=self.tray)
         self.desktop.start()
         self.addCleanup(self.desktop.stop)
         self.senders = []
@@ -311,6 +312,19 @@ class BluetoothOffTest(TrayCase):
         self.start_tray()
         wait_for(lambda: 'is not powered on' in self.desktop.program_log(), 10, 'the Bluetooth check to fail')
         # The alert waits for the user; a SIGTERM closes it and ends the program cleanly.
+        self.program.send_signal(signal.SIGTERM)
+        self.assertEqual(self.exit_status(), 0)
+        self.assertEqual([e['Device'] for e in self.saved_references()], DEFAULT_REFERENCES)
+
+
+class NoTrayTest(TrayCase):
+    tray = False
+
+    def test_runs_on_without_a_tray_and_still_saves(self):
+        self.start_tray()
+        wait_for(lambda: 'No system tray on this desktop' in self.desktop.program_log(), 10, 'the no-tray line')
+        self.wait_for_scanning()
+        self.assertIsNone(self.program.poll())
         self.program.send_signal(signal.SIGTERM)
         self.assertEqual(self.exit_status(), 0)
         self.assertEqual([e['Device'] for e in self.saved_references()], DEFAULT_REFERENCES)

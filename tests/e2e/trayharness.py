@@ -98,9 +98,10 @@ class TrayMenu:
 class TrayDesktop:
     """Starts the private desktop; use as a context manager or call start()/stop()."""
 
-    def __init__(self, adapter=True, powered=True):
+    def __init__(self, adapter=True, powered=True, tray=True):
         self.adapter = adapter
         self.powered = powered
+        self.tray = tray
         self.procs = []
         self.root = None
         self.env = None
@@ -153,7 +154,8 @@ class TrayDesktop:
             os.environ[name] = self.env[name]
         self.system_bus = self.system.connection
         self.session_bus = dbus.bus.BusConnection(self.env['DBUS_SESSION_BUS_ADDRESS'])
-        self._start_watcher()
+        if self.tray:
+            self._start_watcher()
         self._start_logind()
         self._start_bluez()
 
