@@ -2,8 +2,9 @@
 
 #include <QHash>
 #include <cmath>
-#include <numbers>
+#include <condition_variable>
 #include <mutex>
+#include <numbers>
 
 #include "dispatch/DispatchQueue.h"
 #include "log/Log.h"
@@ -14,7 +15,8 @@ namespace {
 
 class SimulatedPeripheral final : public BlePeripheral {
 public:
-    SimulatedPeripheral(QString identifier, QString name) : identifier_(std::move(identifier)), name_(std::move(name)) {}
+    SimulatedPeripheral(QString identifier, QString name)
+        : identifier_(std::move(identifier)), name_(std::move(name)) {}
     QString identifier() const override { return identifier_; }
     QString name() const override { return name_; }
     void setDelegate(BlePeripheralDelegate* delegate) override { delegate_.store(delegate); }
@@ -32,7 +34,7 @@ private:
 
 // What one scenario device sends, prepared once.
 struct Player {
-    SimulatedReceiver spec;
+    SimulatedReceiver receiver;
     BlePeripheralRef peripheral;
     std::vector<AdvertisementData> advertisements;  // one, or two alternating segments
     TaskHandle pending;
@@ -59,7 +61,9 @@ SimulatedReceiver SimulatedReceiver::otherDevice(const QString& localName, doubl
 
 SimulatedScenario SimulatedScenario::demo() {
     auto wave = [](double base, double amplitude, double periodMs) {
-        return [=](uint64_t, double t) { return std::round(base + amplitude * std::sin(2 * std::numbers::pi * t / periodMs)); };
+        return [=](uint64_t, double t) {
+            return std::round(base + amplitude * std::sin(2 * std::numbers::pi * t / periodMs));
+        };
     };
     SimulatedScenario s;
     SimulatedReceiver huddle;
@@ -104,12 +108,16 @@ SimulatedScenario SimulatedScenario::demo() {
 }
 
 QString SimulatedCentral::identifierForIndex(size_t index) {
-    return QStringLiteral("00000000-0000-0000-0000-%1").arg(static_cast<qulonglong>(index + 1), 12, 16, QLatin1Char('0')).toUpper();
+    return QStringLiteral("00000000-0000-0000-0000-%1")
+        .arg(static_cast<qulonglong>(index + 1), 12, 16, QLatin1Char('0'))
+        .toUpper();
 }
 
 struct SimulatedCentral::Core : std::enable_shared_from_this<Core> {
-    // Recursive: a delegate may call back into the central from within a callback.
-    mutable std::recursive_mutex mutex;
+    // Guards the state below; never held while the delegate runs, so a delegate may call back in.
+    mutable std::mutex mutex;
+    std::condition_variable idle;
+    int callbacksRunning = 0;
     BleCentralDelegate* delegate = nullptr;  // null once the central is gone
     DispatchQueue* queue = nullptr;
     double origin = 0;
@@ -134,13 +142,25 @@ struct SimulatedCentral::Core : std::enable_shared_from_this<Core> {
         return p;
     }
 
+    // Runs `call` on the delegate with the lock released; the destructor waits for it to finish.
+    void callDelegate(std::unique_lock<std::mutex>& lock,
+                      const std::function<void(BleCentralDelegate&)>& call) {
+        BleCentralDelegate* d = delegate;
+        if (!d) return;
+        ++callbacksRunning;
+        lock.unlock();
+        call(*d);
+        lock.lock();
+        if (--callbacksRunning == 0) idle.notify_all();
+    }
+
     void report(std::function<void(BleCentralDelegate&)> call) {
         std::weak_ptr<Core> weak = weak_from_this();
         queue->async([weak, call = std::move(call)] {
             auto self = weak.lock();
             if (!self) return;
-            std::lock_guard lock(self->mutex);
-            if (self->delegate) call(*self->delegate);
+            std::unique_lock lock(self->mutex);
+            self->callDelegate(lock, call);
         });
     }
 
@@ -154,8 +174,8 @@ struct SimulatedCentral::Core : std::enable_shared_from_this<Core> {
     // Schedules the player's first slot at or after now.
     void schedule(size_t index, uint64_t slot) {
         Player& p = players[index];
-        const double due = p.spec.appearAtMs + static_cast<double>(slot) * p.spec.intervalMs;
-        if (p.spec.leaveAtMs && due >= *p.spec.leaveAtMs) return;
+        const double due = p.receiver.appearAtMs + static_cast<double>(slot) * p.receiver.intervalMs;
+        if (p.receiver.leaveAtMs && due >= *p.receiver.leaveAtMs) return;
         std::weak_ptr<Core> weak = weak_from_this();
         const uint64_t gen = generation;
         p.pending = queue->after(due - elapsed(), [weak, index, slot, gen] {
@@ -167,29 +187,34 @@ struct SimulatedCentral::Core : std::enable_shared_from_this<Core> {
         const double now = elapsed();
         for (size_t i = 0; i < players.size(); ++i) {
             players[i].reportedThisScan = false;
-            const SimulatedReceiver& r = players[i].spec;
+            const SimulatedReceiver& r = players[i].receiver;
             uint64_t slot = 0;
-            if (now > r.appearAtMs) slot = static_cast<uint64_t>(std::ceil((now - r.appearAtMs) / r.intervalMs));
+            if (now > r.appearAtMs)
+                slot = static_cast<uint64_t>(std::ceil((now - r.appearAtMs) / r.intervalMs));
             schedule(i, slot);
         }
     }
 
     void fire(size_t index, uint64_t slot, uint64_t gen) {
-        std::lock_guard lock(mutex);
+        std::unique_lock lock(mutex);
         if (!delegate || !scanning || gen != generation) return;
         Player& p = players[index];
         const AdvertisementData& ad = p.advertisements[slot % p.advertisements.size()];
-        const double rssi = p.spec.rssiAt(slot, elapsed());
+        const double rssi = p.receiver.rssiAt(slot, elapsed());
         schedule(index, slot + 1);
         if (!allowDuplicates && p.reportedThisScan) return;
         p.reportedThisScan = true;
         ++sent;
-        delegate->centralManagerDidDiscoverPeripheral(p.peripheral, ad, rssi);
+        // Players and their records are fixed after construction, so these stay valid unlocked.
+        const BlePeripheralRef& peripheral = p.peripheral;
+        callDelegate(lock, [&](BleCentralDelegate& d) {
+            d.centralManagerDidDiscoverPeripheral(peripheral, ad, rssi);
+        });
     }
 };
 
-SimulatedCentral::SimulatedCentral(BleCentralDelegate* delegate, DispatchQueue* queue, SimulatedScenario scenario,
-                                   int initialState)
+SimulatedCentral::SimulatedCentral(BleCentralDelegate* delegate, DispatchQueue* queue,
+                                   SimulatedScenario scenario, int initialState)
     : core_(std::make_shared<Core>()) {
     core_->delegate = delegate;
     core_->queue = queue;
@@ -197,17 +222,18 @@ SimulatedCentral::SimulatedCentral(BleCentralDelegate* delegate, DispatchQueue* 
     core_->state = initialState;
     for (size_t i = 0; i < scenario.receivers.size(); ++i) {
         Player p;
-        p.spec = std::move(scenario.receivers[i]);
-        if (!(p.spec.intervalMs > 0)) p.spec.intervalMs = 100.0;
-        const QString id = p.spec.identifier.isEmpty() ? identifierForIndex(i) : p.spec.identifier;
-        p.peripheral = core_->peripheralFor(id, p.spec.localName.value_or(QString()));
-        if (p.spec.manufacturerDataOverride) {
-            p.advertisements.push_back({p.spec.localName, p.spec.manufacturerDataOverride});
+        p.receiver = std::move(scenario.receivers[i]);
+        if (!(p.receiver.intervalMs > 0)) p.receiver.intervalMs = 100.0;
+        const QString id = p.receiver.identifier.isEmpty() ? identifierForIndex(i) : p.receiver.identifier;
+        p.peripheral = core_->peripheralFor(id, p.receiver.localName.value_or(QString()));
+        if (p.receiver.manufacturerDataOverride) {
+            p.advertisements.push_back({p.receiver.localName, p.receiver.manufacturerDataOverride});
         } else {
-            const NameSegments segments = splitReceiverName(p.spec.name);
+            const NameSegments segments = splitReceiverName(p.receiver.name);
             auto record = [&](uint8_t segmentByte, const QByteArray& bytes) {
-                return AdvertisementData{p.spec.localName, makeLumerixRecord(segmentByte, p.spec.ipv4, p.spec.code1,
-                                                                             p.spec.code2, bytes, p.spec.companyId)};
+                return AdvertisementData{
+                    p.receiver.localName, makeLumerixRecord(segmentByte, p.receiver.ipv4, p.receiver.code1, p.receiver.code2,
+                                                        bytes, p.receiver.companyId)};
             };
             if (segments.twoSegments()) {
                 p.advertisements.push_back(record(kSegmentFirstOfTwo, segments.first));
@@ -222,10 +248,12 @@ SimulatedCentral::SimulatedCentral(BleCentralDelegate* delegate, DispatchQueue* 
 }
 
 SimulatedCentral::~SimulatedCentral() {
-    std::lock_guard lock(core_->mutex);
+    std::unique_lock lock(core_->mutex);
     core_->delegate = nullptr;
     core_->scanning = false;
     core_->cancelPlayers();
+    // A callback already running on the queue finishes before its delegate may go away.
+    if (!core_->queue->isCurrent()) core_->idle.wait(lock, [&] { return core_->callbacksRunning == 0; });
 }
 
 int SimulatedCentral::state() const { return core_->state.load(); }
@@ -236,7 +264,8 @@ void SimulatedCentral::scanForPeripherals(bool allowDuplicates) {
         Log::logf("SimulatedCentral: scan requested while the adapter is not powered on");
         return;
     }
-    if (core_->scanning) return;
+    // Scanning again while scanning restarts the scan with the new option, as adapters do.
+    core_->cancelPlayers();
     core_->scanning = true;
     core_->allowDuplicates = allowDuplicates;
     ++core_->generation;
@@ -263,8 +292,9 @@ void SimulatedCentral::cancelPeripheralConnection(const BlePeripheralRef& periph
         std::lock_guard lock(core_->mutex);
         core_->cancelled.push_back(peripheral->identifier());
     }
-    core_->report(
-        [peripheral](BleCentralDelegate& d) { d.centralManagerDidDisconnectPeripheral(peripheral, std::nullopt); });
+    core_->report([peripheral](BleCentralDelegate& d) {
+        d.centralManagerDidDisconnectPeripheral(peripheral, std::nullopt);
+    });
 }
 
 void SimulatedCentral::setState(int state) {
@@ -278,11 +308,13 @@ void SimulatedCentral::setState(int state) {
     core_->report([state](BleCentralDelegate& d) { d.centralManagerDidUpdateState(state); });
 }
 
-void SimulatedCentral::injectAdvertisement(const QString& identifier, const AdvertisementData& data, double rssi) {
+void SimulatedCentral::injectAdvertisement(const QString& identifier, const AdvertisementData& data,
+                                           double rssi) {
     std::lock_guard lock(core_->mutex);
     BlePeripheralRef p = core_->peripheralFor(identifier, data.localName.value_or(QString()));
     ++core_->sent;
-    core_->report([p, data, rssi](BleCentralDelegate& d) { d.centralManagerDidDiscoverPeripheral(p, data, rssi); });
+    core_->report(
+        [p, data, rssi](BleCentralDelegate& d) { d.centralManagerDidDiscoverPeripheral(p, data, rssi); });
 }
 
 bool SimulatedCentral::isScanning() const {
@@ -316,9 +348,10 @@ BlePeripheralRef SimulatedCentral::peripheral(const QString& identifier) {
 }
 
 BleCentralFactory simulatedCentralFactory(SimulatedScenario scenario, int initialState) {
-    return [scenario = std::move(scenario), initialState](BleCentralDelegate* delegate, DispatchQueue* queue) {
-        return std::make_unique<SimulatedCentral>(delegate, queue, scenario, initialState);
-    };
+    return
+        [scenario = std::move(scenario), initialState](BleCentralDelegate* delegate, DispatchQueue* queue) {
+            return std::make_unique<SimulatedCentral>(delegate, queue, scenario, initialState);
+        };
 }
 
 }  // namespace lumerix

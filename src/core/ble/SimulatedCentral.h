@@ -9,8 +9,9 @@
 // and before leaveAtMs. A name longer than 16 UTF-8 bytes goes out as two segments, alternating
 // per advertisement (segment 1 on even slots, segment 2 on odd ones).
 //
-// Thread safety: every public member may be called from any thread; delegate callbacks run on the
-// reporting queue only, and destruction waits for a callback that is running.
+// Thread safety: every public member may be called from any thread, also from within a callback;
+// delegate callbacks run on the reporting queue only, and destruction waits for a callback that is
+// running.
 #include <QByteArray>
 #include <QString>
 #include <array>

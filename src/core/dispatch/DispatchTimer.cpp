@@ -55,7 +55,8 @@ bool DispatchTimer::isCancelled() const {
     return cancelled_;
 }
 
-DispatchTimerRef CreateDispatchTimer(DispatchQueue* queue, std::function<void()> block, double intervalSeconds) {
+DispatchTimerRef CreateDispatchTimer(DispatchQueue* queue, std::function<void()> block,
+                                     double intervalSeconds) {
     // Also refuses intervals whose nanosecond count does not fit 64 bits.
     if (!queue || !block || !(intervalSeconds > 0) || !(intervalSeconds < 1.8e10)) return nullptr;
     // Seconds to whole nanoseconds, truncated, as the timer source takes them.

@@ -87,11 +87,14 @@ void VirtualTime::runUntilIdle() {
     }
 }
 
-ManualQueue::ManualQueue(VirtualTime& time, std::string label) : DispatchQueue(std::move(label)), time_(time) {}
+ManualQueue::ManualQueue(VirtualTime& time, std::string label)
+    : DispatchQueue(std::move(label)), time_(time) {}
 ManualQueue::~ManualQueue() { time_.forget(this); }
 
 void ManualQueue::async(Task task) { time_.post(this, 0, std::move(task)); }
-TaskHandle ManualQueue::after(double delayMs, Task task) { return time_.post(this, delayMs, std::move(task)); }
+TaskHandle ManualQueue::after(double delayMs, Task task) {
+    return time_.post(this, delayMs, std::move(task));
+}
 
 void ManualQueue::run(const Task& task) {
     CurrentScope scope(this);

@@ -241,8 +241,8 @@ void QVLumerixHandler::decrytLumerixItem(const QVLumerixItemRef& item,
     uint8_t plain[kPlaintextCapacity];
     std::memset(plain, 0, sizeof plain);
     const auto cipherLength = static_cast<int32_t>(std::min<qsizetype>(n - 3, kPlaintextCapacity));
-    const int m = DESDecrypt(kLumerixAdvertisementKey, reinterpret_cast<const uint8_t*>(record.constData()) + 3,
-                             cipherLength, plain);
+    const int m = DESDecrypt(kLumerixAdvertisementKey,
+                             reinterpret_cast<const uint8_t*>(record.constData()) + 3, cipherLength, plain);
 
     LumerixStructV2 v = item->lumerixV2();
     if (m >= 6) {
@@ -269,7 +269,7 @@ void QVLumerixHandler::decrytLumerixItem(const QVLumerixItemRef& item,
         v.receivedSegments |= 1;
     } else if (segmentCount == 2 && segmentIndex == 2) {
         name = (v.receivedSegments & 1) ? boundedString(v.receiverName, sizeof v.receiverName)
-                                         : QStringLiteral("...") + boundedString(v.receiverName + 16, 32);
+                                        : QStringLiteral("...") + boundedString(v.receiverName + 16, 32);
         v.receivedSegments |= 2;
     }
 
@@ -306,8 +306,8 @@ void QVLumerixHandler::logDecryptedItem(const QVLumerixItemRef& item) {
     Log::logf("%s", "-[QVLumerixHandler logDecryptedItem:]");
     Log::logf("----------------------");
     for (int k = 0; k < 5; ++k) {
-        Log::logf("%d (%d) %.*s", k + 1, lengths[k], static_cast<int>(strnlen(fields[k].text, fields[k].capacity)),
-                  fields[k].text);
+        Log::logf("%d (%d) %.*s", k + 1, lengths[k],
+                  static_cast<int>(strnlen(fields[k].text, fields[k].capacity)), fields[k].text);
     }
     Log::logf("----------------------");
 }

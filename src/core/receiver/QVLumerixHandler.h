@@ -36,7 +36,8 @@ public:
 // What a handler is built from; production and tests differ only here.
 struct HandlerEnvironment {
     std::shared_ptr<Clock> clock = systemClock();
-    // The main thread's queue (the shell's); must outlive the handler.
+    // The main thread's queue (the shell's); must outlive the handler and its work in flight: a
+    // handler whose last reference goes away on its own queues is torn down there.
     DispatchQueue* mainQueue = nullptr;
     // Makes the scan queue and the serial evaluation queue, given their labels.
     std::function<std::unique_ptr<DispatchQueue>(const std::string& label)> makeQueue;

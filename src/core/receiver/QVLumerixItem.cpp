@@ -83,7 +83,8 @@ void QVLumerixItem::discoveredRssi(double rssi) {
     std::lock_guard lock(mutex_);
     ++rssiTotalCount_;
     if (!acceptsRssi(rssi)) {
-        if (!std::isfinite(rssi)) Log::logf("-[QVLumerixItem discoveredRssi:] ignored a non-finite RSSI sample");
+        if (!std::isfinite(rssi))
+            Log::logf("-[QVLumerixItem discoveredRssi:] ignored a non-finite RSSI sample");
         return;
     }
     ++validRssiTotalCount_;
@@ -231,7 +232,8 @@ QString QVLumerixItem::getLogString() const {
     for (const auto& a : ads) parts.append(lxDescription(a));
     const QString dataText = parts.join(QStringLiteral(",\n"));
 
-    QString text = QStringLiteral("Timer: ") + sinceReset + QStringLiteral(" - ") + sinceSample + QStringLiteral("\n");
+    QString text =
+        QStringLiteral("Timer: ") + sinceReset + QStringLiteral(" - ") + sinceSample + QStringLiteral("\n");
     if (record.WiFiSSID[0] != 0) {
         text += QStringLiteral("Name: \n") + fieldText(record.WiFiKey) + QStringLiteral("(") +
                 fieldText(record.WiFiSSID) + QStringLiteral(")\n\n");
@@ -270,8 +272,7 @@ LX_ITEM_PROPERTY(std::shared_ptr<QVQueue<AdvertisementData>>, advertisedDataList
                  advertisedDataList_)
 LX_ITEM_PROPERTY(std::optional<QByteArray>, advertisedData, setAdvertisedData, advertisedData_)
 LX_ITEM_PROPERTY(QByteArray, dataBuffer, setDataBuffer, dataBuffer_)
-LX_ITEM_PROPERTY(CharacteristicMap, characteristicInfo, setCharacteristicInfo,
-                 characteristicInfo_)
+LX_ITEM_PROPERTY(CharacteristicMap, characteristicInfo, setCharacteristicInfo, characteristicInfo_)
 LX_ITEM_PROPERTY(int8_t, hasAllCharacteristics, setHasAllCharacteristics, hasAllCharacteristics_)
 LX_ITEM_PROPERTY(bool, hasResolved, setHasResolved, hasResolved_)
 LX_ITEM_PROPERTY(std::optional<QString>, ipAddress, setIpAddress, ipAddress_)

@@ -47,7 +47,8 @@ bool PendingConnectionSlot::isPending() const {
 CommandListener::CommandListener(PendingConnectionSlot& slot, const std::atomic<bool>& closing, uint16_t port)
     : slot_(slot), closing_(closing), port_(port) {
     if (::pipe2(wakePipe_, O_CLOEXEC | O_NONBLOCK) != 0) {
-        Log::logf("Command listener: no wake pipe (%s); stop waits for the next request\n", std::strerror(errno));
+        Log::logf("Command listener: no wake pipe (%s); stop waits for the next request\n",
+                  std::strerror(errno));
         wakePipe_[0] = wakePipe_[1] = -1;
     }
 }
@@ -197,7 +198,8 @@ void CommandListener::serveConnection(int connection, uint8_t* receiveBuffer, ui
         return;
     }
     ssize_t received = -1;
-    if (ready > 0 && waits[0].revents != 0) received = ::recv(connection, receiveBuffer, kMaxReceive, MSG_DONTWAIT);
+    if (ready > 0 && waits[0].revents != 0)
+        received = ::recv(connection, receiveBuffer, kMaxReceive, MSG_DONTWAIT);
 
     Log::write(QStringLiteral("recv data from sender\n"));
     uint64_t length = ParserCmd(receiveBuffer, replyBuffer, kFrameBufferSize);

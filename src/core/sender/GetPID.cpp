@@ -101,8 +101,8 @@ int listProcessIds(std::vector<int32_t>& pids, int* error) {
 
 }  // namespace
 
-int GetAllPIDsForProcessName(const char* name, uint32_t uid, int32_t* pids, uint32_t capacity, uint32_t* count,
-                             int* error) {
+int GetAllPIDsForProcessName(const char* name, uint32_t uid, int32_t* pids, uint32_t capacity,
+                             uint32_t* count, int* error) {
     if (name == nullptr || pids == nullptr || capacity == 0 || count == nullptr) return -2;
     std::memset(pids, 0, sizeof(int32_t) * capacity);
     *count = 0;

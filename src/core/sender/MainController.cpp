@@ -47,7 +47,8 @@ void printAndFlush(const char* message) {
 
 }  // namespace
 
-uint64_t MainController::GeneralPacket(uint8_t* buffer, uint64_t bufferLength, const ConnectionInfo& userInfo) {
+uint64_t MainController::GeneralPacket(uint8_t* buffer, uint64_t bufferLength,
+                                       const ConnectionInfo& userInfo) {
     Log::write(QStringLiteral("GeneralPacket\n"));
 
     // Check every field before touching the buffer, so a refusal leaves it as it was.
@@ -66,7 +67,8 @@ uint64_t MainController::GeneralPacket(uint8_t* buffer, uint64_t bufferLength, c
     }
     if (buffer == nullptr || frameLength > bufferLength) {
         Log::logf("GeneralPacket refused: the frame needs %llu bytes, the buffer holds %llu\n",
-                  static_cast<unsigned long long>(frameLength), static_cast<unsigned long long>(bufferLength));
+                  static_cast<unsigned long long>(frameLength),
+                  static_cast<unsigned long long>(bufferLength));
         return 0;
     }
 

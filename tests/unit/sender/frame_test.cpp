@@ -34,7 +34,7 @@ struct FrameCase {
     uint64_t expectedLength;
 };
 
-TEST(GeneralPacket, BuildsTheSpecifiedLayout) {
+TEST(GeneralPacket, BuildsTheFrameLayout) {
     const QString ip = QStringLiteral("192.168.1.10");
     Bytes ipFrame{0x02, 0x03, 0x03, 0x16, 0x00, 0x0C};
     for (const char c : ip.toLatin1()) ipFrame.push_back(static_cast<uint8_t>(c));
@@ -51,8 +51,12 @@ TEST(GeneralPacket, BuildsTheSpecifiedLayout) {
           static_cast<uint8_t>(0x04 + 0x43 + 0x61 + 0x66 + 0xC3), 0x02, 0x03},
          16},
         {"fixed field order, a key outside the set ignored",
-         info({{"WiFiKey", QStringLiteral("e")}, {"WiFiSSID", QStringLiteral("d")}, {"LoginCode", QStringLiteral("c")},
-               {"DeviceName", QStringLiteral("b")}, {"IP", QStringLiteral("a")}, {"Other", QStringLiteral("zz")}}),
+         info({{"WiFiKey", QStringLiteral("e")},
+               {"WiFiSSID", QStringLiteral("d")},
+               {"LoginCode", QStringLiteral("c")},
+               {"DeviceName", QStringLiteral("b")},
+               {"IP", QStringLiteral("a")},
+               {"Other", QStringLiteral("zz")}}),
          {0x02, 0x03, 0x03, 0x0F, 0x00, 1, 'a', 1, 'b', 1, 'c', 1, 'd', 1, 'e',
           static_cast<uint8_t>(5 + 'a' + 'b' + 'c' + 'd' + 'e'), 0x02, 0x03},
          17},
@@ -62,8 +66,8 @@ TEST(GeneralPacket, BuildsTheSpecifiedLayout) {
          13},
         {"an embedded zero ends the copy, the rest is zero-filled",
          info({{"IP", QStringLiteral("ab") + QChar(0) + QStringLiteral("c")}}),
-         {0x02, 0x03, 0x03, 0x0E, 0x00, 4, 'a', 'b', 0, 0, 0, 0, 0, 0, static_cast<uint8_t>(4 + 'a' + 'b'), 0x02,
-          0x03},
+         {0x02, 0x03, 0x03, 0x0E, 0x00, 4, 'a', 'b', 0, 0, 0, 0, 0, 0, static_cast<uint8_t>(4 + 'a' + 'b'),
+          0x02, 0x03},
          16},
     };
     for (const FrameCase& c : cases) {
@@ -72,7 +76,8 @@ TEST(GeneralPacket, BuildsTheSpecifiedLayout) {
         buffer.fill(0xEE);
         ScopedLogCapture capture;
         EXPECT_EQ(MainController::GeneralPacket(buffer.data(), buffer.size(), c.userInfo), c.expectedLength);
-        EXPECT_EQ(Bytes(buffer.begin(), buffer.begin() + static_cast<long>(c.expectedPrefix.size())), c.expectedPrefix);
+        EXPECT_EQ(Bytes(buffer.begin(), buffer.begin() + static_cast<long>(c.expectedPrefix.size())),
+                  c.expectedPrefix);
     }
 }
 
@@ -91,7 +96,8 @@ TEST(GeneralPacket, LengthAndFieldLimits) {
         {"255 characters fit", info({{"IP", f255}}), 1024, 255 + 12},
         {"256 characters refused", info({{"WiFiKey", f256}}), 1024, 0},
         {"256 UTF-8 bytes refused", info({{"DeviceName", multibyte}}), 1024, 0},
-        {"three fields of 255 fit", info({{"IP", f255}, {"DeviceName", f255}, {"LoginCode", f255}}), 1024, 765 + 12},
+        {"three fields of 255 fit", info({{"IP", f255}, {"DeviceName", f255}, {"LoginCode", f255}}), 1024,
+         765 + 12},
         {"four fields of 255 overflow 1024",
          info({{"IP", f255}, {"DeviceName", f255}, {"LoginCode", f255}, {"WiFiSSID", f255}}), 1024, 0},
         {"exactly fits L+3", info({{"IP", QStringLiteral("abc")}}), 16, 15},
@@ -119,8 +125,9 @@ TEST(GeneralPacket, LogsFieldsPositionsAndSignWidenedHex) {
     std::array<uint8_t, kFrameBufferSize> buffer{};
     ScopedLogCapture capture;
     // "é" makes a field byte >= 0x80 and pushes the checksum above 0x80 as well.
-    MainController::GeneralPacket(buffer.data(), buffer.size(),
-                                  info({{"IP", QStringLiteral("1")}, {"LoginCode", QString::fromUtf8("\xC3\xA9")}}));
+    MainController::GeneralPacket(
+        buffer.data(), buffer.size(),
+        info({{"IP", QStringLiteral("1")}, {"LoginCode", QString::fromUtf8("\xC3\xA9")}}));
     const QStringList expected = {
         QStringLiteral("GeneralPacket\n"),
         QStringLiteral("GeneralPacket ip: 1\n"),
@@ -169,7 +176,9 @@ TEST(ParserCmd, JudgesRequestsAndHandsOutOnce) {
         {"command 0x03", {0x02, 0x03, 0x03, 0x05, 0x00, 0x00, 0x02, 0x03}, false},
         {"one end mark is enough", {0x02, 0x03, 0x04, 0x05, 0x00, 0x00, 0x09, 0x03}, true},
         {"both end marks wrong", {0x02, 0x03, 0x04, 0x05, 0x00, 0x00, 0x09, 0x09}, false},
-        {"signed checksum over 0x80 bytes", {0x02, 0x03, 0x04, 0x07, 0x00, 0x90, 0x90, 0x20, 0x02, 0x03}, true},
+        {"signed checksum over 0x80 bytes",
+         {0x02, 0x03, 0x04, 0x07, 0x00, 0x90, 0x90, 0x20, 0x02, 0x03},
+         true},
         {"L = 300 over two length bytes", longValid, true},
         {"L+2 at the last byte", atEdge, true},
         {"L+2 just outside the buffer", {0x02, 0x03, 0x04, 0xFE, 0x04}, false},
@@ -180,10 +189,12 @@ TEST(ParserCmd, JudgesRequestsAndHandsOutOnce) {
     std::atomic<bool> closing{false};
     PendingConnectionSlot slot;
     CommandListener listener(slot, closing, 0);
-    const ConnectionInfo parked = info({{"IP", QStringLiteral("10.0.0.7")}, {"DeviceName", QStringLiteral("Room")}});
+    const ConnectionInfo parked =
+        info({{"IP", QStringLiteral("10.0.0.7")}, {"DeviceName", QStringLiteral("Room")}});
     ScopedLogCapture capture;
     std::array<uint8_t, kFrameBufferSize> expectedFrame{};
-    const uint64_t expectedLength = MainController::GeneralPacket(expectedFrame.data(), expectedFrame.size(), parked);
+    const uint64_t expectedLength =
+        MainController::GeneralPacket(expectedFrame.data(), expectedFrame.size(), parked);
 
     for (const ParserCase& c : cases) {
         SCOPED_TRACE(c.name);

@@ -8,8 +8,8 @@
 
 #include "log/Log.h"
 #include "sender/CommandListener.h"
-#include "sender/MainController.h"
 #include "sender/LoopbackClient.h"
+#include "sender/MainController.h"
 
 namespace lumerix {
 namespace {
@@ -78,7 +78,8 @@ TEST_F(ListenerTest, AnswersWithTheParkedFrameOnceThenZero) {
 
 TEST_F(ListenerTest, ShorterRequestReadsStaleBytesOfALongerOne) {
     // A valid L=6 request, then "02 03 04 06": the checksum and end marks come from the first one.
-    EXPECT_EQ(askListener(listener.port(), {0x02, 0x03, 0x04, 0x06, 0x00, 0x41, 0x41, 0x02, 0x03}), Bytes{0x00});
+    EXPECT_EQ(askListener(listener.port(), {0x02, 0x03, 0x04, 0x06, 0x00, 0x41, 0x41, 0x02, 0x03}),
+              Bytes{0x00});
     slot.park({{QStringLiteral("IP"), QStringLiteral("1")}});
     const Bytes reply = askListener(listener.port(), {0x02, 0x03, 0x04, 0x06});
     ASSERT_EQ(reply.size(), 13u);
@@ -96,7 +97,8 @@ TEST_F(ListenerTest, SecondListenerOnTheSamePortFailsAndTheFirstRunsOn) {
 // Waits (bounded) for the listener thread to end by itself.
 bool endsBy(const CommandListener& listener) {
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    while (!listener.result().has_value() && std::chrono::steady_clock::now() < deadline) std::this_thread::yield();
+    while (!listener.result().has_value() && std::chrono::steady_clock::now() < deadline)
+        std::this_thread::yield();
     return listener.result() == std::optional<bool>(true);
 }
 
