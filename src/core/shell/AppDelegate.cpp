@@ -43,9 +43,11 @@ QByteArray AppDelegate::SenderLaunchCommand() {
 AppDelegate::AppDelegate(ShellEnvironment env) : env_(std::move(env)) {
     if (!env_.clock) env_.clock = systemClock();
     if (!env_.bluetoothPowered) env_.bluetoothPowered = [] { return true; };
-    if (!env_.launcher) env_.launcher = [](const QByteArray& command) { return std::system(command.constData()); };
+    if (!env_.launcher)
+        env_.launcher = [](const QByteArray& command) { return std::system(command.constData()); };
     if (!env_.processLookup) env_.processLookup = &GetAllPIDsForProcessName;
-    if (!env_.sleeper) env_.sleeper = [](std::chrono::microseconds pause) { std::this_thread::sleep_for(pause); };
+    if (!env_.sleeper)
+        env_.sleeper = [](std::chrono::microseconds pause) { std::this_thread::sleep_for(pause); };
     if (!env_.delivery) {
         // Up to 30 s per frame when the sender does not answer: never on the main thread.
         deliveryQueue_ = std::make_unique<ThreadQueue>("com.zemko.Lumerix.deliver", env_.clock);
@@ -128,7 +130,10 @@ void AppDelegate::applicationDidFinishLaunching() {
         },
         kMenuRebuildIntervalSeconds);
 
-    if (env_.listenerPort) m_listener->start();
+    if (env_.listenerPort && !listenerStarted_) {
+        m_listener->start();
+        listenerStarted_ = true;
+    }
 
     if (env_.workspace && !observingWorkspace_) {
         env_.workspace->addObserver(this);
@@ -207,7 +212,8 @@ bool AppDelegate::LoadReferenceTable() {
         }
     }
 
-    const QString path = folder.isEmpty() ? QString() : folder + QLatin1Char('/') + QLatin1String(kReferenceTableFileName);
+    const QString path =
+        folder.isEmpty() ? QString() : folder + QLatin1Char('/') + QLatin1String(kReferenceTableFileName);
     referenceTableUnreadable_ = false;
     if (!path.isEmpty() && QFileInfo::exists(path)) {
         const auto saved = ReferenceTable::arrayWithContentsOfFile(path);
@@ -235,7 +241,8 @@ void AppDelegate::keepUnreadableReferenceTable(const QString& path) {
         aside = path + QLatin1String(kUnreadableSuffix) + QLatin1Char('.') + QString::number(n);
     }
     if (QFile::copy(path, aside)) {
-        Log::logf("SaveReferenceTable: the unreadable %s is kept as %s", qUtf8Printable(path), qUtf8Printable(aside));
+        Log::logf("SaveReferenceTable: the unreadable %s is kept as %s", qUtf8Printable(path),
+                  qUtf8Printable(aside));
         referenceTableUnreadable_ = false;
     } else {
         Log::logf("SaveReferenceTable: could not keep the unreadable %s aside", qUtf8Printable(path));
@@ -244,7 +251,8 @@ void AppDelegate::keepUnreadableReferenceTable(const QString& path) {
 
 bool AppDelegate::SaveReferenceTable() {
     const QString folder = ReferenceTableFolder();
-    const QString path = folder.isEmpty() ? QString() : folder + QLatin1Char('/') + QLatin1String(kReferenceTableFileName);
+    const QString path =
+        folder.isEmpty() ? QString() : folder + QLatin1Char('/') + QLatin1String(kReferenceTableFileName);
     if (!m_pReferenceTable) return true;
     if (referenceTableUnreadable_ && !path.isEmpty()) {
         keepUnreadableReferenceTable(path);
@@ -292,20 +300,31 @@ void AppDelegate::AddFixedMenuItems() {
         }
     }
     m_pStatusMenu->addItem(MenuItem::separatorItem());
-    m_pStatusMenu->addItem(MenuItem::initWithTitle(QStringLiteral("About"), MenuAction::ShowAbout, QString()));
+    m_pStatusMenu->addItem(
+        MenuItem::initWithTitle(QStringLiteral("About"), MenuAction::ShowAbout, QString()));
     m_pStatusMenu->addItem(MenuItem::initWithTitle(QStringLiteral("Exit"), MenuAction::QuitApp, QString()));
 }
 
 void AppDelegate::UpdateMenuOfStatusBar() {
+    // A dictionary depends on its item's four values only, so one whose values are unchanged is
+    // shared from the last refresh instead of being built again.
+    if (dictionaryCache_.size() > 2 * m_pDiscoveredDeviceAry.size() + 16) dictionaryCache_.clear();
     m_pDiscoveredDevice.clear();
     m_pDiscoveredDevice.reserve(static_cast<qsizetype>(m_pDiscoveredDeviceAry.size()));
     for (const QVLumerixItemRef& item : m_pDiscoveredDeviceAry) {
-        ReceiverDictionary dict;
-        if (auto v = item->shortenedUUID()) dict.insert(kKeyUUID, *v);
-        if (auto v = item->ipAddress()) dict.insert(kKeyIP, *v);
-        if (auto v = item->loginCode()) dict.insert(kKeyLoginCode, *v);
-        if (auto v = item->receiverName()) dict.insert(kKeyDevice, *v);
-        m_pDiscoveredDevice.append(std::move(dict));
+        CachedDictionary fresh{
+            item->shortenedUUID(), item->ipAddress(), item->loginCode(), item->receiverName(), {}};
+        CachedDictionary& cached = dictionaryCache_[item.get()];
+        if (cached.dict.isEmpty() || cached.uuid != fresh.uuid || cached.ip != fresh.ip ||
+            cached.loginCode != fresh.loginCode || cached.name != fresh.name) {
+            ReceiverDictionary& dict = fresh.dict;
+            if (fresh.uuid) dict.insert(kKeyUUID, *fresh.uuid);
+            if (fresh.ip) dict.insert(kKeyIP, *fresh.ip);
+            if (fresh.loginCode) dict.insert(kKeyLoginCode, *fresh.loginCode);
+            if (fresh.name) dict.insert(kKeyDevice, *fresh.name);
+            cached = std::move(fresh);
+        }
+        m_pDiscoveredDevice.append(cached.dict);
     }
     UpdateMenu();
 }
@@ -345,15 +364,23 @@ void AppDelegate::OnTimer(const DispatchTimerRef& timer) {
 
 void AppDelegate::lumerixDidDiscoverItem(const QVLumerixItemRef& item) {
     if (!item) return;
+    // Entries with an identifier are unique in the list, so finding the very object first is
+    // the same as finding the first entry with its identifier, without comparing strings.
     const std::optional<QString> uuid = item->shortenedUUID();
-    bool replaced = false;
     const bool identified = uuid && !uuid->isEmpty();
-    for (QVLumerixItemRef& entry : m_pDiscoveredDeviceAry) {
-        // The same object always carries the same identifier: skip the string compare then.
-        if (identified && (entry == item || sameReceiver(entry->shortenedUUID(), uuid))) {
-            entry = item;
-            replaced = true;
-            break;
+    bool replaced = false;
+    if (identified) {
+        for (QVLumerixItemRef& entry : m_pDiscoveredDeviceAry) {
+            if (entry == item) {
+                replaced = true;
+                break;
+            }
+        }
+        for (size_t i = 0; !replaced && i < m_pDiscoveredDeviceAry.size(); ++i) {
+            if (sameReceiver(m_pDiscoveredDeviceAry[i]->shortenedUUID(), uuid)) {
+                m_pDiscoveredDeviceAry[i] = item;
+                replaced = true;
+            }
         }
     }
     if (!replaced) m_pDiscoveredDeviceAry.push_back(item);
@@ -401,7 +428,8 @@ void AppDelegate::DeviceConnectAction(const MenuItemRef& sender) {
 
     ConnectionInfo info;
     if (auto it = receiver.constFind(kKeyIP); it != receiver.constEnd()) info.insert(kKeyIP, *it);
-    if (auto it = receiver.constFind(kKeyLoginCode); it != receiver.constEnd()) info.insert(kKeyLoginCode, *it);
+    if (auto it = receiver.constFind(kKeyLoginCode); it != receiver.constEnd())
+        info.insert(kKeyLoginCode, *it);
     if (auto it = receiver.constFind(kKeyDevice); it != receiver.constEnd()) {
         info.insert(kKeyDeviceName, *it);
         info.insert(kKeyWiFiSSID, *it);
@@ -428,7 +456,8 @@ void AppDelegate::deliverFrame(const ConnectionInfo& info) {
     uint8_t buffer[kFrameBufferSize] = {};
     const uint64_t length = MainController::GeneralPacket(buffer, kFrameBufferSize, info);
     if (length == 0) {
-        Log::write(QStringLiteral("DeviceConnectAction: the receiver's details do not fit a frame; nothing sent"));
+        Log::write(
+            QStringLiteral("DeviceConnectAction: the receiver's details do not fit a frame; nothing sent"));
         return;
     }
     env_.delivery(QByteArray(reinterpret_cast<const char*>(buffer), static_cast<qsizetype>(length)));

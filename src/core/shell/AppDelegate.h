@@ -8,6 +8,7 @@
 #include <atomic>
 #include <memory>
 #include <optional>
+#include <unordered_map>
 #include <vector>
 
 #include "dispatch/DispatchTimer.h"
@@ -79,7 +80,8 @@ public:
     void performMenuAction(const MenuItemRef& item) override;
     void DeviceConnectAction(const MenuItemRef& sender);
     void SendDataToOndrelTimer(const ConnectionInfo& userInfo);
-    // The listener's thread body, run on the calling thread; false when it could not listen.
+    // The listener's thread body, run on the calling thread; false when it could not listen. The
+    // launch starts it on its own thread already (unless the environment turns it off).
     bool ListenCmdFromSenderThread();
     uint64_t ParserCmd(const uint8_t* request, uint8_t* output, uint64_t outputLength);
 
@@ -121,8 +123,15 @@ private:
     MenuRef m_pStatusMenu;
     StatusItemRef m_pStatusItem;
 
+    struct CachedDictionary {
+        std::optional<QString> uuid, ip, loginCode, name;
+        ReceiverDictionary dict;
+    };
+    // Keyed by item address; entries are only reused when all four values match.
+    std::unordered_map<const QVLumerixItem*, CachedDictionary> dictionaryCache_;
     DispatchTimerRef menuRebuildTimer_;
     bool observingWorkspace_ = false;
+    bool listenerStarted_ = false;
     // The saved table could not be read at launch; it is kept aside before being overwritten.
     bool referenceTableUnreadable_ = false;
     // Declared last: its thread reads the slot and the closing flag above until it is joined.

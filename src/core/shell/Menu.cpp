@@ -1,7 +1,5 @@
 #include "shell/Menu.h"
 
-#include "log/Log.h"
-
 namespace lumerix {
 
 std::shared_ptr<MenuItem> MenuItem::initWithTitle(std::optional<QString> title, MenuAction action,
@@ -14,7 +12,10 @@ std::shared_ptr<MenuItem> MenuItem::separatorItem() {
 }
 
 MenuItem::MenuItem(std::optional<QString> title, MenuAction action, QString keyEquivalent, bool separator)
-    : title_(std::move(title)), action_(action), keyEquivalent_(std::move(keyEquivalent)), separator_(separator) {}
+    : title_(std::move(title)),
+      action_(action),
+      keyEquivalent_(std::move(keyEquivalent)),
+      separator_(separator) {}
 
 MenuItemRef Menu::itemAtIndex(int index) const {
     if (index < 0 || index >= numberOfItems()) return nullptr;
@@ -36,10 +37,7 @@ void Menu::addItem(MenuItemRef item) {
 
 void Menu::insertItem(MenuItemRef item, int index) {
     if (!item) return;
-    if (index < 0 || index > numberOfItems()) {
-        Log::logf("Menu insertItem: index %d beyond %d items, appended", index, numberOfItems());
-        index = numberOfItems();
-    }
+    if (index < 0 || index > numberOfItems()) index = numberOfItems();
     items_.insert(items_.begin() + index, std::move(item));
     ++revision_;
 }

@@ -49,7 +49,8 @@ public:
     int indexOfItem(const MenuItemRef& item) const;
 
     void addItem(MenuItemRef item);
-    // An index past the end appends (logged): a gap in the receiver rows can point beyond the menu.
+    // An index past the end appends: the gaps unnamed receivers leave can point beyond the menu,
+    // and that happens on every refresh, so it is not logged.
     void insertItem(MenuItemRef item, int index);
     void removeAllItems();
 

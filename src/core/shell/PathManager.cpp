@@ -55,7 +55,9 @@ bool PathManager::ExecuteApplication(const QString& path) {
 
 std::optional<QString> PathManager::GetApplicationSupportPath() { return underDataHome(QString()); }
 
-std::optional<QString> PathManager::GetApplicationPath() { return underDataHome(QStringLiteral("applications")); }
+std::optional<QString> PathManager::GetApplicationPath() {
+    return underDataHome(QStringLiteral("applications"));
+}
 
 std::optional<QString> PathManager::GetDocumentPath() { return underDataHome(QStringLiteral("doc")); }
 

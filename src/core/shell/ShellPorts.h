@@ -54,7 +54,7 @@ public:
 class StatusItem {
 public:
     virtual ~StatusItem() = default;
-    virtual void setTarget(MenuActionTarget* target) = 0;  // null detaches
+    virtual void setTarget(MenuActionTarget* target) = 0;    // null detaches
     virtual void setImage(const StatusImageRef& image) = 0;  // null shows no image
     virtual void setMenu(const MenuRef& menu) = 0;           // called on every rebuild
     // True while the user has the menu open; the periodic rebuild skips its tick then.
@@ -143,17 +143,17 @@ using Sleeper = std::function<void(std::chrono::microseconds)>;
 
 // Everything AppDelegate is built from. Unset members take the production defaults noted.
 struct ShellEnvironment {
-    std::shared_ptr<Clock> clock;                 // default: systemClock()
-    DispatchQueue* mainQueue = nullptr;           // required; the timers run here
-    LumerixScanningFactory makeHandler;           // required
-    std::shared_ptr<StatusBar> statusBar;         // null: no tray
+    std::shared_ptr<Clock> clock;                   // default: systemClock()
+    DispatchQueue* mainQueue = nullptr;             // required; the timers run here
+    LumerixScanningFactory makeHandler;             // required
+    std::shared_ptr<StatusBar> statusBar;           // null: no tray
     std::shared_ptr<ShellApplication> application;  // required
-    std::shared_ptr<Workspace> workspace;         // null: no sleep/wake notices
-    BluetoothPowerCheck bluetoothPowered;         // default: always true
-    Launcher launcher;                            // default: std::system
-    ProcessLookup processLookup;                  // default: GetAllPIDsForProcessName
-    SenderDelivery delivery;                      // default: a serial worker, SendDataToOndrel
-    Sleeper sleeper;                              // default: std::this_thread::sleep_for
+    std::shared_ptr<Workspace> workspace;           // null: no sleep/wake notices
+    BluetoothPowerCheck bluetoothPowered;           // default: always true
+    Launcher launcher;                              // default: std::system
+    ProcessLookup processLookup;                    // default: GetAllPIDsForProcessName
+    SenderDelivery delivery;                        // default: a serial worker, SendDataToOndrel
+    Sleeper sleeper;                                // default: std::this_thread::sleep_for
     // The command listener's port; nullopt leaves the listener off (tests), 0 picks a free port.
     std::optional<uint16_t> listenerPort = kSenderCommandPort;
     // Folder holding "DefaultReferenceTable.plist"; default: PathManager::GetResourcePath().

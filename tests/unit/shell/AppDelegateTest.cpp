@@ -1,0 +1,512 @@
+#include <gtest/gtest.h>
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+#include <QFile>
+#include <QFileInfo>
+
+#include "ShellFakes.h"
+#include "log/Log.h"
+#include "sender/MainController.h"
+#include "shell/ReferenceTable.h"
+
+namespace lumerix {
+namespace {
+
+using shelltest::ReceiverSpec;
+using shelltest::ShellRig;
+
+const QString kBoardroom = QStringLiteral("Boardroom");
+const QString kTraining = QStringLiteral("Training");
+
+QString uuidFor(int n) {
+    return QStringLiteral("00000000-0000-0000-0000-0000000000%1").arg(n, 2, 10, QLatin1Char('0'));
+}
+
+QByteArray tableXml(const QVariantList& table) {
+    return ReferenceTable::xmlFromPropertyList(QVariant(table));
+}
+
+QVariantList twoReferenceEntries() {
+    return {QVariantMap{{QStringLiteral("Device"), kBoardroom},
+                        {QStringLiteral("IP"), QStringLiteral("192.168.1.2")}},
+            QVariantMap{{QStringLiteral("Device"), kTraining}}};
+}
+
+void writeDefaultTable(ShellRig& rig, const QVariantList& table) {
+    QFile f(rig.resources.filePath(QStringLiteral("DefaultReferenceTable.plist")));
+    ASSERT_TRUE(f.open(QIODevice::WriteOnly));
+    f.write(tableXml(table));
+}
+
+QByteArray frameFor(const ConnectionInfo& info) {
+    uint8_t buffer[kFrameBufferSize] = {};
+    const uint64_t n = MainController::GeneralPacket(buffer, kFrameBufferSize, info);
+    return QByteArray(reinterpret_cast<const char*>(buffer), static_cast<qsizetype>(n));
+}
+
+// ---- Lifecycle ---------------------------------------------------------------------------------
+
+TEST(AppDelegateLifecycle, LaunchRunsEveryStepInOrder) {
+    ShellRig rig;
+    writeDefaultTable(rig, twoReferenceEntries());
+    AppDelegate& shell = rig.launch();
+
+    EXPECT_TRUE(shell.connectFlag());
+    EXPECT_EQ(rig.application->hideCount, 1);
+    EXPECT_TRUE(rig.application->alerts.empty());
+    EXPECT_EQ(rig.application->terminateCount, 0);
+    EXPECT_EQ(rig.statusBar->requestedLength, -1.0);
+    EXPECT_EQ(rig.statusBar->item->target, &shell);
+    ASSERT_EQ(rig.handlers.size(), 1u);
+    EXPECT_EQ(rig.handlers[0]->calls, std::vector<bool>{true});
+    EXPECT_EQ(rig.handlers[0]->delegate, &shell);
+    EXPECT_EQ(rig.statusBar->item->menu, shell.statusMenu());
+    EXPECT_EQ(shell.statusMenu()->title(), QStringLiteral("Lumerix"));
+    EXPECT_EQ(rig.menuRows(), (QStringList{kBoardroom, kTraining, QStringLiteral("---"),
+                                           QStringLiteral("About"), QStringLiteral("Exit")}));
+    EXPECT_EQ(rig.workspace->observers.count(&shell), 1u);
+    ASSERT_TRUE(rig.statusBar->item->image);
+    EXPECT_EQ(rig.statusBar->item->image->name(), QStringLiteral("Normal_Disable_Icon"));
+    EXPECT_TRUE(rig.statusBar->item->image->isTemplate());
+    for (const MenuItemRef& item : shell.statusMenu()->items()) EXPECT_TRUE(item->keyEquivalent().isEmpty());
+}
+
+TEST(AppDelegateLifecycle, BluetoothOffAlertsOnceAndStillSetsEverythingUp) {
+    ShellRig rig;
+    rig.bluetoothOn = false;
+    rig.env.listenerPort = 0;  // the listener thread must start all the same
+    AppDelegate& shell = rig.launch();
+
+    ASSERT_EQ(rig.application->alerts.size(), 1u);
+    const Alert& alert = rig.application->alerts[0];
+    EXPECT_EQ(alert.messageText, QStringLiteral("Please turn on bluetooth"));
+    EXPECT_EQ(alert.informativeText, QStringLiteral("This application needs bluetooth access authority"));
+    EXPECT_EQ(alert.buttons, QStringList{QStringLiteral("OK")});
+    EXPECT_EQ(alert.alertStyle, Alert::Warning);
+    EXPECT_EQ(rig.application->terminateCount, 1);
+    // Fall-through: the rest of the launch ran.
+    EXPECT_TRUE(shell.statusItem());
+    EXPECT_TRUE(shell.referenceTable());
+    ASSERT_EQ(rig.handlers.size(), 1u);
+    EXPECT_EQ(rig.handlers[0]->calls, std::vector<bool>{true});
+    EXPECT_EQ(rig.workspace->observers.size(), 1u);
+    EXPECT_TRUE(QFileInfo::exists(shell.ReferenceTableFolder()));
+    ASSERT_TRUE(shell.commandListener());
+}
+
+TEST(AppDelegateLifecycle, ScanRetriesPauseTenMillisecondsUpToFiftyTimes) {
+    struct Case {
+        int failures;  // negative: never starts
+        size_t calls;
+        int pauses;
+    };
+    const Case cases[] = {{0, 1, 0}, {3, 4, 3}, {50, 51, 50}, {-1, 51, 50}};
+    for (const Case& c : cases) {
+        ShellRig rig;
+        rig.scanFailures = c.failures;
+        AppDelegate& shell = rig.launch();
+        ASSERT_EQ(rig.handlers.size(), 1u);
+        EXPECT_EQ(rig.handlers[0]->calls.size(), c.calls) << c.failures;
+        EXPECT_EQ(rig.pauses, c.pauses) << c.failures;
+        EXPECT_EQ(rig.handlers[0]->delegate, &shell) << "registered even when scanning never started";
+    }
+}
+
+TEST(AppDelegateLifecycle, SleepDropsTheHandlerAndWakeMakesAFreshOne) {
+    ShellRig rig;
+    AppDelegate& shell = rig.launch();
+    rig.discover({uuidFor(1), -50, QStringLiteral("A")});
+
+    shell.receiveSleepNote();
+    EXPECT_EQ(rig.handlers[0]->calls, (std::vector<bool>{true, false}));
+    EXPECT_EQ(rig.handlers[0]->delegate, nullptr);
+    EXPECT_FALSE(rig.handlers[0]->alive);
+    EXPECT_EQ(shell.lumerix(), nullptr);
+    shell.receiveSleepNote();  // a second sleep has nothing to stop
+    EXPECT_EQ(rig.handlers.size(), 1u);
+
+    shell.receiveWakeNote();
+    ASSERT_EQ(rig.handlers.size(), 2u);
+    EXPECT_EQ(rig.handlers[1]->calls, std::vector<bool>{true});
+    EXPECT_EQ(rig.handlers[1]->delegate, &shell);
+    // The list survives sleep; aging clears it.
+    EXPECT_EQ(shell.discoveredDeviceAry().size(), 1u);
+
+    shell.receiveWakeNote();  // wake without sleep: same handler, scanning asked again
+    EXPECT_EQ(rig.handlers.size(), 2u);
+    EXPECT_EQ(rig.handlers[1]->calls, (std::vector<bool>{true, true}));
+}
+
+TEST(AppDelegateLifecycle, MenuActionsAboutExitAndTermination) {
+    ShellRig rig;
+    writeDefaultTable(rig, twoReferenceEntries());
+    AppDelegate& shell = rig.launch();
+    auto row = [&](const QString& title) {
+        for (const MenuItemRef& item : shell.statusMenu()->items())
+            if (item->title() == title) return item;
+        return MenuItemRef();
+    };
+    shell.performMenuAction(row(QStringLiteral("About")));
+    EXPECT_EQ(rig.application->aboutCount, 1);
+    EXPECT_FALSE(shell.appIsClosing());
+    shell.performMenuAction(row(QStringLiteral("Exit")));
+    EXPECT_TRUE(shell.appIsClosing());
+    EXPECT_EQ(rig.application->terminateCount, 1);
+
+    shell.applicationWillTerminate();
+    EXPECT_EQ(rig.handlers[0]->calls, (std::vector<bool>{true, false}));
+    EXPECT_FALSE(rig.handlers[0]->alive);
+    EXPECT_FALSE(shell.referenceTable());
+    EXPECT_EQ(ReferenceTable::arrayWithContentsOfFile(rig.savedTablePath()), twoReferenceEntries());
+    shell.applicationWillTerminate();  // a second call finds nothing left to do
+}
+
+TEST(AppDelegateLifecycle, NoTrayOrNoStatusItemStillRuns) {
+    for (const bool haveBar : {false, true}) {
+        ShellRig rig;
+        if (haveBar)
+            rig.statusBar->canCreateItem = false;
+        else
+            rig.env.statusBar = nullptr;
+        AppDelegate& shell = rig.launch();
+        rig.discover({uuidFor(1), -50, QStringLiteral("A")});
+        EXPECT_FALSE(shell.statusItem());
+        EXPECT_EQ(rig.menuRows().first(), QStringLiteral("A"));
+        rig.time->advance(25000);  // both timers fire with nothing to draw on
+        EXPECT_TRUE(shell.discoveredDeviceAry().empty());
+    }
+}
+
+// ---- Receiver list and menu ------------------------------------------------------------------
+
+TEST(AppDelegateMenu, LayoutAndIcon) {
+    const std::optional<QString> none;
+    struct Case {
+        const char* name;
+        QVariantList references;
+        std::vector<std::optional<QString>> receivers;  // names, strongest first
+        QStringList rows;
+        bool normalIcon;
+    };
+    const QString sep = QStringLiteral("---"), about = QStringLiteral("About"), exit = QStringLiteral("Exit");
+    const QString a = QStringLiteral("A"), b = QStringLiteral("B");
+    const Case cases[] = {
+        {"empty", {}, {}, {sep, about, exit}, false},
+        {"references only", twoReferenceEntries(), {}, {kBoardroom, kTraining, sep, about, exit}, false},
+        {"one receiver", {}, {a}, {a, sep, about, exit}, true},
+        {"receiver above references",
+         twoReferenceEntries(),
+         {a},
+         {a, kBoardroom, kTraining, sep, about, exit},
+         true},
+        {"unnamed only: no row, normal icon", {}, {none}, {sep, about, exit}, true},
+        {"unnamed leaves its gap", {}, {none, b}, {sep, b, about, exit}, true},
+        {"unnamed gap among references",
+         twoReferenceEntries(),
+         {none, b},
+         {kBoardroom, b, kTraining, sep, about, exit},
+         true},
+        {"reference without a name",
+         {QVariantMap{{QStringLiteral("IP"), QStringLiteral("1.2.3.4")}}},
+         {},
+         {QStringLiteral("<untitled>"), sep, about, exit},
+         false},
+    };
+    for (const Case& c : cases) {
+        ShellRig rig;
+        writeDefaultTable(rig, c.references);
+        AppDelegate& shell = rig.launch();
+        double rssi = -40;
+        for (const auto& name : c.receivers) rig.discover({uuidFor(static_cast<int>(-rssi)), rssi--, name});
+        EXPECT_EQ(rig.menuRows(), c.rows) << c.name;
+        ASSERT_TRUE(rig.statusBar->item->image) << c.name;
+        EXPECT_EQ(rig.statusBar->item->image->name(),
+                  c.normalIcon ? QStringLiteral("Normal_Icon") : QStringLiteral("Normal_Disable_Icon"))
+            << c.name;
+        // The connect list: reference entries first, then named receivers.
+        int named = 0;
+        for (const auto& name : c.receivers) named += name ? 1 : 0;
+        EXPECT_EQ(shell.menuList().size(), static_cast<size_t>(c.references.size() + named)) << c.name;
+        for (const MenuItemRef& item : shell.menuList()) EXPECT_EQ(item->action(), MenuAction::DeviceConnect);
+        EXPECT_EQ(shell.discoveredDevice().size(), static_cast<qsizetype>(c.receivers.size())) << c.name;
+    }
+}
+
+TEST(AppDelegateMenu, MergeReplacesBySameIdentifierAndKeepsStrongestFirst) {
+    ShellRig rig;
+    AppDelegate& shell = rig.launch();
+    rig.discover({uuidFor(1), -60, QStringLiteral("A")});
+    rig.discover({uuidFor(2), -70, QStringLiteral("B")});
+    auto newer = rig.discover({uuidFor(2), -50, QStringLiteral("B2")});  // a new object for the same receiver
+    ASSERT_EQ(shell.discoveredDeviceAry().size(), 2u);
+    EXPECT_EQ(shell.discoveredDeviceAry()[0], newer);
+    EXPECT_EQ(rig.menuRows().mid(0, 2), (QStringList{QStringLiteral("B2"), QStringLiteral("A")}));
+
+    // The dictionary carries exactly what the item has.
+    const ReceiverDictionary& top = shell.discoveredDevice()[0];
+    EXPECT_EQ(top, (ReceiverDictionary{{QStringLiteral("UUID"), uuidFor(2)},
+                                       {QStringLiteral("IP"), QStringLiteral("10.0.0.1")},
+                                       {QStringLiteral("LoginCode"), QStringLiteral("1234")},
+                                       {QStringLiteral("Device"), QStringLiteral("B2")}}));
+
+    // Items without an identifier never match: each report adds a row.
+    auto anon = rig.makeItem({QString(), -80, QStringLiteral("Anon"), std::nullopt, std::nullopt});
+    shell.lumerixDidDiscoverItem(anon);
+    shell.lumerixDidDiscoverItem(anon);
+    EXPECT_EQ(shell.discoveredDeviceAry().size(), 4u);
+    EXPECT_EQ(shell.discoveredDevice()[3],
+              (ReceiverDictionary{{QStringLiteral("Device"), QStringLiteral("Anon")}}));
+    shell.lumerixDidDiscoverItem(nullptr);
+    EXPECT_EQ(shell.discoveredDeviceAry().size(), 4u);
+}
+
+TEST(AppDelegateMenu, AgingBoundaryIsStrictlyMoreThanTwentySeconds) {
+    struct Case {
+        double ageAtTickMs;
+        bool kept;
+    };
+    const Case cases[] = {{19999.0, true}, {20000.0, true}, {20000.001, false}, {60000.0, false}};
+    for (const Case& c : cases) {
+        ShellRig rig;
+        AppDelegate& shell = rig.awake();
+        const double firstTick = rig.time->nowMs() + 5000.0;
+        shell.lumerixDidDiscoverItem(
+            rig.makeItem({uuidFor(1), -50, QStringLiteral("A")}, firstTick - c.ageAtTickMs));
+        rig.time->advance(4999.0);
+        EXPECT_EQ(shell.discoveredDeviceAry().size(), 1u) << "no tick yet";
+        rig.time->advance(1.0);
+        EXPECT_EQ(shell.discoveredDeviceAry().size(), c.kept ? 1u : 0u) << c.ageAtTickMs;
+    }
+}
+
+TEST(AppDelegateMenu, RebuildTickSkippedWhileMenuOpenButAgingGoesOn) {
+    ShellRig rig;
+    AppDelegate& shell = rig.launch();
+    auto& item = *rig.statusBar->item;
+    rig.discover({uuidFor(1), -50, QStringLiteral("A")});
+    ASSERT_EQ(rig.menuRows().first(), QStringLiteral("A"));
+
+    item.menuOpen = true;
+    rig.time->advance(25000.0);
+    EXPECT_TRUE(shell.discoveredDeviceAry().empty()) << "aged while the menu was open";
+    EXPECT_EQ(rig.menuRows().first(), QStringLiteral("A")) << "menu left alone while open";
+    EXPECT_EQ(shell.discoveredDevice().size(), 1);
+
+    item.menuOpen = false;
+    const int attached = item.menuAttachCount;
+    rig.time->advance(5000.0);
+    EXPECT_EQ(item.menuAttachCount, attached + 1);
+    EXPECT_EQ(rig.menuRows().first(), QStringLiteral("---"));
+    EXPECT_EQ(item.image->name(), QStringLiteral("Normal_Disable_Icon"));
+}
+
+// ---- Connect action --------------------------------------------------------------------------
+
+TEST(AppDelegateConnect, LaunchOrSendWithTheReferenceIndexQuirk) {
+    const QString a = QStringLiteral("A"), b = QStringLiteral("B"), c = QStringLiteral("C");
+    struct Case {
+        const char* name;
+        QVariantList references;
+        int chosen;  // position in the connect list; -1: an item not in it
+        uint32_t senderProcesses;
+        std::optional<QString> expectedReceiver;  // none: nothing happens
+    };
+    const Case cases[] = {
+        {"running: first receiver", {}, 0, 1, a},
+        {"running: third receiver", {}, 2, 1, c},
+        {"running: more processes than capacity", {}, 1, 7, b},
+        {"launch: second receiver", {}, 1, 0, b},
+        {"reference entry takes the receiver at its position", twoReferenceEntries(), 0, 1, a},
+        {"first receiver row after two references maps to the third receiver", twoReferenceEntries(), 2, 1,
+         c},
+        {"past the end: logged no-op", twoReferenceEntries(), 3, 1, std::nullopt},
+        {"unknown item counts as position 0", {}, -1, 0, a},
+    };
+    for (const Case& k : cases) {
+        ShellRig rig;
+        rig.senderProcesses = k.senderProcesses;
+        writeDefaultTable(rig, k.references);
+        AppDelegate& shell = rig.launch();
+        rig.discover({uuidFor(1), -40, a, QStringLiteral("10.0.0.1"), QStringLiteral("1111")});
+        rig.discover({uuidFor(2), -50, b, QStringLiteral("10.0.0.2"), QStringLiteral("2222")});
+        rig.discover({uuidFor(3), -60, c, QStringLiteral("10.0.0.3"), QStringLiteral("3333")});
+        ScopedLogCapture log;
+        const MenuItemRef chosen = k.chosen < 0 ? MenuItem::initWithTitle(a, MenuAction::DeviceConnect)
+                                                : shell.menuList().at(static_cast<size_t>(k.chosen));
+        shell.performMenuAction(chosen);
+
+        if (!k.expectedReceiver) {
+            EXPECT_TRUE(rig.commands.empty() && rig.frames.empty()) << k.name;
+            EXPECT_FALSE(shell.dictTargetDevice().isPending()) << k.name;
+            EXPECT_TRUE(
+                log.contains(QStringLiteral("DeviceConnectAction: no receiver at position 3 (3 listed)")))
+                << k.name;
+            continue;
+        }
+        const int n = *k.expectedReceiver == a ? 1 : *k.expectedReceiver == b ? 2 : 3;
+        const ConnectionInfo expected{{QStringLiteral("IP"), QStringLiteral("10.0.0.%1").arg(n)},
+                                      {QStringLiteral("LoginCode"), QString(4, QChar(u'0' + n))},
+                                      {QStringLiteral("DeviceName"), *k.expectedReceiver},
+                                      {QStringLiteral("WiFiSSID"), *k.expectedReceiver}};
+        if (k.senderProcesses == 0) {
+            EXPECT_EQ(rig.commands, std::vector<QByteArray>{QByteArray("gtk-launch \"com.Sharvane.Ondrel\"")})
+                << k.name;
+            EXPECT_TRUE(rig.frames.empty()) << k.name;
+            EXPECT_EQ(shell.dictTargetDevice().take(), expected) << k.name;
+        } else {
+            EXPECT_TRUE(rig.commands.empty()) << k.name;
+            EXPECT_EQ(rig.frames, std::vector<QByteArray>{frameFor(expected)}) << k.name;
+            EXPECT_FALSE(shell.dictTargetDevice().isPending()) << k.name;
+        }
+    }
+}
+
+TEST(AppDelegateConnect, UnnamedReceiverAndTimerEntryPoint) {
+    ShellRig rig;
+    rig.senderProcesses = 1;
+    AppDelegate& shell = rig.launch();
+    // The unnamed receiver is strongest; the only row belongs to B but position 0 is the unnamed one.
+    rig.discover({uuidFor(1), -40, std::nullopt, QStringLiteral("10.0.0.1"), std::nullopt});
+    rig.discover({uuidFor(2), -50, QStringLiteral("B")});
+    ASSERT_EQ(shell.menuList().size(), 1u);
+    shell.DeviceConnectAction(shell.menuList()[0]);
+    ASSERT_EQ(rig.frames.size(), 1u);
+    EXPECT_EQ(rig.frames[0], frameFor({{QStringLiteral("IP"), QStringLiteral("10.0.0.1")}}));
+
+    const ConnectionInfo info{{QStringLiteral("IP"), QStringLiteral("10.1.1.1")}};
+    shell.SendDataToOndrelTimer(info);
+    ASSERT_EQ(rig.frames.size(), 2u);
+    EXPECT_EQ(rig.frames[1], frameFor(info));
+
+    // A name too long for a frame is logged, not sent.
+    ScopedLogCapture log;
+    shell.SendDataToOndrelTimer({{QStringLiteral("DeviceName"), QString(300, QLatin1Char('x'))}});
+    EXPECT_EQ(rig.frames.size(), 2u);
+    EXPECT_TRUE(log.contains(
+        QStringLiteral("DeviceConnectAction: the receiver's details do not fit a frame; nothing sent")));
+}
+
+TEST(AppDelegateConnect, ChoosingTwiceBeforeTheSenderAsksHandsOutOnlyTheSecond) {
+    ShellRig rig;
+    AppDelegate& shell = rig.launch();
+    rig.discover({uuidFor(1), -40, QStringLiteral("A")});
+    rig.discover({uuidFor(2), -50, QStringLiteral("B")});
+    shell.DeviceConnectAction(shell.menuList()[0]);
+    shell.DeviceConnectAction(shell.menuList()[1]);
+    EXPECT_EQ(rig.commands.size(), 2u);
+    const auto handed = shell.dictTargetDevice().take();
+    ASSERT_TRUE(handed);
+    EXPECT_EQ(handed->value(QStringLiteral("DeviceName")), QStringLiteral("B"));
+    EXPECT_FALSE(shell.dictTargetDevice().take()) << "take-once";
+}
+
+// The launched sender asks the real listener for its receiver over loopback, once.
+TEST(AppDelegateConnect, ParkedReceiverIsHandedOutOnceThroughTheListener) {
+    ShellRig rig;
+    rig.env.listenerPort = 0;  // any free port
+    AppDelegate& shell = rig.launch();
+    rig.discover({uuidFor(1), -40, QStringLiteral("A")});
+    shell.DeviceConnectAction(shell.menuList()[0]);
+    ASSERT_TRUE(shell.dictTargetDevice().isPending());
+
+    const uint16_t port = shell.commandListener()->port();
+    ASSERT_NE(port, 0);
+
+    auto ask = [port]() -> QByteArray {
+        const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+        timeval timeout{5, 0};
+        ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_port = htons(port);
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        QByteArray reply;
+        if (::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0) {
+            const uint8_t request[] = {0x02, 0x03, 0x04, 0x05, 0x00, 0x00, 0x02, 0x03};
+            ::send(fd, request, sizeof request, MSG_NOSIGNAL);
+            char buffer[kFrameBufferSize];
+            const ssize_t n = ::recv(fd, buffer, sizeof buffer, 0);
+            if (n > 0) reply = QByteArray(buffer, static_cast<qsizetype>(n));
+        }
+        ::close(fd);
+        return reply;
+    };
+    const ConnectionInfo expected{{QStringLiteral("IP"), QStringLiteral("10.0.0.1")},
+                                  {QStringLiteral("LoginCode"), QStringLiteral("1234")},
+                                  {QStringLiteral("DeviceName"), QStringLiteral("A")},
+                                  {QStringLiteral("WiFiSSID"), QStringLiteral("A")}};
+    EXPECT_EQ(ask(), frameFor(expected));
+    EXPECT_EQ(ask(), QByteArray(1, '\0')) << "take-once: the second request gets nothing";
+    EXPECT_FALSE(shell.dictTargetDevice().isPending());
+}
+
+// ---- Reference table -------------------------------------------------------------------------
+
+TEST(AppDelegateReferenceTable, DefaultSavedAndUnreadableFiles) {
+    const QVariantList defaults = twoReferenceEntries();
+    const QVariantList saved{
+        QVariantMap{{QStringLiteral("Device"), QStringLiteral("Mine")}, {QStringLiteral("Seen"), qint64(3)}}};
+    struct Case {
+        const char* name;
+        bool haveDefault;
+        std::optional<QByteArray> savedFile;
+        QVariantList loaded;
+        QVariantList written;
+        bool keptAside;
+    };
+    const Case cases[] = {
+        {"first run copies the default", true, std::nullopt, defaults, defaults, false},
+        {"first run without default", false, std::nullopt, {}, {}, false},
+        {"saved file replaces the default", true, tableXml(saved), saved, saved, false},
+        {"zero-entry saved file hides the default", true, tableXml({}), {}, {}, false},
+        {"unreadable saved file is kept beside", true, QByteArray("<plist><array><dict>"), {}, {}, true},
+    };
+    for (const Case& c : cases) {
+        ShellRig rig;
+        if (c.haveDefault) writeDefaultTable(rig, defaults);
+        if (c.savedFile) rig.writeSavedTable(*c.savedFile);
+        AppDelegate& shell = rig.launch();
+        EXPECT_EQ(shell.referenceTable(), c.loaded) << c.name;
+        shell.applicationWillTerminate();
+        EXPECT_EQ(ReferenceTable::arrayWithContentsOfFile(rig.savedTablePath()), c.written) << c.name;
+        const QString aside = rig.savedTablePath() + QStringLiteral(".unreadable");
+        EXPECT_EQ(QFileInfo::exists(aside), c.keptAside) << c.name;
+        if (c.keptAside) {
+            QFile f(aside);
+            ASSERT_TRUE(f.open(QIODevice::ReadOnly));
+            EXPECT_EQ(f.readAll(), *c.savedFile) << "the user's bytes, untouched";
+        }
+    }
+}
+
+TEST(AppDelegateReferenceTable, FolderAndWriteFailuresAreLoggedAndHarmless) {
+    {
+        ShellRig rig;
+        // A file where the folder should be: creating it fails.
+        QFile blocker(rig.support.filePath(QStringLiteral("Tavik")));
+        ASSERT_TRUE(blocker.open(QIODevice::WriteOnly));
+        blocker.close();
+        writeDefaultTable(rig, twoReferenceEntries());
+        ScopedLogCapture log;
+        AppDelegate& shell = rig.launch();
+        EXPECT_TRUE(log.contains(QStringLiteral("Creat Folder Fail : ") + rig.resources.path()));
+        EXPECT_EQ(shell.referenceTable(), twoReferenceEntries());
+        shell.applicationWillTerminate();
+        EXPECT_TRUE(log.contains(QStringLiteral("SaveReferenceTable writeToFile Fail")));
+    }
+    {
+        ShellRig rig;
+        rig.env.applicationSupportPath = QString();  // no Application Support folder at all
+        ScopedLogCapture log;
+        AppDelegate& shell = rig.launch();
+        shell.applicationWillTerminate();
+        EXPECT_TRUE(log.contains(QStringLiteral("Creat Folder Fail : ") + rig.resources.path()));
+        EXPECT_TRUE(log.contains(QStringLiteral("SaveReferenceTable writeToFile Fail")));
+    }
+}
+
+}  // namespace
+}  // namespace lumerix
