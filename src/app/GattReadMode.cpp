@@ -30,7 +30,8 @@ std::optional<GattOptions> parseGattOptions(int argc, char** argv, QString* erro
             bool ok = false;
             o.timeoutSeconds = QString::fromUtf8(argv[++i]).toDouble(&ok);
             if (!ok || o.timeoutSeconds <= 0 || o.timeoutSeconds > 3600) {
-                *error = QStringLiteral("the timeout must be a number of seconds, got \"%1\"").arg(QString::fromUtf8(argv[i]));
+                *error = QStringLiteral("the timeout must be a number of seconds, got \"%1\"")
+                             .arg(QString::fromUtf8(argv[i]));
                 return std::nullopt;
             }
         } else if (std::strcmp(a, "--demo") == 0) {
@@ -66,7 +67,8 @@ private:
     void itemSeen(const QVLumerixItemRef& item) override {
         if (requested_ || !matches(item)) return;
         requested_ = true;
-        Log::logf("lumerix: connecting to %s for its connection information", options_.identifier.toUtf8().constData());
+        Log::logf("lumerix: connecting to %s for its connection information",
+                  options_.identifier.toUtf8().constData());
         handler().connectItemForTesting(item);
     }
 
@@ -88,7 +90,9 @@ private:
     int deadlineReached() override {
         std::fprintf(stderr, "lumerix: no connection information from %s within %g s (%s)\n",
                      options_.identifier.toUtf8().constData(), options_.timeoutSeconds,
-                     !requested_ ? "the receiver was not seen" : !connected_ ? "no connection" : "no complete record");
+                     !requested_   ? "the receiver was not seen"
+                     : !connected_ ? "no connection"
+                                   : "no complete record");
         return kExitTimeout;
     }
 
@@ -103,7 +107,8 @@ int runGattReadMode(int argc, char** argv) {
     QString error;
     auto options = parseGattOptions(argc, argv, &error);
     if (!options) {
-        std::fprintf(stderr, "lumerix: %s\nusage: lumerix --gatt-read IDENTIFIER [--timeout SECONDS] [--demo]\n",
+        std::fprintf(stderr,
+                     "lumerix: %s\nusage: lumerix --gatt-read IDENTIFIER [--timeout SECONDS] [--demo]\n",
                      error.toUtf8().constData());
         return HeadlessSession::kExitUsage;
     }

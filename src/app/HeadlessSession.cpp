@@ -20,7 +20,8 @@ constexpr int kGraceMs = 2000;
 }  // namespace
 
 HeadlessSession::HeadlessSession(bool demo)
-    : mainQueue_("com.zemko.Lumerix.main", QCoreApplication::instance()), alive_(std::make_shared<bool>(true)) {
+    : mainQueue_("com.zemko.Lumerix.main", QCoreApplication::instance()),
+      alive_(std::make_shared<bool>(true)) {
     handler_ = QVLumerixHandler::create(makeProductionEnvironment(&mainQueue_, demo));
     handler_->setDelegate(this);
 }
@@ -40,23 +41,31 @@ void HeadlessSession::installLogSink() {
 
 QString HeadlessSession::stateText(int state) {
     switch (state) {
-        case 0: return QStringLiteral("state 0, unknown: bluetoothd is not running or cannot be reached");
-        case 1: return QStringLiteral("state 1, resetting");
-        case 2: return QStringLiteral("state 2, unsupported: no Bluetooth adapter");
-        case 3: return QStringLiteral("state 3, unauthorized: access to bluetoothd was denied");
-        case 4: return QStringLiteral("state 4, powered off");
-        case 5: return QStringLiteral("state 5, powered on");
-        default: return QStringLiteral("state %1").arg(state);
+        case 0:
+            return QStringLiteral("state 0, unknown: bluetoothd is not running or cannot be reached");
+        case 1:
+            return QStringLiteral("state 1, resetting");
+        case 2:
+            return QStringLiteral("state 2, unsupported: no Bluetooth adapter");
+        case 3:
+            return QStringLiteral("state 3, unauthorized: access to bluetoothd was denied");
+        case 4:
+            return QStringLiteral("state 4, powered off");
+        case 5:
+            return QStringLiteral("state 5, powered on");
+        default:
+            return QStringLiteral("state %1").arg(state);
     }
 }
 
 int HeadlessSession::exec(double durationMs) {
     tryStart();
     if (!scanning_) {
-        QTimer::singleShot(kGraceMs, QCoreApplication::instance(), [this, alive = std::weak_ptr<bool>(alive_)] {
-            if (alive.expired() || scanning_ || finished_) return;
-            bluetoothUnavailable(handler_->mCurrentState(), false);
-        });
+        QTimer::singleShot(kGraceMs, QCoreApplication::instance(),
+                           [this, alive = std::weak_ptr<bool>(alive_)] {
+                               if (alive.expired() || scanning_ || finished_) return;
+                               bluetoothUnavailable(handler_->mCurrentState(), false);
+                           });
     }
     const int ms = durationMs > 0 ? static_cast<int>(durationMs) : 0;
     QTimer::singleShot(ms, QCoreApplication::instance(), [this, alive = std::weak_ptr<bool>(alive_)] {
@@ -86,8 +95,9 @@ void HeadlessSession::tryStart() {
 }
 
 void HeadlessSession::bluetoothUnavailable(int state, bool wasScanning) {
-    const QString text = wasScanning ? QStringLiteral("lumerix: Bluetooth went away during the scan: %1\n")
-                                     : QStringLiteral("lumerix: Bluetooth is off or no adapter was found: %1\n");
+    const QString text = wasScanning
+                             ? QStringLiteral("lumerix: Bluetooth became unavailable during the scan: %1\n")
+                             : QStringLiteral("lumerix: Bluetooth is off or no adapter was found: %1\n");
     std::fputs(text.arg(stateText(state)).toUtf8().constData(), stderr);
     finish(kExitBluetoothUnavailable);
 }

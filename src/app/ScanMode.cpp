@@ -61,13 +61,18 @@ void printLine(const QString& text) {
 }
 
 QString columns(const QString& name, const QString& ip, const QString& code, const QString& rssi,
-                const QString& identifier) {
-    return QStringLiteral("%1  %2  %3  %4  %5").arg(name, -24).arg(ip, -15).arg(code, -8).arg(rssi, 5).arg(identifier);
+                const QString& identifier, int nameWidth = 24) {
+    return QStringLiteral("%1  %2  %3  %4  %5")
+        .arg(name, -nameWidth)
+        .arg(ip, -15)
+        .arg(code, -8)
+        .arg(rssi, 5)
+        .arg(identifier);
 }
 
-QString rowText(const Row& r) {
+QString rowText(const Row& r, int nameWidth = 24) {
     return columns(r.name, r.ip, r.loginCode, r.rssi == 0 ? QStringLiteral("-") : QString::number(r.rssi),
-                   r.identifier);
+                   r.identifier, nameWidth);
 }
 
 class ScanSession final : public HeadlessSession {
@@ -88,7 +93,8 @@ private:
         row.rssi = item->aveRssi();
         auto it = rows_.find(row.identifier);
         const bool isNew = it == rows_.end();
-        const bool changed = !isNew && (it->name != row.name || it->ip != row.ip || it->loginCode != row.loginCode);
+        const bool changed =
+            !isNew && (it->name != row.name || it->ip != row.ip || it->loginCode != row.loginCode);
         if (!isNew && row.rssi == 0) row.rssi = it->rssi;  // 0: no reading since the item decayed
         rows_[row.identifier] = row;
         if (!json_ && (isNew || changed))
@@ -121,9 +127,12 @@ private:
         }
         printLine(QString());
         printLine(QStringLiteral("%1 receiver(s), strongest first:").arg(rows.size()));
-        printLine(QStringLiteral("         ") + columns(QStringLiteral("NAME"), QStringLiteral("IP"), QStringLiteral("CODE"),
-                                                     QStringLiteral("RSSI"), QStringLiteral("IDENTIFIER")));
-        for (const Row& r : rows) printLine(QStringLiteral("         ") + rowText(r));
+        int width = 4;
+        for (const Row& r : rows) width = std::max(width, static_cast<int>(r.name.size()));
+        const QString indent(9, QLatin1Char(' '));
+        printLine(indent + columns(QStringLiteral("NAME"), QStringLiteral("IP"), QStringLiteral("CODE"),
+                                   QStringLiteral("RSSI"), QStringLiteral("IDENTIFIER"), width));
+        for (const Row& r : rows) printLine(indent + rowText(r, width));
         return 0;
     }
 

@@ -110,6 +110,9 @@ BUS_CONFIG = '''<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Config
 
 # Refuses everyone's method calls to bluetoothd (a user without Bluetooth rights).
 DENY_BLUEZ = '<deny send_destination="org.bluez"/>'
+# Lets everyone read bluetoothd's objects but not start discovery.
+DENY_BLUEZ_DISCOVERY = ('<deny send_destination="org.bluez" send_interface="org.bluez.Adapter1" '
+                        'send_member="StartDiscovery"/>')
 
 
 class PrivateBus:
@@ -204,13 +207,17 @@ class Bluez:
         return '/org/bluez/%s/dev_%s' % (name, address.replace(':', '_').upper())
 
     def add_device(self, address, local_name, rssi=-60, manufacturer=None, company=DEFAULT_COMPANY_ID,
-                   adapter='hci0'):
-        """Adds a device as the template does, then gives it RSSI and manufacturer data; the
-        InterfacesAdded signal already carries them, as bluetoothd's does for a fresh device."""
+                   adapter='hci0', connect_error=None):
+        """Adds a device with RSSI and manufacturer data; the InterfacesAdded signal carries them,
+        as bluetoothd's does for a freshly seen device. connect_error: the D-Bus error name that
+        Device1.Connect answers with, instead of connecting."""
         path = self.device_path(address, adapter)
         props = self._device_properties(address, local_name, rssi, manufacturer, company, adapter)
+        connect = CONNECT_CODE
+        if connect_error:
+            connect = 'raise dbus.exceptions.DBusException("le-connection-abort-by-local", name=%r)' % connect_error
         self.root.AddObject(path, DEVICE_IFACE, props, [
-            ('Connect', '', '', CONNECT_CODE),
+            ('Connect', '', '', connect),
             ('Disconnect', '', '', DISCONNECT_CODE),
         ], dbus_interface=MOCK_IFACE)
         self.root.EmitSignal(OBJECT_MANAGER_IFACE, 'InterfacesAdded', 'oa{sa{sv}}',
@@ -249,7 +256,12 @@ class Bluez:
             changed['RSSI'] = dbus.Int16(rssi)
         if manufacturer is not None:
             changed['ManufacturerData'] = manufacturer_data(manufacturer, company)
-        self.mock(self.device_path(address, adapter)).UpdateProperties(DEVICE_IFACE, changed)
+        self.emit_properties_changed(self.device_path(address, adapter), DEVICE_IFACE, changed)
+
+    def emit_properties_changed(self, path, interface, changed):
+        """PropertiesChanged as bluetoothd sends it (the mock's UpdateProperties cannot carry a{qv})."""
+        self.mock(path).EmitSignal('org.freedesktop.DBus.Properties', 'PropertiesChanged', 'sa{sv}as', [
+            interface, dbus.Dictionary(changed, signature='sv'), dbus.Array([], signature='s')])
 
     def remove_device(self, address, adapter='hci0'):
         path = self.device_path(address, adapter)

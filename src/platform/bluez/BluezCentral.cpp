@@ -38,9 +38,10 @@ BluezCentral::BluezCentral(BleCentralDelegate* delegate, DispatchQueue* queue)
         // D-Bus replies and signals need a Qt event loop on the queue's thread.
         Log::logf("BluezCentral: the queue \"%s\" has no Qt event loop; Bluetooth stays unavailable",
                   queue ? queue->label().c_str() : "(none)");
-        if (queue && delegate) queue->async([delegate, link = link_] {
-            if (!link->closing.load()) delegate->centralManagerDidUpdateState(BleStateUnknown);
-        });
+        if (queue && delegate)
+            queue->async([delegate, link = link_] {
+                if (!link->closing.load()) delegate->centralManagerDidUpdateState(BleStateUnknown);
+            });
         return;
     }
     hasEngine_ = true;

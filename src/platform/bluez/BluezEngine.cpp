@@ -36,17 +36,18 @@ using InterfaceMap = QMap<QString, QVariantMap>;
 
 }  // namespace
 
-BluezEngine::BluezEngine(BleCentralDelegate* delegate, const std::shared_ptr<BluezLink>& link, QString connectionName)
+BluezEngine::BluezEngine(BleCentralDelegate* delegate, const std::shared_ptr<BluezLink>& link,
+                         QString connectionName)
     : delegate_(delegate), link_(link), connectionName_(std::move(connectionName)), bus_(connectionName_) {}
 
 BluezEngine::~BluezEngine() {
     delete watcher_;
     watcher_ = nullptr;
     if (bus_.isConnected()) {
-        bus_.disconnect(kService, QStringLiteral("/"), kObjectManager, QStringLiteral("InterfacesAdded"), this,
-                        SLOT(onInterfacesAdded(QDBusMessage)));
-        bus_.disconnect(kService, QStringLiteral("/"), kObjectManager, QStringLiteral("InterfacesRemoved"), this,
-                        SLOT(onInterfacesRemoved(QDBusMessage)));
+        bus_.disconnect(kService, QStringLiteral("/"), kObjectManager, QStringLiteral("InterfacesAdded"),
+                        this, SLOT(onInterfacesAdded(QDBusMessage)));
+        bus_.disconnect(kService, QStringLiteral("/"), kObjectManager, QStringLiteral("InterfacesRemoved"),
+                        this, SLOT(onInterfacesRemoved(QDBusMessage)));
         bus_.disconnect(kService, QString(), kProperties, QStringLiteral("PropertiesChanged"), this,
                         SLOT(onPropertiesChanged(QDBusMessage)));
         bus_.disconnect(kService, QString(), kDevice, QStringLiteral("Disconnected"), this,
@@ -61,25 +62,29 @@ BluezEngine::~BluezEngine() {
 void BluezEngine::start() {
     bus_ = QDBusConnection::connectToBus(QDBusConnection::SystemBus, connectionName_);
     if (!bus_.isConnected()) {
-        Log::logf("BluezCentral: cannot reach the system bus: %s", utf8(bus_.lastError().message()).constData());
+        Log::logf("BluezCentral: cannot reach the system bus: %s",
+                  utf8(bus_.lastError().message()).constData());
         snapshotDone_ = true;
         recomputeState();
         return;
     }
     // Subscribe before the snapshot so that nothing falls between the two.
-    bool ok = bus_.connect(kService, QStringLiteral("/"), kObjectManager, QStringLiteral("InterfacesAdded"), this,
-                           SLOT(onInterfacesAdded(QDBusMessage)));
-    ok = bus_.connect(kService, QStringLiteral("/"), kObjectManager, QStringLiteral("InterfacesRemoved"), this,
-                      SLOT(onInterfacesRemoved(QDBusMessage))) && ok;
+    bool ok = bus_.connect(kService, QStringLiteral("/"), kObjectManager, QStringLiteral("InterfacesAdded"),
+                           this, SLOT(onInterfacesAdded(QDBusMessage)));
+    ok = bus_.connect(kService, QStringLiteral("/"), kObjectManager, QStringLiteral("InterfacesRemoved"),
+                      this, SLOT(onInterfacesRemoved(QDBusMessage))) &&
+         ok;
     ok = bus_.connect(kService, QString(), kProperties, QStringLiteral("PropertiesChanged"), this,
-                      SLOT(onPropertiesChanged(QDBusMessage))) && ok;
+                      SLOT(onPropertiesChanged(QDBusMessage))) &&
+         ok;
     ok = bus_.connect(kService, QString(), kDevice, QStringLiteral("Disconnected"), this,
-                      SLOT(onDeviceDisconnected(QDBusMessage))) && ok;
+                      SLOT(onDeviceDisconnected(QDBusMessage))) &&
+         ok;
     if (!ok) Log::logf("BluezCentral: could not subscribe to every org.bluez signal");
 
-    watcher_ = new QDBusServiceWatcher(kService, bus_,
-                                       QDBusServiceWatcher::WatchForRegistration |
-                                           QDBusServiceWatcher::WatchForUnregistration);
+    watcher_ = new QDBusServiceWatcher(
+        kService, bus_,
+        QDBusServiceWatcher::WatchForRegistration | QDBusServiceWatcher::WatchForUnregistration);
     connect(watcher_, &QDBusServiceWatcher::serviceRegistered, this, [this](const QString&) {
         Log::logf("BluezCentral: org.bluez appeared on the system bus");
         takeSnapshot();
@@ -112,7 +117,8 @@ void BluezEngine::onSnapshot(quint64 generation, const QDBusMessage& reply) {
         if (!accessDenied_)
             Log::logf("BluezCentral: org.bluez is not available (%s)", utf8(errorText(reply)).constData());
         else
-            Log::logf("BluezCentral: access to org.bluez denied (%s)", utf8(reply.errorMessage()).constData());
+            Log::logf("BluezCentral: access to org.bluez denied (%s)",
+                      utf8(reply.errorMessage()).constData());
         clearObjects(BluezErrorPeripheralDisconnected);
         recomputeState();
         return;
@@ -172,8 +178,8 @@ void BluezEngine::addInterfaces(const QString& path, const InterfaceMap& interfa
     if (fromSignal && interfaces.contains(kAdapter)) recomputeState();
 }
 
-void BluezEngine::updateDevice(const QString& path, const QVariantMap& changed, const QStringList& invalidated,
-                               bool fromSignal) {
+void BluezEngine::updateDevice(const QString& path, const QVariantMap& changed,
+                               const QStringList& invalidated, bool fromSignal) {
     Device& device = devices_[path];
     const bool wasConnected = device.props.connected.value_or(false);
     const bool wasResolved = device.props.servicesResolved.value_or(false);
@@ -208,7 +214,8 @@ void BluezEngine::removeDevice(const QString& path, int disconnectError) {
 
 void BluezEngine::onInterfacesAdded(const QDBusMessage& message) {
     if (message.signature() != QLatin1String("oa{sa{sv}}")) {
-        Log::logf("BluezCentral: InterfacesAdded with signature \"%s\" ignored", utf8(message.signature()).constData());
+        Log::logf("BluezCentral: InterfacesAdded with signature \"%s\" ignored",
+                  utf8(message.signature()).constData());
         return;
     }
     const QString path = message.arguments().at(0).value<QDBusObjectPath>().path();
@@ -253,7 +260,8 @@ void BluezEngine::onPropertiesChanged(const QDBusMessage& message) {
     const QStringList invalidated = message.arguments().at(2).toStringList();
 
     if (iface == kAdapter) {
-        if (!adapters_.contains(path)) return;  // not announced yet; the snapshot or InterfacesAdded brings it
+        if (!adapters_.contains(path))
+            return;  // not announced yet; the snapshot or InterfacesAdded brings it
         logProblems(path, iface, adapters_[path].apply(changed, invalidated));
         recomputeState();
     } else if (iface == kDevice) {
@@ -277,16 +285,20 @@ void BluezEngine::recomputeState() {
     std::optional<BluezAdapterProperties> adapter;
     if (!adapters_.isEmpty()) adapter = adapters_.first();
     const int state = bluez::centralState(bluezPresent_, accessDenied_, adapter);
+    if (state == 5 && scanning_ && adapterPath() != discoveryAdapter_)
+        beginDiscovery();  // new default adapter
     if (stateReported_ && state == state_) return;
     if (state != 5) {
         scanning_ = false;
         discoveryActive_ = false;
+        discoveryAdapter_.clear();
     }
     Log::logf("BluezCentral: state %d (%s)", state, utf8(adapterPath()).constData());
     state_ = state;
     stateReported_ = true;
     if (auto link = link_.lock()) link->state.store(state);
     BleCentralDelegate* delegate = delegate_;
+    if (!delegate) return;
     deliver([delegate, state] { delegate->centralManagerDidUpdateState(state); });
 }
 
@@ -302,20 +314,27 @@ void BluezEngine::startScan(bool allowDuplicates) {
 
 void BluezEngine::beginDiscovery() {
     const QString adapter = adapterPath();
+    discoveryAdapter_ = adapter;
     QVariantMap filter;
     filter.insert(QStringLiteral("Transport"), QStringLiteral("le"));
     filter.insert(QStringLiteral("DuplicateData"), allowDuplicates_);
-    auto setFilter = QDBusMessage::createMethodCall(kService, adapter, kAdapter, QStringLiteral("SetDiscoveryFilter"));
+    auto setFilter =
+        QDBusMessage::createMethodCall(kService, adapter, kAdapter, QStringLiteral("SetDiscoveryFilter"));
     setFilter << filter;
     call(setFilter, [this, adapter](const QDBusMessage& reply) {
         if (reply.type() == QDBusMessage::ErrorMessage)
             Log::logf("BluezCentral: SetDiscoveryFilter failed: %s", utf8(errorText(reply)).constData());
         if (!scanning_ || adapter != adapterPath()) return;
-        auto start = QDBusMessage::createMethodCall(kService, adapter, kAdapter, QStringLiteral("StartDiscovery"));
+        auto start =
+            QDBusMessage::createMethodCall(kService, adapter, kAdapter, QStringLiteral("StartDiscovery"));
         call(start, [this](const QDBusMessage& r) {
             if (r.type() == QDBusMessage::ErrorMessage &&
                 r.errorName() != QLatin1String("org.bluez.Error.InProgress")) {
                 Log::logf("BluezCentral: StartDiscovery failed: %s", utf8(errorText(r)).constData());
+                if (r.errorName() == QLatin1String("org.freedesktop.DBus.Error.AccessDenied")) {
+                    accessDenied_ = true;  // may read the adapter, may not scan
+                    recomputeState();
+                }
                 return;
             }
             discoveryActive_ = true;
@@ -325,10 +344,12 @@ void BluezEngine::beginDiscovery() {
 
 void BluezEngine::stopScan() {
     const bool wasActive = discoveryActive_ || scanning_;
+    const QString adapter = discoveryAdapter_.isEmpty() ? adapterPath() : discoveryAdapter_;
     scanning_ = false;
     discoveryActive_ = false;
-    if (!wasActive || adapterPath().isEmpty()) return;
-    auto stop = QDBusMessage::createMethodCall(kService, adapterPath(), kAdapter, QStringLiteral("StopDiscovery"));
+    discoveryAdapter_.clear();
+    if (!wasActive || adapter.isEmpty()) return;
+    auto stop = QDBusMessage::createMethodCall(kService, adapter, kAdapter, QStringLiteral("StopDiscovery"));
     call(stop, [](const QDBusMessage& reply) {
         if (reply.type() == QDBusMessage::ErrorMessage)
             Log::logf("BluezCentral: StopDiscovery failed: %s", utf8(errorText(reply)).constData());
@@ -339,7 +360,8 @@ std::shared_ptr<BluezPeripheral> BluezEngine::peripheralFor(const QString& path)
     auto it = devices_.constFind(path);
     std::shared_ptr<BluezPeripheral>& p = peripherals_[path];
     if (!p) {
-        const QString id = it != devices_.constEnd() ? bluez::identifierForDevice(path, it->props) : QString();
+        const QString id =
+            it != devices_.constEnd() ? bluez::identifierForDevice(path, it->props) : QString();
         if (id.isEmpty()) {
             peripherals_.remove(path);
             return nullptr;
@@ -364,7 +386,10 @@ void BluezEngine::reportAdvertisement(const QString& path) {
     data.manufacturerData = it->props.manufacturerData;
     const double rssi = it->props.rssi ? double(*it->props.rssi) : 127.0;  // 127: no reading
     BleCentralDelegate* delegate = delegate_;
-    deliver([delegate, peripheral, data, rssi] { delegate->centralManagerDidDiscoverPeripheral(peripheral, data, rssi); });
+    if (!delegate) return;
+    deliver([delegate, peripheral, data, rssi] {
+        delegate->centralManagerDidDiscoverPeripheral(peripheral, data, rssi);
+    });
 }
 
 void BluezEngine::connectDevice(const QString& path) {
@@ -374,6 +399,7 @@ void BluezEngine::connectDevice(const QString& path) {
         Log::logf("BluezCentral: connect to unknown device %s", utf8(path).constData());
         if (peripheral) {
             BleCentralDelegate* delegate = delegate_;
+            if (!delegate) return;
             deliver([delegate, peripheral] {
                 delegate->centralManagerDidFailToConnectPeripheral(
                     peripheral, BleError{BluezErrorConnectionFailed, QStringLiteral("the device is gone")});
@@ -393,12 +419,16 @@ void BluezEngine::connectDevice(const QString& path) {
             return;
         }
         d->connectPending = false;
-        Log::logf("BluezCentral: Connect %s failed: %s", utf8(path).constData(), utf8(errorText(reply)).constData());
+        Log::logf("BluezCentral: Connect %s failed: %s", utf8(path).constData(),
+                  utf8(errorText(reply)).constData());
         auto peripheral = peripherals_.value(path);
         if (!peripheral) return;
         BleCentralDelegate* delegate = delegate_;
+        if (!delegate) return;
         BleError error{BluezErrorConnectionFailed, errorText(reply)};
-        deliver([delegate, peripheral, error] { delegate->centralManagerDidFailToConnectPeripheral(peripheral, error); });
+        deliver([delegate, peripheral, error] {
+            delegate->centralManagerDidFailToConnectPeripheral(peripheral, error);
+        });
     });
 }
 
@@ -410,7 +440,8 @@ void BluezEngine::disconnectDevice(const QString& path) {
     auto msg = QDBusMessage::createMethodCall(kService, path, kDevice, QStringLiteral("Disconnect"));
     call(msg, [path](const QDBusMessage& reply) {
         if (reply.type() == QDBusMessage::ErrorMessage)
-            Log::logf("BluezCentral: Disconnect %s failed: %s", utf8(path).constData(), utf8(errorText(reply)).constData());
+            Log::logf("BluezCentral: Disconnect %s failed: %s", utf8(path).constData(),
+                      utf8(errorText(reply)).constData());
     });
 }
 
@@ -423,6 +454,7 @@ void BluezEngine::reportConnected(const QString& path) {
     auto peripheral = peripherals_.value(path);
     if (!peripheral) return;
     BleCentralDelegate* delegate = delegate_;
+    if (!delegate) return;
     deliver([delegate, peripheral] { delegate->centralManagerDidConnectPeripheral(peripheral); });
 }
 
@@ -437,6 +469,7 @@ void BluezEngine::reportDisconnected(const QString& path, std::optional<int> err
     std::optional<BleError> e;
     if (error) e = BleError{*error, QStringLiteral("disconnected (code %1)").arg(*error)};
     BleCentralDelegate* delegate = delegate_;
+    if (!delegate) return;
     deliver([delegate, peripheral, e] { delegate->centralManagerDidDisconnectPeripheral(peripheral, e); });
 }
 
@@ -456,7 +489,8 @@ void BluezEngine::readRssi(const QString& path) {
 void BluezEngine::discoverServices(const QString& path) {
     auto it = devices_.find(path);
     if (it == devices_.end() || !it->reportedConnected) {
-        Log::logf("BluezCentral: service discovery on %s, which is not connected; ignored", utf8(path).constData());
+        Log::logf("BluezCentral: service discovery on %s, which is not connected; ignored",
+                  utf8(path).constData());
         return;
     }
     if (!it->props.servicesResolved.value_or(false)) {
@@ -508,13 +542,15 @@ void BluezEngine::discoverCharacteristics(const QString& devicePath, const QStri
     for (auto c = characteristics_.constBegin(); c != characteristics_.constEnd(); ++c) {
         if (!bluez::isBelow(c.key(), servicePath) || !c->props.uuid) continue;
         auto& object = characteristicObjects_[c.key()];
-        if (!object) object = std::make_shared<BluezCharacteristic>(c.key(), BleUuid::fromString(*c->props.uuid));
+        if (!object)
+            object = std::make_shared<BluezCharacteristic>(c.key(), BleUuid::fromString(*c->props.uuid));
         list.push_back(object);
     }
     service->setCharacteristics(list);
     BleServiceRef ref = service;
     deliver([peripheral, ref] {
-        if (auto* d = peripheral->delegate()) d->peripheralDidDiscoverCharacteristicsForService(*peripheral, ref, std::nullopt);
+        if (auto* d = peripheral->delegate())
+            d->peripheralDidDiscoverCharacteristicsForService(*peripheral, ref, std::nullopt);
     });
 }
 
@@ -522,7 +558,8 @@ void BluezEngine::readValue(const QString& devicePath, const QString& characteri
     auto peripheral = peripherals_.value(devicePath);
     auto characteristic = characteristicObjects_.value(characteristicPath);
     if (!peripheral || !characteristic) {
-        Log::logf("BluezCentral: read of unknown characteristic %s ignored", utf8(characteristicPath).constData());
+        Log::logf("BluezCentral: read of unknown characteristic %s ignored",
+                  utf8(characteristicPath).constData());
         return;
     }
     auto msg = QDBusMessage::createMethodCall(kService, characteristicPath, kGattCharacteristic,
@@ -533,8 +570,9 @@ void BluezEngine::readValue(const QString& devicePath, const QString& characteri
         if (reply.type() == QDBusMessage::ErrorMessage) {
             error = BleError{bluez::errorCodeForDBusError(reply.errorName()), errorText(reply)};
         } else if (reply.signature() != QLatin1String("ay")) {
-            error = BleError{BluezErrorUnknown,
-                             QStringLiteral("ReadValue answered with signature \"%1\"").arg(reply.signature())};
+            error =
+                BleError{BluezErrorUnknown,
+                         QStringLiteral("ReadValue answered with signature \"%1\"").arg(reply.signature())};
         } else {
             characteristic->setValue(reply.arguments().at(0).toByteArray());
         }
@@ -543,12 +581,14 @@ void BluezEngine::readValue(const QString& devicePath, const QString& characteri
                       utf8(error->description).constData());
         BleCharacteristicRef ref = characteristic;
         deliver([peripheral, ref, error] {
-            if (auto* d = peripheral->delegate()) d->peripheralDidUpdateValueForCharacteristic(*peripheral, ref, error);
+            if (auto* d = peripheral->delegate())
+                d->peripheralDidUpdateValueForCharacteristic(*peripheral, ref, error);
         });
     });
 }
 
-void BluezEngine::call(const QDBusMessage& message, std::function<void(const QDBusMessage&)> done, int timeoutMs) {
+void BluezEngine::call(const QDBusMessage& message, std::function<void(const QDBusMessage&)> done,
+                       int timeoutMs) {
     auto* watcher = new QDBusPendingCallWatcher(bus_.asyncCall(message, timeoutMs), this);
     connect(watcher, &QDBusPendingCallWatcher::finished, this,
             [done = std::move(done)](QDBusPendingCallWatcher* w) {

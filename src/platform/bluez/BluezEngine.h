@@ -92,6 +92,7 @@ private:
     bool scanning_ = false;
     bool discoveryActive_ = false;
     bool allowDuplicates_ = true;
+    QString discoveryAdapter_;  // the adapter discovery was started on
 
     QMap<QString, BluezAdapterProperties> adapters_;  // sorted: the first is the default adapter
     QHash<QString, Device> devices_;

@@ -45,7 +45,8 @@ void BluezPeripheral::discoverCharacteristics(const BleServiceRef& service) {
         Log::logf("BluezCentral: characteristic discovery for a service of another central; ignored");
         return;
     }
-    if (link_) link_->post([path = path_, sp = s->path()](BluezEngine& e) { e.discoverCharacteristics(path, sp); });
+    if (link_)
+        link_->post([path = path_, sp = s->path()](BluezEngine& e) { e.discoverCharacteristics(path, sp); });
 }
 
 void BluezPeripheral::readValueForCharacteristic(const BleCharacteristicRef& characteristic) {

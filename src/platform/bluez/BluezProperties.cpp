@@ -182,7 +182,8 @@ std::optional<int> disconnectErrorForReason(const QString& reason) {
 }
 
 bool isBelow(const QString& child, const QString& parent) {
-    return child.size() > parent.size() + 1 && child.startsWith(parent) && child.at(parent.size()) == QLatin1Char('/');
+    return child.size() > parent.size() + 1 && child.startsWith(parent) &&
+           child.at(parent.size()) == QLatin1Char('/');
 }
 
 }  // namespace bluez

@@ -13,15 +13,15 @@ namespace lumerix {
 // Error codes BluezCentral reports (BleError::code). They follow the central-role numbering the
 // core already knows; 10 is kBleErrorConnectionFailed.
 enum BluezErrorCode : int {
-    BluezErrorUnknown = 0,            // any D-Bus error without a better match
-    BluezErrorInvalidParameters = 1,  // org.bluez.Error.InvalidArguments, InvalidValueLength
-    BluezErrorNotConnected = 3,       // org.bluez.Error.NotConnected, or the device is not connected
-    BluezErrorTimedOut = 6,           // no reply in time; disconnection reason Timeout
+    BluezErrorUnknown = 0,                 // any D-Bus error without a better match
+    BluezErrorInvalidParameters = 1,       // org.bluez.Error.InvalidArguments, InvalidValueLength
+    BluezErrorNotConnected = 3,            // org.bluez.Error.NotConnected, or the device is not connected
+    BluezErrorTimedOut = 6,                // no reply in time; disconnection reason Timeout
     BluezErrorPeripheralDisconnected = 7,  // the link or the device went away; reason Remote
-    BluezErrorNotPermitted = 8,       // NotPermitted, NotAuthorized, AuthenticationFailed, AccessDenied
-    BluezErrorNotSupported = 9,       // org.bluez.Error.NotSupported, UnknownMethod
-    BluezErrorConnectionFailed = 10,  // Device1.Connect failed, whatever the D-Bus error
-    BluezErrorInProgress = 11,        // org.bluez.Error.InProgress
+    BluezErrorNotPermitted = 8,            // NotPermitted, NotAuthorized, AuthenticationFailed, AccessDenied
+    BluezErrorNotSupported = 9,            // org.bluez.Error.NotSupported, UnknownMethod
+    BluezErrorConnectionFailed = 10,       // Device1.Connect failed, whatever the D-Bus error
+    BluezErrorInProgress = 11,             // org.bluez.Error.InProgress
 };
 
 struct BluezAdapterProperties {

@@ -22,7 +22,8 @@ TEST(BluezIdentifier, ComesFromTheAddressOrElseThePath) {
         const char* identifier;
     };
     const Case cases[] = {
-        {"/org/bluez/hci0/dev_AA_BB_CC_DD_EE_FF", "aa:bb:cc:dd:ee:0f", "00000000-0000-0000-0000-AABBCCDDEE0F"},
+        {"/org/bluez/hci0/dev_AA_BB_CC_DD_EE_FF", "aa:bb:cc:dd:ee:0f",
+         "00000000-0000-0000-0000-AABBCCDDEE0F"},
         {"/org/bluez/hci0/dev_AA_BB_CC_DD_EE_FF", std::nullopt, "00000000-0000-0000-0000-AABBCCDDEEFF"},
         {"/org/bluez/hci0/dev_aa_bb_cc_dd_ee_ff", "not an address", "00000000-0000-0000-0000-AABBCCDDEEFF"},
         {"/org/bluez/hci0/dev_AA_BB_CC_DD_EE", "AA:BB:CC:DD:EE", ""},
@@ -32,19 +33,21 @@ TEST(BluezIdentifier, ComesFromTheAddressOrElseThePath) {
     for (const Case& c : cases) {
         BluezDeviceProperties props;
         if (c.address) props.address = QString::fromUtf8(*c.address);
-        EXPECT_EQ(bluez::identifierForDevice(QString::fromUtf8(c.path), props), QString::fromUtf8(c.identifier))
+        EXPECT_EQ(bluez::identifierForDevice(QString::fromUtf8(c.path), props),
+                  QString::fromUtf8(c.identifier))
             << c.path;
     }
 }
 
 TEST(BluezDeviceProperties, TakesWellTypedValuesAndRefusesTheRest) {
     BluezDeviceProperties p;
-    EXPECT_TRUE(p.apply({{QStringLiteral("Name"), QStringLiteral("LX")},
-                         {QStringLiteral("Alias"), QStringLiteral("AA-BB")},
-                         {QStringLiteral("RSSI"), QVariant::fromValue<short>(-61)},
-                         {QStringLiteral("Connected"), true},
-                         {QStringLiteral("ManufacturerData"), manufacturer({{0x0AC0, QByteArray("\x11\x22", 2)}})}})
-                    .isEmpty());
+    EXPECT_TRUE(
+        p.apply({{QStringLiteral("Name"), QStringLiteral("LX")},
+                 {QStringLiteral("Alias"), QStringLiteral("AA-BB")},
+                 {QStringLiteral("RSSI"), QVariant::fromValue<short>(-61)},
+                 {QStringLiteral("Connected"), true},
+                 {QStringLiteral("ManufacturerData"), manufacturer({{0x0AC0, QByteArray("\x11\x22", 2)}})}})
+            .isEmpty());
     EXPECT_EQ(p.name, QStringLiteral("LX"));
     EXPECT_EQ(p.rssi, qint16(-61));
     EXPECT_EQ(p.connected, true);
@@ -115,15 +118,19 @@ TEST(BluezState, FollowsBluetoothdAndTheDefaultAdapter) {
 }
 
 TEST(BluezErrors, DisconnectionCausesAndCallErrorsMapToCodes) {
-    EXPECT_EQ(bluez::disconnectErrorForReason(QStringLiteral("org.bluez.Reason.Timeout")), BluezErrorTimedOut);
+    EXPECT_EQ(bluez::disconnectErrorForReason(QStringLiteral("org.bluez.Reason.Timeout")),
+              BluezErrorTimedOut);
     EXPECT_EQ(bluez::disconnectErrorForReason(QStringLiteral("org.bluez.Reason.Remote")),
               BluezErrorPeripheralDisconnected);
     EXPECT_EQ(bluez::disconnectErrorForReason(QStringLiteral("org.bluez.Reason.Local")), std::nullopt);
     EXPECT_EQ(bluez::disconnectErrorForReason(QString()), std::nullopt);
-    EXPECT_EQ(bluez::errorCodeForDBusError(QStringLiteral("org.bluez.Error.NotConnected")), BluezErrorNotConnected);
-    EXPECT_EQ(bluez::errorCodeForDBusError(QStringLiteral("org.freedesktop.DBus.Error.NoReply")), BluezErrorTimedOut);
+    EXPECT_EQ(bluez::errorCodeForDBusError(QStringLiteral("org.bluez.Error.NotConnected")),
+              BluezErrorNotConnected);
+    EXPECT_EQ(bluez::errorCodeForDBusError(QStringLiteral("org.freedesktop.DBus.Error.NoReply")),
+              BluezErrorTimedOut);
     EXPECT_EQ(bluez::errorCodeForDBusError(QStringLiteral("org.example.Whatever")), BluezErrorUnknown);
-    EXPECT_NE(bluez::errorCodeForDBusError(QStringLiteral("org.bluez.Error.Failed")), kBleErrorConnectionFailed);
+    EXPECT_NE(bluez::errorCodeForDBusError(QStringLiteral("org.bluez.Error.Failed")),
+              kBleErrorConnectionFailed);
 }
 
 TEST(BluezObjectTree, BelowMeansAStrictDescendant) {

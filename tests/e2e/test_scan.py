@@ -1,0 +1,199 @@
+"""`lumerix --scan` against a modelled bluetoothd: which receivers are listed, with which fields,
+and what the user sees when Bluetooth is missing."""
+
+import json
+import time
+
+import dbus
+
+import lxharness as h
+
+ROOM_A = ('AA:BB:CC:DD:EE:01', '10.0.0.5', 12, 34, 'Room A')
+ROOM_B = ('AA:BB:CC:DD:EE:02', '192.168.1.20', 56, 7, 'Board Room')
+
+
+def wait_for_discovery(bluez, timeout=5):
+    deadline = time.monotonic() + timeout
+    while time.monotonic() < deadline:
+        if 'StartDiscovery' in bluez.adapter_calls():
+            return
+        time.sleep(0.05)
+    raise AssertionError('lumerix never started discovery')
+
+
+def entry(receiver, rssi):
+    address, ip, hi, lo, name = receiver
+    return {'name': name, 'ip': ip, 'loginCode': '%02d%02d' % (hi, lo), 'rssi': rssi,
+            'identifier': h.identifier(address)}
+
+
+class ScanListsReceivers(h.LumerixTestCase):
+
+    def test_lists_exactly_the_lx_receivers_strongest_first(self):
+        self.bluez.add_adapter()
+        a_addr, a_ip, a_hi, a_lo, a_name = ROOM_A
+        # Known to bluetoothd before the scan: listed only once it advertises again.
+        self.bluez.add_device(a_addr, 'LX', rssi=-75, manufacturer=h.advertisement(a_ip, a_hi, a_lo, a_name))
+        self.bluez.add_device('AA:BB:CC:DD:EE:03', 'LX', rssi=-40,
+                              manufacturer=h.advertisement('10.9.9.9', 1, 2, 'Stale Cache'))
+        run = self.start_lumerix('--scan', '3', '--json')
+        wait_for_discovery(self.bluez)
+
+        self.bluez.advertise(a_addr, rssi=-50)
+        b_addr, b_ip, b_hi, b_lo, b_name = ROOM_B
+        self.bluez.add_device(b_addr, 'LX', rssi=-70, manufacturer=h.advertisement(b_ip, b_hi, b_lo, b_name))
+        # Not receivers: other names, a name that only looks alike, LX without a record.
+        self.bluez.add_device('AA:BB:CC:DD:EE:04', 'Speaker', rssi=-30,
+                              manufacturer=h.advertisement('10.1.1.1', 1, 1, 'Not Me'))
+        self.bluez.add_device('AA:BB:CC:DD:EE:05', 'lx', rssi=-30,
+                              manufacturer=h.advertisement('10.1.1.2', 1, 1, 'Not Me Either'))
+        self.bluez.add_device('AA:BB:CC:DD:EE:06', 'LX2', rssi=-30,
+                              manufacturer=h.advertisement('10.1.1.3', 1, 1, 'Nor Me'))
+        self.bluez.add_device('AA:BB:CC:DD:EE:07', 'LX', rssi=-30, manufacturer=None)
+
+        rc, out, err = run.wait(15)
+        self.assertEqual(rc, 0, err)
+        self.assertEqual(json.loads(out), [entry(ROOM_A, -50), entry(ROOM_B, -70)], err)
+
+        calls = self.bluez.mock('/org/bluez/hci0').GetCalls()
+        names = [str(c[1]) for c in calls]
+        self.assertLess(names.index('SetDiscoveryFilter'), names.index('StartDiscovery'))
+        discovery_filter = calls[names.index('SetDiscoveryFilter')][2][0]
+        self.assertEqual(str(discovery_filter['Transport']), 'le')
+        self.assertTrue(bool(discovery_filter['DuplicateData']))
+
+    def test_a_new_record_renames_the_receiver(self):
+        self.bluez.add_adapter()
+        address, ip, hi, lo, _ = ROOM_A
+        run = self.start_lumerix('--scan', '3')
+        wait_for_discovery(self.bluez)
+        self.bluez.add_device(address, 'LX', rssi=-55, manufacturer=h.advertisement(ip, hi, lo, 'Room A'))
+        time.sleep(0.5)
+        self.bluez.advertise(address, rssi=-52, manufacturer=h.advertisement('10.0.0.6', hi, lo, 'Aula'))
+
+        rc, out, err = run.wait(15)
+        self.assertEqual(rc, 0, err)
+        lines = out.splitlines()
+        found = [l for l in lines if l.startswith('found')]
+        changed = [l for l in lines if l.startswith('changed')]
+        self.assertEqual(len(found), 1, out)
+        self.assertIn('Room A', found[0])
+        self.assertEqual(len(changed), 1, out)
+        self.assertIn('Aula', changed[0])
+        self.assertIn('10.0.0.6', changed[0])
+        table = lines[lines.index('1 receiver(s), strongest first:') + 2:]
+        self.assertEqual(len(table), 1, out)
+        self.assertIn('Aula', table[0])
+        self.assertIn('-52', table[0])
+        self.assertIn(h.identifier(address), table[0])
+
+    def test_malformed_devices_are_logged_and_ignored(self):
+        self.bluez.add_adapter()
+        run = self.start_lumerix('--scan', '3', '--json')
+        wait_for_discovery(self.bluez)
+        base = '/org/bluez/hci0/'
+        record = h.manufacturer_data(h.advertisement('10.2.2.2', 1, 1, 'Bad'))
+        self.bluez.add_raw_device(base + 'dev_AA_BB_CC_DD_EE_10', {
+            'Address': 'AA:BB:CC:DD:EE:10', 'Name': dbus.Int32(7), 'RSSI': dbus.Int16(-40),
+            'ManufacturerData': record})
+        self.bluez.add_raw_device(base + 'dev_AA_BB_CC_DD_EE_11', {
+            'Address': 'AA:BB:CC:DD:EE:11', 'Name': 'LX', 'RSSI': 'loud',
+            'ManufacturerData': dbus.Array([dbus.Byte(1), dbus.Byte(2)], signature='y')})
+        self.bluez.add_raw_device(base + 'not_a_device', {
+            'Name': 'LX', 'RSSI': dbus.Int16(-40), 'ManufacturerData': record})
+        self.bluez.add_raw_device(base + 'dev_AA_BB_CC_DD_EE_12', {
+            'Address': 'AA:BB:CC:DD:EE:12', 'Name': 'LX', 'RSSI': dbus.Int16(-45),
+            'ManufacturerData': dbus.Dictionary({dbus.UInt16(1): dbus.String('text', variant_level=1)},
+                                                signature='qv')})
+        address, ip, hi, lo, name = ROOM_A
+        self.bluez.add_device(address, 'LX', rssi=-60, manufacturer=h.advertisement(ip, hi, lo, name))
+
+        rc, out, err = run.wait(15)
+        self.assertEqual(rc, 0, err)
+        self.assertEqual(json.loads(out), [entry(ROOM_A, -60)], err)
+        self.assertIn('Name has an unexpected type', err)
+        self.assertIn('RSSI has an unexpected type', err)
+        self.assertIn('has no usable address', err)
+        self.assertIn('is not a byte array', err)
+
+
+    def test_discovery_follows_the_default_adapter(self):
+        self.bluez.add_adapter('hci0')
+        self.bluez.add_adapter('hci1')
+        run = self.start_lumerix('--scan', '3', '--json')
+        wait_for_discovery(self.bluez)
+        self.bluez.remove_adapter('hci0')
+        deadline = time.monotonic() + 5
+        while 'StartDiscovery' not in self.bluez.adapter_calls('hci1') and time.monotonic() < deadline:
+            time.sleep(0.05)
+        address, ip, hi, lo, name = ROOM_A
+        self.bluez.add_device(address, 'LX', rssi=-58, manufacturer=h.advertisement(ip, hi, lo, name),
+                              adapter='hci1')
+        rc, out, err = run.wait(15)
+        self.assertEqual(rc, 0, err)
+        self.assertIn('StartDiscovery', self.bluez.adapter_calls('hci1'), err)
+        self.assertEqual(json.loads(out), [entry(ROOM_A, -58)], err)
+
+
+class ScanWithoutBluetooth(h.LumerixTestCase):
+
+    def assert_unavailable(self, rc, out, err, state_text):
+        self.assertEqual(rc, 2, err)
+        self.assertEqual(out, '')
+        self.assertIn('Bluetooth is off or no adapter was found', err)
+        self.assertIn(state_text, err)
+
+    def test_adapter_powered_off(self):
+        self.bluez.add_adapter(powered=False)
+        rc, out, err = self.run_lumerix('--scan', '5', '--json')
+        self.assert_unavailable(rc, out, err, 'powered off')
+
+    def test_no_adapter(self):
+        rc, out, err = self.run_lumerix('--scan', '5', '--json')
+        self.assert_unavailable(rc, out, err, 'no Bluetooth adapter')
+
+    def test_power_lost_during_the_scan(self):
+        self.bluez.add_adapter()
+        run = self.start_lumerix('--scan', '10', '--json')
+        wait_for_discovery(self.bluez)
+        self.bluez.set_powered(False)
+        rc, out, err = run.wait(8)
+        self.assertEqual(rc, 2, err)
+        self.assertEqual(out, '')
+        self.assertIn('Bluetooth became unavailable during the scan: state 4, powered off', err)
+
+
+class ScanWithoutBluez(h.LumerixTestCase):
+    start_bluez = False
+
+    def test_bluetoothd_not_running(self):
+        rc, out, err = self.run_lumerix('--scan', '5', '--json')
+        self.assertEqual(rc, 2, err)
+        self.assertEqual(out, '')
+        self.assertIn('Bluetooth is off or no adapter was found', err)
+        self.assertIn('bluetoothd is not running', err)
+
+
+class ScanDenied(h.LumerixTestCase):
+    bus_policy = h.DENY_BLUEZ
+
+    def test_access_denied(self):
+        rc, out, err = self.run_lumerix('--scan', '5', '--json')
+        self.assertEqual(rc, 2, err)
+        self.assertEqual(out, '')
+        self.assertIn('Bluetooth is off or no adapter was found: state 3, unauthorized', err)
+
+
+class ScanDeniedDiscovery(h.LumerixTestCase):
+    bus_policy = h.DENY_BLUEZ_DISCOVERY
+
+    def test_discovery_denied(self):
+        self.bluez.add_adapter()
+        rc, out, err = self.run_lumerix('--scan', '5', '--json')
+        self.assertEqual(rc, 2, err)
+        self.assertEqual(out, '')
+        self.assertIn('state 3, unauthorized', err)
+
+
+if __name__ == '__main__':
+    h.main()
