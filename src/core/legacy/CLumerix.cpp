@@ -90,15 +90,24 @@ void CLumerix::armAliveCheck() {
 }
 
 // The reader was a thread that slept 8 seconds between turns; here each turn is a task on the
-// reader queue that schedules the next one, so tests drive it on virtual time.
+// reader queue that schedules the next one, so tests drive it on virtual time. The turn itself
+// runs on the central's queue: the central is called from there only, and the alive check cannot
+// fall between taking a beacon off the wait list and making it the current one.
 void CLumerix::armReader() {
     if (!env_.readerQueue) return;
     std::weak_ptr<CLumerix> weak = weak_from_this();
     TaskHandle h = env_.readerQueue->after(kReaderIntervalSeconds * 1000.0, [weak] {
-        if (auto self = weak.lock()) {
+        auto self = weak.lock();
+        if (!self) return;
+        DispatchQueue* queue = self->env_.queue;
+        if (queue && queue != self->env_.readerQueue) {
+            queue->async([weak] {
+                if (auto s = weak.lock()) s->GetSharvaneDataThread();
+            });
+        } else {
             self->GetSharvaneDataThread();
-            self->armReader();
         }
+        self->armReader();
     });
     std::lock_guard lock(mutex_);
     readerTimer_ = std::move(h);
@@ -163,7 +172,8 @@ void CLumerix::OnConnectTimerOut() {
     std::lock_guard lock(mutex_);
     connectTimer_.reset();
     if (m_pCurrentConnectPeripheral)
-        Log::logf("CLumerix connect timeout %s\n", utf8(m_pCurrentConnectPeripheral->identifier()).constData());
+        Log::logf("CLumerix connect timeout %s\n",
+                  utf8(m_pCurrentConnectPeripheral->identifier()).constData());
     DisconnectLocked();
 }
 
@@ -174,11 +184,21 @@ void CLumerix::centralManagerDidUpdateState(int state) {
             // Every sighting counts: the alive check drops beacons not heard for 20 seconds.
             if (cbCM_) cbCM_->scanForPeripherals(true);
             break;
-        case BleStatePoweredOff: Log::logf("CoreBluetooth BLE hardware is powered off"); break;
-        case BleStateResetting: Log::logf("CoreBluetooth BLE hardware is resetting"); break;
-        case BleStateUnauthorized: Log::logf("CoreBluetooth BLE state is unauthorized"); break;
-        case BleStateUnsupported: Log::logf("CoreBluetooth BLE hardware is unsupported on this platform"); break;
-        default: Log::logf("CoreBluetooth BLE state is unknown"); break;
+        case BleStatePoweredOff:
+            Log::logf("CoreBluetooth BLE hardware is powered off");
+            break;
+        case BleStateResetting:
+            Log::logf("CoreBluetooth BLE hardware is resetting");
+            break;
+        case BleStateUnauthorized:
+            Log::logf("CoreBluetooth BLE state is unauthorized");
+            break;
+        case BleStateUnsupported:
+            Log::logf("CoreBluetooth BLE hardware is unsupported on this platform");
+            break;
+        default:
+            Log::logf("CoreBluetooth BLE state is unknown");
+            break;
     }
 }
 
@@ -210,8 +230,9 @@ void CLumerix::centralManagerDidConnectPeripheral(const BlePeripheralRef& periph
 
 void CLumerix::centralManagerDidFailToConnectPeripheral(const BlePeripheralRef&,
                                                         const std::optional<BleError>& error) {
-    Log::logf("Connection failed code [%ld] domain %s\nErr : %s\n", static_cast<long>(error ? error->code : 0),
-              "BleErrorDomain", error ? utf8(error->description).constData() : "(null)");
+    Log::logf("Connection failed code [%ld] domain %s\nErr : %s\n",
+              static_cast<long>(error ? error->code : 0), "BleErrorDomain",
+              error ? utf8(error->description).constData() : "(null)");
 }
 
 void CLumerix::centralManagerDidDisconnectPeripheral(const BlePeripheralRef& peripheral,
@@ -234,7 +255,8 @@ void CLumerix::peripheralDidDiscoverCharacteristicsForService(BlePeripheral& per
     for (const BleCharacteristicRef& c : service->characteristics()) {
         if (!c) continue;
         const QByteArray b = c->uuid().bytes();
-        if (b.size() >= 2 && static_cast<uint8_t>(b[0]) == 0x58 && (static_cast<uint8_t>(b[1]) & 0xF0) == 0x80)
+        if (b.size() >= 2 && static_cast<uint8_t>(b[0]) == 0x58 &&
+            (static_cast<uint8_t>(b[1]) & 0xF0) == 0x80)
             peripheral.readValueForCharacteristic(c);
     }
 }
@@ -256,7 +278,8 @@ void CLumerix::peripheralDidUpdateValueForCharacteristic(BlePeripheral& peripher
     Log::logf("characteristic %02x%02x %s\n", b0, b1, value.constData());
 
     std::lock_guard lock(mutex_);
-    if (!m_pCurrentConnectPeripheral || m_pCurrentConnectPeripheral->identifier() != peripheral.identifier()) {
+    if (!m_pCurrentConnectPeripheral ||
+        m_pCurrentConnectPeripheral->identifier() != peripheral.identifier()) {
         Log::logf("CLumerix ignores a value of %s, which is not being read\n",
                   utf8(peripheral.identifier()).constData());
         return;
@@ -270,7 +293,8 @@ void CLumerix::peripheralDidUpdateValueForCharacteristic(BlePeripheral& peripher
         m_pDictCollectData.insert(kEncrypt, (at(0) & 0x0F) ? QStringLiteral("YES") : QStringLiteral("NO"));
         for (int i = 0; i < 5; ++i) {
             const uint8_t raw = at(2 + i);
-            m_pDictCollectData.insert(kLengthKeys[i], static_cast<int>(inverted ? static_cast<uint8_t>(~raw) : raw));
+            m_pDictCollectData.insert(kLengthKeys[i],
+                                      static_cast<int>(inverted ? static_cast<uint8_t>(~raw) : raw));
         }
         return;
     }

@@ -5,8 +5,8 @@
 // complete alternative reader.
 //
 // Threads: the central's callbacks and the two timers (8-second connect time-out, 6-second alive
-// check) run on `queue`; the reader runs on `readerQueue`. Reader state is guarded by one lock and
-// the wait list by its own.
+// check) run on `queue`; the 8-second reader cycle is timed on `readerQueue` and hands each turn to
+// `queue`. Reader state is guarded by one lock and the wait list by its own.
 #include <QByteArray>
 #include <QList>
 #include <QString>
@@ -26,7 +26,7 @@ struct CLumerixEnvironment {
     std::shared_ptr<Clock> clock = systemClock();
     // Central callbacks and timers; must outlive the reader.
     DispatchQueue* queue = nullptr;
-    // The periodic reader; must outlive the reader.
+    // Times the periodic reader; must outlive the reader.
     DispatchQueue* readerQueue = nullptr;
     BleCentralFactory makeCentral;
 };
@@ -58,25 +58,28 @@ public:
     void OnConnectTimerOut();
     void ParsecollectData();
     void CheckLumerixAlivedTimer();
-    // One turn of the reader: take the first waiting beacon and read it.
+    // One turn of the reader: disconnect, take the first waiting beacon and connect to it.
     void GetSharvaneDataThread();
 
     // BleCentralDelegate.
     void centralManagerDidUpdateState(int state) override;
     void centralManagerDidDiscoverPeripheral(const BlePeripheralRef& peripheral,
-                                            const AdvertisementData& advertisementData, double rssi) override;
+                                             const AdvertisementData& advertisementData,
+                                             double rssi) override;
     void centralManagerDidConnectPeripheral(const BlePeripheralRef& peripheral) override;
     void centralManagerDidFailToConnectPeripheral(const BlePeripheralRef& peripheral,
-                                                 const std::optional<BleError>& error) override;
-    void centralManagerDidDisconnectPeripheral(const BlePeripheralRef& peripheral,
-                                              const std::optional<BleError>& error) override;
-    // BlePeripheralDelegate.
-    void peripheralDidDiscoverServices(BlePeripheral& peripheral, const std::optional<BleError>& error) override;
-    void peripheralDidDiscoverCharacteristicsForService(BlePeripheral& peripheral, const BleServiceRef& service,
-                                                       const std::optional<BleError>& error) override;
-    void peripheralDidUpdateValueForCharacteristic(BlePeripheral& peripheral,
-                                                  const BleCharacteristicRef& characteristic,
                                                   const std::optional<BleError>& error) override;
+    void centralManagerDidDisconnectPeripheral(const BlePeripheralRef& peripheral,
+                                               const std::optional<BleError>& error) override;
+    // BlePeripheralDelegate.
+    void peripheralDidDiscoverServices(BlePeripheral& peripheral,
+                                       const std::optional<BleError>& error) override;
+    void peripheralDidDiscoverCharacteristicsForService(BlePeripheral& peripheral,
+                                                        const BleServiceRef& service,
+                                                        const std::optional<BleError>& error) override;
+    void peripheralDidUpdateValueForCharacteristic(BlePeripheral& peripheral,
+                                                   const BleCharacteristicRef& characteristic,
+                                                   const std::optional<BleError>& error) override;
 
     // Snapshots for diagnostics and tests.
     QList<std::shared_ptr<SharvaneInfo>> lookupTable() const;

@@ -16,7 +16,7 @@ AesResult aes128EcbDecrypt(const uint8_t* key16, const uint8_t* in, size_t inLen
     if (inLength > static_cast<size_t>(INT_MAX)) return {AesStatus::ParamError, 0};
 
     std::unique_ptr<EVP_CIPHER_CTX, decltype(&EVP_CIPHER_CTX_free)> ctx(EVP_CIPHER_CTX_new(),
-                                                                          &EVP_CIPHER_CTX_free);
+                                                                        &EVP_CIPHER_CTX_free);
     if (!ctx) return {AesStatus::CryptoError, 0};
     if (EVP_DecryptInit_ex(ctx.get(), EVP_aes_128_ecb(), nullptr, key16, nullptr) != 1 ||
         EVP_CIPHER_CTX_set_padding(ctx.get(), 0) != 1)
@@ -32,11 +32,16 @@ AesResult aes128EcbDecrypt(const uint8_t* key16, const uint8_t* in, size_t inLen
 
 const char* aesStatusName(AesStatus status) {
     switch (status) {
-        case AesStatus::Success: return "success";
-        case AesStatus::ParamError: return "parameter error";
-        case AesStatus::BufferTooSmall: return "buffer too small";
-        case AesStatus::AlignmentError: return "length not a multiple of the block size";
-        case AesStatus::CryptoError: return "crypto library failure";
+        case AesStatus::Success:
+            return "success";
+        case AesStatus::ParamError:
+            return "parameter error";
+        case AesStatus::BufferTooSmall:
+            return "buffer too small";
+        case AesStatus::AlignmentError:
+            return "length not a multiple of the block size";
+        case AesStatus::CryptoError:
+            return "crypto library failure";
     }
     return "unknown";
 }

@@ -15,10 +15,12 @@ namespace lumerix {
 namespace {
 
 constexpr const char* kDidConnect = "-[QVLumerixHandler centralManager:didConnectPeripheral:]";
-constexpr const char* kDidFailToConnect = "-[QVLumerixHandler centralManager:didFailToConnectPeripheral:error:]";
+constexpr const char* kDidFailToConnect =
+    "-[QVLumerixHandler centralManager:didFailToConnectPeripheral:error:]";
 constexpr const char* kDidDisconnect = "-[QVLumerixHandler centralManager:didDisconnectPeripheral:error:]";
 constexpr const char* kDidDiscoverServices = "-[QVLumerixHandler peripheral:didDiscoverServices:]";
-constexpr const char* kDidUpdateValue = "-[QVLumerixHandler peripheral:didUpdateValueForCharacteristic:error:]";
+constexpr const char* kDidUpdateValue =
+    "-[QVLumerixHandler peripheral:didUpdateValueForCharacteristic:error:]";
 constexpr const char* kDecryptData = "-[QVLumerixHandler decrytLumerixData:]";
 
 constexpr size_t kOutputArea = 256;
@@ -53,7 +55,8 @@ constexpr FieldSlot kFields[] = {
     {"WiFiKey", offsetof(LumerixStruct, WiFiKey), &LumerixHeaderStruct::LengthOfWiFiPW},
     {"ReceiverIP", offsetof(LumerixStruct, ReceiverIP), &LumerixHeaderStruct::LengthOfIP},
     {"ReceiverName", offsetof(LumerixStruct, ReceiverName), &LumerixHeaderStruct::LengthOfReceiverName},
-    {"ReceiverLoginCode", offsetof(LumerixStruct, ReceiverLoginCode), &LumerixHeaderStruct::LengthOfLogincode},
+    {"ReceiverLoginCode", offsetof(LumerixStruct, ReceiverLoginCode),
+     &LumerixHeaderStruct::LengthOfLogincode},
 };
 
 }  // namespace
@@ -67,7 +70,8 @@ void QVLumerixHandler::centralManagerDidConnectPeripheral(const BlePeripheralRef
     peripheral->discoverServices();
     if (!item) {
         // A peripheral connected after its item left the table: there is nobody to report it for.
-        Log::logf("%s: no item for %s, status not reported", kDidConnect, utf8(peripheral->identifier()).constData());
+        Log::logf("%s: no item for %s, status not reported", kDidConnect,
+                  utf8(peripheral->identifier()).constData());
         return;
     }
     triggerItem(item, LumerixItemConnected);
@@ -106,7 +110,8 @@ void QVLumerixHandler::peripheralDidReadRSSI(BlePeripheral& peripheral, double r
     if (QVLumerixItemRef item = getItemByUUID(peripheral.identifier())) item->discoveredRssi(rssi);
 }
 
-void QVLumerixHandler::peripheralDidDiscoverServices(BlePeripheral& peripheral, const std::optional<BleError>&) {
+void QVLumerixHandler::peripheralDidDiscoverServices(BlePeripheral& peripheral,
+                                                     const std::optional<BleError>&) {
     BleServiceRef chosen;
     for (const BleServiceRef& service : peripheral.services()) {
         if (service && isReceiverService(service->uuid())) {
@@ -155,7 +160,8 @@ void QVLumerixHandler::peripheralDidUpdateValueForCharacteristic(BlePeripheral& 
     BlePeripheralRef peerPeripheral = peer ? peer->peripheral() : nullptr;
     if (!peerPeripheral ||
         peerPeripheral->identifier().compare(peripheral.identifier(), Qt::CaseInsensitive) != 0) {
-        Log::logf("Warn: No connected device but is updating device: %s", utf8(peripheral.name()).constData());
+        Log::logf("Warn: No connected device but is updating device: %s",
+                  utf8(peripheral.name()).constData());
     }
 
     const QByteArray value = characteristic->value();

@@ -21,7 +21,8 @@ bool QVLumerixItem::updateCharacteristic(const BleCharacteristic& characteristic
             // Only the characteristic just received decides: number LastDataIndex completes the set.
             const QByteArray& b = uuid.bytes();
             const int second = b.size() > 1 ? static_cast<uint8_t>(b[1]) : 0;
-            complete = static_cast<uint32_t>(second - 0x85) == static_cast<uint32_t>(lumerixHeader_.LastDataIndex);
+            complete =
+                static_cast<uint32_t>(second - 0x85) == static_cast<uint32_t>(lumerixHeader_.LastDataIndex);
             hasAllCharacteristics_ = complete ? 1 : 0;
         }
     }

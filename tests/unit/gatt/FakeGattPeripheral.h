@@ -1,6 +1,8 @@
 #pragma once
 // In-process central and peripherals that serve GATT services and characteristics. Every answer
 // is posted to the central's queue, as a real central reports, so tests run on virtual time.
+// Peripheral answers take latencyMs, like a radio round trip; that also keeps a request loop
+// (asking for services again and again) from spinning within one instant.
 #include <QByteArray>
 #include <QString>
 #include <map>
@@ -57,7 +59,6 @@ public:
     QString identifier() const override { return identifier_; }
     QString name() const override { return name_; }
     void setDelegate(BlePeripheralDelegate* d) override { delegate_ = d; }
-    BlePeripheralDelegate* delegate() const { return delegate_; }
 
     void readRSSI() override {
         post([this] {
@@ -79,7 +80,8 @@ public:
         auto fake = std::static_pointer_cast<FakeService>(service);
         post([this, fake] {
             fake->markDiscovered();
-            if (delegate_) delegate_->peripheralDidDiscoverCharacteristicsForService(*this, fake, std::nullopt);
+            if (delegate_)
+                delegate_->peripheralDidDiscoverCharacteristicsForService(*this, fake, std::nullopt);
         });
     }
     void readValueForCharacteristic(const BleCharacteristicRef& c) override {
@@ -104,9 +106,10 @@ public:
     std::vector<QString> reads;
     // Connecting succeeds (else nothing answers, as with a receiver out of reach).
     bool answersConnect = true;
+    double latencyMs = 10;
 
 private:
-    void post(std::function<void()> f) { queue_->async(std::move(f)); }
+    void post(std::function<void()> f) { queue_->after(latencyMs, std::move(f)); }
 
     QString identifier_;
     QString name_;
@@ -124,10 +127,7 @@ public:
     }
 
     int state() const override { return state_; }
-    void scanForPeripherals(bool allowDuplicates) override {
-        ++scanCalls;
-        scanAllowsDuplicates = allowDuplicates;
-    }
+    void scanForPeripherals(bool) override { ++scanCalls; }
     void stopScan() override { ++stopScanCalls; }
     void connectPeripheral(const BlePeripheralRef& p) override {
         connects.push_back(p->identifier());
@@ -156,13 +156,12 @@ public:
     void advertise(const BlePeripheralRef& p, const QString& localName, double rssi) {
         AdvertisementData data;
         data.localName = localName;
-        queue_->async([this, p, data, rssi] { delegate_->centralManagerDidDiscoverPeripheral(p, data, rssi); });
+        queue_->async(
+            [this, p, data, rssi] { delegate_->centralManagerDidDiscoverPeripheral(p, data, rssi); });
     }
-    bool isConnected(const QString& id) { return connected_[id]; }
 
     int scanCalls = 0;
     int stopScanCalls = 0;
-    bool scanAllowsDuplicates = false;
     std::vector<QString> connects;
     std::vector<QString> cancels;
 

@@ -19,7 +19,8 @@ inline QByteArray aesEcbEncrypt(const QByteArray& plain, const uint8_t* key = kL
     EVP_EncryptInit_ex(ctx, EVP_aes_128_ecb(), nullptr, key, nullptr);
     EVP_CIPHER_CTX_set_padding(ctx, 0);
     EVP_EncryptUpdate(ctx, reinterpret_cast<unsigned char*>(out.data()), &n,
-                      reinterpret_cast<const unsigned char*>(plain.constData()), static_cast<int>(plain.size()));
+                      reinterpret_cast<const unsigned char*>(plain.constData()),
+                      static_cast<int>(plain.size()));
     EVP_EncryptFinal_ex(ctx, reinterpret_cast<unsigned char*>(out.data()) + n, &tail);
     EVP_CIPHER_CTX_free(ctx);
     return out;

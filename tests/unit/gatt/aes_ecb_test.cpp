@@ -22,7 +22,8 @@ TEST(AesEcb, DecryptsTheFips197Aes128Vector) {
     const AesResult r = aes128EcbDecrypt(u8(key), u8(cipher), 16, out, sizeof out);
     EXPECT_EQ(r.status, AesStatus::Success);
     EXPECT_EQ(r.dataOutMoved, 16u);
-    EXPECT_EQ(QByteArray(reinterpret_cast<char*>(out), 16).toHex(), QByteArray("00112233445566778899aabbccddeeff"));
+    EXPECT_EQ(QByteArray(reinterpret_cast<char*>(out), 16).toHex(),
+              QByteArray("00112233445566778899aabbccddeeff"));
 }
 
 // The openssl command line is an independent implementation of the same cipher.
@@ -47,7 +48,8 @@ TEST(AesEcb, MatchesOpensslCommandLineWithTheReceiverKey) {
     ASSERT_EQ(cipher.size(), plain.size());
 
     uint8_t out[256] = {};
-    const AesResult r = aes128EcbDecrypt(kLumerixConnectionInfoKey, u8(cipher), cipher.size(), out, sizeof out);
+    const AesResult r =
+        aes128EcbDecrypt(kLumerixConnectionInfoKey, u8(cipher), cipher.size(), out, sizeof out);
     EXPECT_EQ(r.status, AesStatus::Success);
     EXPECT_EQ(QByteArray(reinterpret_cast<char*>(out), plain.size()), plain);
     EXPECT_EQ(test::aesEcbEncrypt(plain), cipher);  // the tests' own encryptor agrees
