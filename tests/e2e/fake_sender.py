@@ -49,28 +49,38 @@ def record(out, via, data):
         f.write(line + '\n')
 
 
+def ask(port):
+    """One request on the command listener; the reply bytes (None when nobody listens)."""
+    try:
+        with socket.create_connection(('127.0.0.1', port), timeout=2) as s:
+            s.sendall(REQUEST)
+            data = b''
+            # The listener keeps the connection open after answering: stop at a whole reply.
+            while True:
+                try:
+                    chunk = s.recv(1024)
+                except socket.timeout:
+                    break
+                if not chunk:
+                    break
+                data += chunk
+                if data == b'\0' or (len(data) >= 5 and len(data) >= (data[3] | data[4] << 8) + 2):
+                    break
+            return data
+    except OSError:
+        return None
+
+
 def fetch(port, out, deadline):
-    # The tray may still be starting its listener: retry until the deadline.
+    # The tray may still be starting its listener, or not yet have parked the receiver (it does so
+    # once the launch command returns): ask again until there is an answer other than "nothing".
+    reply = None
     while time.monotonic() < deadline:
-        try:
-            with socket.create_connection(('127.0.0.1', port), timeout=2) as s:
-                s.sendall(REQUEST)
-                data = b''
-                # The listener keeps the connection open after answering: stop at a whole frame.
-                while True:
-                    try:
-                        chunk = s.recv(1024)
-                    except socket.timeout:
-                        break
-                    if not chunk:
-                        break
-                    data += chunk
-                    if len(data) == 1 or (len(data) >= 5 and len(data) >= (data[3] | data[4] << 8) + 2):
-                        break
-                record(out, 'fetch', data)
-                return
-        except OSError:
-            time.sleep(0.1)
+        reply = ask(port)
+        if reply not in (None, b'\0'):
+            break
+        time.sleep(0.1)
+    record(out, 'fetch', reply or b'')
 
 
 def listen(port, out, deadline, ready):

@@ -239,7 +239,7 @@ class TrayTest(TrayCase):
         menu.click('Room C')
         frames = wait_for(self.frames_received, 15, 'a frame on the sender port')
         self.assertEqual(frames[0]['via'], 'listen')
-        self.assertEqual(frames[0]['fields'], ['10.0.0.7', 'Room C', '9901', 'Room C', ''])
+        self.assertEqual(frames[0]['fields'], ['10.0.0.7', 'Room C', '9901', 'Room C', ''], frames[0]['hex'])
         # The frame goes out without its final end byte.
         self.assertTrue(frames[0]['hex'].endswith('02'), frames[0]['hex'])
 
@@ -261,7 +261,7 @@ class TrayTest(TrayCase):
         menu.click('Room B')
         frames = wait_for(self.frames_received, 20, 'the launched sender to fetch its receiver')
         self.assertEqual(frames[0]['via'], 'fetch')
-        self.assertEqual(frames[0]['fields'], ['10.0.0.6', 'Room B', '5607', 'Room B', ''])
+        self.assertEqual(frames[0]['fields'], ['10.0.0.6', 'Room B', '5607', 'Room B', ''], frames[0]['hex'])
 
     def test_sleep_stops_scanning_wake_restarts_it_and_sigterm_saves(self):
         self.seed_reference_table([{'Device': 'Lab', 'Note': 'kept as is'}])
