@@ -1,10 +1,92 @@
 #include "app/TrayApp.h"
 
-#include <cstdio>
+#include <QApplication>
+#include <QDBusConnection>
+#include <QStringList>
+
+#include "app/HeadlessSession.h"
+#include "app/ProductionEnvironment.h"
+#include "app/QtShellApplication.h"
+#include "app/QtStatusItem.h"
+#include "app/UnixSignalWatcher.h"
+#include "dispatch/QtQueues.h"
+#include "log/Log.h"
+#include "platform/linux/BluezPowerCheck.h"
+#include "platform/linux/LogindWorkspace.h"
+#include "shell/AppDelegate.h"
+#include "shell/PathManager.h"
+
+#ifndef LUMERIX_VERSION
+#define LUMERIX_VERSION "0"
+#endif
 
 namespace lumerix {
-int runTrayApp(int, char**) {
-    std::fputs("lumerix: the tray is not available yet\n", stderr);
-    return 2;
+
+namespace {
+
+constexpr const char* kMainQueueLabel = "com.zemko.Lumerix.main";
+
+// Arguments Qt has not taken itself: --demo, and anything else is logged and ignored.
+bool parseDemo(const QStringList& arguments) {
+    bool demo = false;
+    for (qsizetype i = 1; i < arguments.size(); ++i) {
+        if (arguments.at(i) == QLatin1String("--demo")) {
+            demo = true;
+        } else {
+            Log::logf("Ignoring unknown argument %s", arguments.at(i).toUtf8().constData());
+        }
+    }
+    return demo;
 }
+
+}  // namespace
+
+int runTrayApp(int argc, char** argv) {
+    HeadlessSession::installLogSink();
+
+    QApplication app(argc, argv);
+    QApplication::setApplicationName(QStringLiteral("Lumerix"));
+    QApplication::setApplicationVersion(QStringLiteral(LUMERIX_VERSION));
+    QApplication::setDesktopFileName(QStringLiteral("lumerix"));
+    // The program lives in the tray: closing the About box or an alert must not end it.
+    QApplication::setQuitOnLastWindowClosed(false);
+    const bool demo = parseDemo(QApplication::arguments());
+
+    QtEventQueue mainQueue(kMainQueueLabel, &app);
+    HandlerEnvironment handlerEnv = makeProductionEnvironment(&mainQueue, demo);
+    auto application = std::make_shared<QtShellApplication>();
+
+    ShellEnvironment env;
+    env.clock = handlerEnv.clock;
+    env.mainQueue = &mainQueue;
+    env.makeHandler = makeHandlerFactory(handlerEnv);
+    env.statusBar = QtStatusBar::makeStatusBar(PathManager::GetResourcePath());
+    env.application = application;
+    env.workspace = std::make_shared<LogindWorkspace>(QDBusConnection::systemBus());
+    if (demo) {
+        // The simulated receivers need no adapter.
+        env.bluetoothPowered = [] { return true; };
+    } else {
+        env.bluetoothPowered = [] {
+            return BluezPowerCheck::InitBlueToothDevice(QDBusConnection::systemBus());
+        };
+    }
+
+    AppDelegate delegate(std::move(env));
+    application->setWillTerminate([&delegate] { delegate.applicationWillTerminate(); });
+    UnixSignalWatcher signals([&application](int signal) {
+        Log::logf("Signal %d received: quitting", signal);
+        application->terminate();
+    });
+
+    delegate.awakeFromNib();
+    // Launching finishes from the event loop, as on any desktop: a termination asked for during
+    // launch (Bluetooth off) then runs after the launch sequence, from the same loop.
+    QMetaObject::invokeMethod(
+        &app, [&delegate] { delegate.applicationDidFinishLaunching(); }, Qt::QueuedConnection);
+    const int status = QApplication::exec();
+    application->setWillTerminate(nullptr);
+    return status;
+}
+
 }  // namespace lumerix

@@ -1,0 +1,144 @@
+#include "app/QtStatusItem.h"
+
+#include <QAction>
+#include <QCursor>
+#include <QFileInfo>
+#include <QMenu>
+#include <QSystemTrayIcon>
+
+#include "log/Log.h"
+
+namespace lumerix {
+
+namespace {
+
+QString iconPath(const QString& dir, const QString& name) {
+    return dir + QLatin1Char('/') + name + QStringLiteral(".svg");
+}
+
+// '&' marks a mnemonic in a QAction's text; receiver names are shown as they are.
+QString escapedTitle(const QString& title) {
+    QString text = title;
+    text.replace(QLatin1Char('&'), QStringLiteral("&&"));
+    return text;
+}
+
+// Icons differ by name and by whether they are drawn as a mask.
+QString imageKey(const StatusImage& image) {
+    return image.name() + (image.isTemplate() ? QStringLiteral("/mask") : QStringLiteral("/colour"));
+}
+
+void show(QAction* action, const TrayEntry& entry) {
+    action->setSeparator(entry.separator);
+    action->setText(entry.separator ? QString() : escapedTitle(entry.title));
+}
+
+}  // namespace
+
+QtStatusItem::QtStatusItem(QString resourcesDir)
+    : resourcesDir_(std::move(resourcesDir)),
+      menu_(std::make_unique<QMenu>()),
+      tray_(std::make_unique<QSystemTrayIcon>()),
+      presenter_(*this) {
+    menu_->setTitle(QStringLiteral("Lumerix"));
+    QObject::connect(menu_.get(), &QMenu::aboutToShow, menu_.get(), [this] { menuOpen_ = true; });
+    QObject::connect(menu_.get(), &QMenu::aboutToHide, menu_.get(), [this] { menuOpen_ = false; });
+    QObject::connect(menu_.get(), &QMenu::triggered, menu_.get(),
+                     [this](QAction* action) { activate(action); });
+    tray_->setToolTip(QStringLiteral("Lumerix"));
+    tray_->setContextMenu(menu_.get());
+    // A left click opens the same menu, as a menu-bar item does.
+    QObject::connect(tray_.get(), &QSystemTrayIcon::activated, menu_.get(),
+                     [this](QSystemTrayIcon::ActivationReason reason) {
+                         if (reason == QSystemTrayIcon::Trigger && !menu_->isVisible())
+                             menu_->popup(QCursor::pos());
+                     });
+}
+
+QtStatusItem::~QtStatusItem() {
+    tray_->hide();
+    tray_->setContextMenu(nullptr);
+    tray_.reset();
+}
+
+void QtStatusItem::setImage(const StatusImageRef& image) {
+    const QString key = image ? imageKey(*image) : QString();
+    if (key == shownImage_) return;
+    shownImage_ = key;
+    ++iconUpdates_;
+    tray_->setIcon(image ? iconFor(*image) : QIcon());
+    // Shown with its first icon: an icon-less tray item would be an empty slot.
+    if (image && !tray_->isVisible()) tray_->show();
+}
+
+QIcon QtStatusItem::iconFor(const StatusImage& image) {
+    const QString key = imageKey(image);
+    auto cached = icons_.constFind(key);
+    if (cached != icons_.constEnd()) return *cached;
+    QIcon icon(iconPath(resourcesDir_, image.name()));
+    if (icon.pixmap(22, 22).isNull()) {
+        Log::logf("Tray icon %s could not be loaded from %s", image.name().toUtf8().constData(),
+                  resourcesDir_.toUtf8().constData());
+    }
+    icon.setIsMask(image.isTemplate());
+    icons_.insert(key, icon);
+    return icon;
+}
+
+void QtStatusItem::setMenu(const MenuRef& menu) {
+    if (presenter_.apply(menu)) ++menuUpdates_;
+}
+
+void QtStatusItem::insertEntry(int index, const TrayEntry& entry) {
+    auto* action = new QAction(menu_.get());
+    lumerix::show(action, entry);
+    const QList<QAction*> actions = menu_->actions();
+    menu_->insertAction(index < actions.size() ? actions.at(index) : nullptr, action);
+}
+
+void QtStatusItem::updateEntry(int index, const TrayEntry& entry) {
+    const QList<QAction*> actions = menu_->actions();
+    if (index < actions.size()) lumerix::show(actions.at(index), entry);
+}
+
+void QtStatusItem::removeEntry(int index) {
+    const QList<QAction*> actions = menu_->actions();
+    if (index >= actions.size()) return;
+    QAction* action = actions.at(index);
+    menu_->removeAction(action);
+    // The action may be the one whose click is being handled right now.
+    action->deleteLater();
+}
+
+void QtStatusItem::activate(QObject* action) {
+    const int row = static_cast<int>(menu_->actions().indexOf(static_cast<QAction*>(action)));
+    MenuItemRef item = presenter_.itemAt(row);
+    if (!item) {
+        Log::logf("Tray menu: a click on row %d matches no menu entry", row);
+        return;
+    }
+    if (target_) target_->performMenuAction(item);
+}
+
+std::shared_ptr<QtStatusBar> QtStatusBar::makeStatusBar(const QString& resourcesDir) {
+    if (!QSystemTrayIcon::isSystemTrayAvailable()) {
+        Log::logf("No system tray on this desktop: running without a tray icon");
+        return nullptr;
+    }
+    return std::make_shared<QtStatusBar>(resourcesDir);
+}
+
+StatusItemRef QtStatusBar::statusItemWithLength(double) {
+    return std::make_shared<QtStatusItem>(resourcesDir_);
+}
+
+StatusImageRef QtStatusBar::imageNamed(const QString& name) {
+    if (!QFileInfo::exists(iconPath(resourcesDir_, name))) {
+        Log::logf("Image %s is missing from %s", name.toUtf8().constData(),
+                  resourcesDir_.toUtf8().constData());
+        return nullptr;
+    }
+    return std::make_shared<StatusImage>(name);
+}
+
+}  // namespace lumerix

@@ -1,0 +1,334 @@
+"""The tray utility end to end: the real binary under Xvfb on private buses, BlueZ and logind
+modelled by python3-dbusmock, its menu read and clicked over the exported D-Bus menu, and a
+stand-in sender receiving the frame."""
+import json
+import os
+import plistlib
+import signal
+import subprocess
+import sys
+import threading
+import time
+import unittest
+
+import dbus
+
+import lxharness
+import trayharness
+from trayharness import wait_for
+
+FAKE_SENDER = os.path.join(os.path.dirname(os.path.abspath(__file__)), 'fake_sender.py')
+DEFAULT_REFERENCES = ['Boardroom', 'Training Room']
+FIXED_TAIL = ['---', 'About', 'Exit']
+ROOM_A = ('AA:BB:CC:DD:EE:01', '10.0.0.5', 12, 34, 'Room A')
+ROOM_B = ('AA:BB:CC:DD:EE:02', '10.0.0.6', 56, 7, 'Room B')
+ROOM_C = ('AA:BB:CC:DD:EE:03', '10.0.0.7', 99, 1, 'Room C')
+
+
+class Advertiser:
+    """Re-advertises receivers every 0.3 s, as real ones do, until stopped."""
+
+    def __init__(self, desktop):
+        self.desktop = desktop
+        self.rssi = {}
+        self.lock = threading.Lock()
+        self.stopping = threading.Event()
+        self.thread = threading.Thread(target=self._run, daemon=True)
+        self.thread.start()
+
+    def add(self, receiver, rssi):
+        address, ip, hi, lo, name = receiver
+        record = lxharness.advertisement(ip, hi, lo, name)
+        with self.lock:
+            self.desktop.bluez.add_device(address, 'LX', rssi=rssi, manufacturer=record)
+            self.rssi[address] = rssi
+
+    def set_rssi(self, receiver, rssi):
+        with self.lock:
+            self.rssi[receiver[0]] = rssi
+
+    def _run(self):
+        while not self.stopping.wait(0.3):
+            with self.lock:
+                for address, rssi in self.rssi.items():
+                    try:
+                        # BlueZ reports what changed; the record stays the one the device was added with.
+                        self.desktop.bluez.advertise(address, rssi=rssi)
+                    except dbus.exceptions.DBusException:
+                        return  # the model is going away at the end of a test
+
+    def stop(self):
+        self.stopping.set()
+        self.thread.join(5)
+
+
+class TrayCase(unittest.TestCase):
+    """One private desktop per case; helpers only."""
+    powered = True
+    tray = True
+
+    def setUp(self):
+        self.desktop = trayharness.TrayDesktop(powered=self.powered, tray=self.tray)
+        self.desktop.start()
+        self.addCleanup(self.desktop.stop)
+        self.senders = []
+        self.addCleanup(self._stop_senders)
+        self.frames = os.path.join(self.desktop.root, 'frames.jsonl')
+
+    def _stop_senders(self):
+        for proc in self.senders:
+            if proc.poll() is None:
+                proc.terminate()
+                proc.wait(5)
+
+    # -- helpers --------------------------------------------------------------------------------
+    def start_tray(self, *args):
+        self.program = self.desktop.launch(*args)
+        self.addCleanup(self._dump_log_on_failure)
+        return self.program
+
+    def _dump_log_on_failure(self):
+        # Every case ends with a clean termination, so sanitizer builds report what they found.
+        status = None
+        if self.program.poll() is None:
+            self.program.send_signal(signal.SIGTERM)
+            try:
+                status = self.program.wait(15)
+            except subprocess.TimeoutExpired:
+                self.program.kill()
+                self.program.wait()
+        log = self.desktop.program_log()
+        result = self._outcome.result
+        failed = any(test is self for test, _ in result.errors + result.failures)
+        sanitizer = any(mark in log for mark in ('ERROR: AddressSanitizer', 'ERROR: LeakSanitizer',
+                                                  'runtime error:', 'WARNING: ThreadSanitizer'))
+        # Show the program's own log lines when the case failed.
+        if failed or sanitizer or status or os.environ.get('LUMERIX_E2E_VERBOSE'):
+            sys.stderr.write('--- lumerix log ---\n' + log + '-------------------\n')
+        self.assertFalse(sanitizer, 'the sanitizer reported an error')
+        self.assertIn(status, (None, 0), 'lumerix did not end cleanly on SIGTERM')
+
+    def advertiser(self):
+        advertiser = Advertiser(self.desktop)
+        self.addCleanup(advertiser.stop)
+        return advertiser
+
+    def seed_reference_table(self, entries):
+        path = self.desktop.reference_table_path()
+        os.makedirs(os.path.dirname(path), exist_ok=True)
+        with open(path, 'wb') as f:
+            plistlib.dump(entries, f)
+
+    def wait_for_titles(self, menu, expected, timeout=15):
+        seen = []
+
+        def matches():
+            seen[:] = [menu.titles()]
+            return seen[0] == expected
+
+        try:
+            wait_for(matches, timeout, f'menu {expected}')
+        except AssertionError:
+            self.fail(f'the menu shows {seen[0] if seen else None}, expected {expected}')
+
+    def wait_for_scanning(self, count=1, timeout=10):
+        wait_for(lambda: self.desktop.adapter_calls('StartDiscovery') >= count, timeout,
+                 f'StartDiscovery #{count}')
+
+    def exit_status(self, timeout=15):
+        try:
+            return self.program.wait(timeout)
+        except subprocess.TimeoutExpired:
+            self.fail('lumerix did not end within %ss' % timeout)
+
+    def saved_references(self):
+        with open(self.desktop.reference_table_path(), 'rb') as f:
+            return plistlib.load(f)
+
+    def frames_received(self):
+        if not os.path.exists(self.frames):
+            return []
+        with open(self.frames, encoding='utf-8') as f:
+            return [json.loads(line) for line in f if line.strip()]
+
+    def start_sender(self, *args):
+        ready = os.path.join(self.desktop.root, 'sender.ready')
+        proc = subprocess.Popen(['/usr/bin/python3', FAKE_SENDER, '--out', self.frames, '--ready', ready,
+                                 '--lifetime', '60', *args])
+        self.senders.append(proc)
+        wait_for(lambda: os.path.exists(ready), 10, 'the test sender')
+        return proc
+
+    def stop_launched_senders(self):
+        """Ends the senders that the tray launched for this case (found by their output file)."""
+        for pid in os.listdir('/proc'):
+            if not pid.isdigit():
+                continue
+            try:
+                with open(f'/proc/{pid}/comm', encoding='utf-8') as f:
+                    name = f.read().strip()
+                with open(f'/proc/{pid}/cmdline', 'rb') as f:
+                    cmdline = f.read()
+            except OSError:
+                continue
+            if name == 'Sharvane' and self.frames.encode() in cmdline:
+                os.kill(int(pid), signal.SIGTERM)
+
+
+class TrayTest(TrayCase):
+    def test_menu_orders_receivers_and_exit_saves_the_reference_table(self):
+        self.start_tray()
+        menu = self.desktop.tray_menu()
+        self.wait_for_titles(menu, DEFAULT_REFERENCES + FIXED_TAIL)
+        self.wait_for_scanning()
+        idle_icon = self.desktop.tray_item_property('IconPixmap')
+
+        ads = self.advertiser()
+        ads.add(ROOM_A, -70)
+        ads.add(ROOM_B, -50)
+        self.wait_for_titles(menu, ['Room B', 'Room A'] + DEFAULT_REFERENCES + FIXED_TAIL)
+        # Receivers listed: the normal icon replaces the disabled one.
+        self.assertNotEqual(self.desktop.tray_item_property('IconPixmap'), idle_icon)
+        ads.set_rssi(ROOM_A, -40)
+        self.wait_for_titles(menu, ['Room A', 'Room B'] + DEFAULT_REFERENCES + FIXED_TAIL)
+
+        # The About box does not hold up the menu.
+        menu.click('About')
+        time.sleep(0.5)
+        self.assertIsNone(self.program.poll())
+        menu.click('Exit')
+        self.assertEqual(self.exit_status(), 0)
+        # The first run copies the default list into the saved table.
+        saved = self.saved_references()
+        self.assertEqual([entry['Device'] for entry in saved], DEFAULT_REFERENCES)
+        self.assertEqual(saved[0]['IP'], '192.168.10.20')
+
+    def test_unchanged_advertisements_do_not_touch_the_menu(self):
+        self.seed_reference_table([])
+        self.start_tray()
+        menu = self.desktop.tray_menu()
+        self.wait_for_scanning()
+        ads = self.advertiser()
+        ads.add(ROOM_A, -60)
+        ads.add(ROOM_B, -45)
+        self.wait_for_titles(menu, ['Room B', 'Room A'] + FIXED_TAIL)
+        updates = self.desktop.watch_menu_updates()
+        # ~8 advertisements per receiver, each rebuilding the shell's menu model.
+        time.sleep(2.5)
+        self.assertEqual(menu.titles(), ['Room B', 'Room A'] + FIXED_TAIL)
+        self.assertEqual(updates(), 0)
+        # A visible change does reach the desktop, once.
+        ads.set_rssi(ROOM_A, -30)
+        self.wait_for_titles(menu, ['Room A', 'Room B'] + FIXED_TAIL)
+        time.sleep(1)
+        self.assertGreater(updates(), 0)
+        self.assertLessEqual(updates(), 2)
+
+    def test_choosing_a_receiver_sends_it_to_the_running_sender(self):
+        # An empty saved table: the receiver rows are the only connect entries.
+        self.seed_reference_table([])
+        self.start_sender('--listen', '19314')
+        self.start_tray()
+        menu = self.desktop.tray_menu()
+        self.wait_for_scanning()
+        ads = self.advertiser()
+        ads.add(ROOM_A, -55)
+        ads.add(ROOM_C, -65)
+        self.wait_for_titles(menu, ['Room A', 'Room C'] + FIXED_TAIL)
+
+        menu.click('Room C')
+        frames = wait_for(self.frames_received, 15, 'a frame on the sender port')
+        self.assertEqual(frames[0]['via'], 'listen')
+        self.assertEqual(frames[0]['fields'], ['10.0.0.7', 'Room C', '9901', 'Room C', ''], frames[0]['hex'])
+        # The frame goes out without its final end byte.
+        self.assertTrue(frames[0]['hex'].endswith('02'), frames[0]['hex'])
+
+    def test_choosing_a_receiver_launches_the_sender_which_fetches_it(self):
+        self.seed_reference_table([])
+        self.addCleanup(self.stop_launched_senders)
+        applications = os.path.join(self.desktop.data_home, 'applications')
+        os.makedirs(applications)
+        with open(os.path.join(applications, 'com.Sharvane.Ondrel.desktop'), 'w', encoding='utf-8') as f:
+            f.write('[Desktop Entry]\nType=Application\nName=Test sender\n'
+                    f'Exec=/usr/bin/python3 {FAKE_SENDER} --out {self.frames} --fetch 19319 --lifetime 20\n')
+        self.start_tray()
+        menu = self.desktop.tray_menu()
+        self.wait_for_scanning()
+        ads = self.advertiser()
+        ads.add(ROOM_B, -50)
+        self.wait_for_titles(menu, ['Room B'] + FIXED_TAIL)
+
+        menu.click('Room B')
+        frames = wait_for(self.frames_received, 20, 'the launched sender to fetch its receiver')
+        self.assertEqual(frames[0]['via'], 'fetch')
+        self.assertEqual(frames[0]['fields'], ['10.0.0.6', 'Room B', '5607', 'Room B', ''], frames[0]['hex'])
+
+    def test_sleep_stops_scanning_wake_restarts_it_and_sigterm_saves(self):
+        self.seed_reference_table([{'Device': 'Lab', 'Note': 'kept as is'}])
+        self.start_tray()
+        menu = self.desktop.tray_menu()
+        self.wait_for_scanning()
+        ads = self.advertiser()
+        ads.add(ROOM_A, -60)
+        self.wait_for_titles(menu, ['Room A', 'Lab'] + FIXED_TAIL)
+
+        stops = self.desktop.adapter_calls('StopDiscovery')
+        starts = self.desktop.adapter_calls('StartDiscovery')
+        self.desktop.prepare_for_sleep(True)
+        wait_for(lambda: self.desktop.adapter_calls('StopDiscovery') > stops, 10, 'StopDiscovery on sleep')
+        self.desktop.prepare_for_sleep(False)
+        wait_for(lambda: self.desktop.adapter_calls('StartDiscovery') > starts, 10, 'StartDiscovery on wake')
+        # The list survives the night (aging alone removes receivers).
+        self.assertEqual(menu.titles(), ['Room A', 'Lab'] + FIXED_TAIL)
+
+        self.program.send_signal(signal.SIGTERM)
+        self.assertEqual(self.exit_status(), 0)
+        self.assertEqual(self.saved_references(), [{'Device': 'Lab', 'Note': 'kept as is'}])
+
+
+class InstalledTrayTest(TrayCase):
+    def test_installed_binary_finds_its_resources_and_shows_the_demo(self):
+        prefix = os.path.join(self.desktop.root, 'prefix')
+        subprocess.run(['cmake', '--install', os.environ['LUMERIX_BUILD_DIR'], '--prefix', prefix],
+                       check=True, stdout=subprocess.DEVNULL, timeout=60)
+        for installed in ('share/lumerix/DefaultReferenceTable.plist', 'share/lumerix/Normal_Icon.svg',
+                          'share/lumerix/Normal_Disable_Icon.svg', 'share/applications/lumerix.desktop'):
+            self.assertTrue(os.path.exists(os.path.join(prefix, installed)), installed)
+        self.program = self.desktop.launch('--demo', binary=os.path.join(prefix, 'bin', 'lumerix'))
+        self.addCleanup(self._dump_log_on_failure)
+        menu = self.desktop.tray_menu()
+        # Simulated receivers above the default references read from <prefix>/share/lumerix.
+        wait_for(lambda: len(menu.titles()) > 5 and menu.titles()[-5:] == DEFAULT_REFERENCES + FIXED_TAIL,
+                 15, 'simulated receivers above the reference entries')
+        self.assertNotIn('could not be loaded', self.desktop.program_log())
+        menu.click('Exit')
+        self.assertEqual(self.exit_status(), 0)
+
+
+class BluetoothOffTest(TrayCase):
+    powered = False
+
+    def test_alert_then_termination_still_saves(self):
+        self.start_tray()
+        wait_for(lambda: 'is not powered on' in self.desktop.program_log(), 10, 'the Bluetooth check to fail')
+        # The alert waits for the user; a SIGTERM closes it and ends the program cleanly.
+        self.program.send_signal(signal.SIGTERM)
+        self.assertEqual(self.exit_status(), 0)
+        self.assertEqual([e['Device'] for e in self.saved_references()], DEFAULT_REFERENCES)
+
+
+class NoTrayTest(TrayCase):
+    tray = False
+
+    def test_runs_on_without_a_tray_and_still_saves(self):
+        self.start_tray()
+        wait_for(lambda: 'No system tray on this desktop' in self.desktop.program_log(), 10, 'the no-tray line')
+        self.wait_for_scanning()
+        self.assertIsNone(self.program.poll())
+        self.program.send_signal(signal.SIGTERM)
+        self.assertEqual(self.exit_status(), 0)
+        self.assertEqual([e['Device'] for e in self.saved_references()], DEFAULT_REFERENCES)
+
+
+if __name__ == '__main__':
+    lxharness.main()

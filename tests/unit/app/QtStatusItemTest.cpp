@@ -1,0 +1,140 @@
+#include "app/QtStatusItem.h"
+
+#include <gtest/gtest.h>
+
+#include <QAction>
+#include <QApplication>
+#include <QDir>
+#include <QMenu>
+#include <QSystemTrayIcon>
+
+namespace lumerix {
+namespace {
+
+// The shipped icons, beside the fixtures folder in the source tree.
+const QString kResources = QDir::cleanPath(QStringLiteral(LUMERIX_TEST_FIXTURES "/../../src/app/resources"));
+
+class RecordingTarget final : public MenuActionTarget {
+public:
+    void performMenuAction(const MenuItemRef& item) override { chosen.push_back(item); }
+    std::vector<MenuItemRef> chosen;
+};
+
+MenuRef menuOf(const QStringList& titles) {
+    auto menu = std::make_shared<Menu>(QStringLiteral("Lumerix"));
+    for (const QString& t : titles) {
+        menu->addItem(t == QLatin1String("---") ? MenuItem::separatorItem()
+                                                : MenuItem::initWithTitle(t, MenuAction::DeviceConnect));
+    }
+    return menu;
+}
+
+QStringList shownTitles(QMenu* menu) {
+    QStringList out;
+    for (QAction* a : menu->actions()) out << (a->isSeparator() ? QStringLiteral("---") : a->text());
+    return out;
+}
+
+// A widget application on the offscreen platform for this suite only.
+class QtStatusItemTest : public ::testing::Test {
+protected:
+    static void SetUpTestSuite() {
+        if (QCoreApplication::instance()) return;
+        qputenv("QT_QPA_PLATFORM", "offscreen");
+        app_ = new QApplication(argc_, argv_);
+    }
+    static void TearDownTestSuite() {
+        delete app_;
+        app_ = nullptr;
+    }
+    void SetUp() override {
+        ASSERT_NE(qobject_cast<QApplication*>(QCoreApplication::instance()), nullptr)
+            << "another test left a non-widget application object behind";
+    }
+    static inline int argc_ = 1;
+    static inline char arg0_[] = "lumerix_unit_tests";
+    static inline char* argv_[] = {arg0_, nullptr};
+    static inline QApplication* app_ = nullptr;
+};
+
+TEST_F(QtStatusItemTest, ClicksReachTheItemObjectsOfTheMenuAttachedLast) {
+    QtStatusItem item(kResources);
+    RecordingTarget target;
+    item.setTarget(&target);
+    item.setMenu(menuOf(
+        {QStringLiteral("Room A"), QStringLiteral("Room B"), QStringLiteral("---"), QStringLiteral("Exit")}));
+
+    struct Step {
+        const char* name;
+        QStringList titles;
+        int click;
+        bool edits;
+    };
+    const std::vector<Step> steps = {
+        {"same titles, new objects",
+         {QStringLiteral("Room A"), QStringLiteral("Room B"), QStringLiteral("---"), QStringLiteral("Exit")},
+         1,
+         false},
+        {"swapped",
+         {QStringLiteral("Room B"), QStringLiteral("Room A"), QStringLiteral("---"), QStringLiteral("Exit")},
+         0,
+         true},
+        {"one left", {QStringLiteral("Room A"), QStringLiteral("---"), QStringLiteral("Exit")}, 2, true},
+    };
+    for (const Step& step : steps) {
+        SCOPED_TRACE(step.name);
+        const uint64_t updates = item.menuUpdates();
+        const MenuRef menu = menuOf(step.titles);
+        item.setMenu(menu);
+        EXPECT_EQ(item.menuUpdates() - updates, step.edits ? 1u : 0u);
+        EXPECT_EQ(shownTitles(item.menu()), step.titles);
+        target.chosen.clear();
+        item.menu()->actions().at(step.click)->trigger();
+        ASSERT_EQ(target.chosen.size(), 1u);
+        EXPECT_EQ(target.chosen[0], menu->itemAtIndex(step.click));
+    }
+
+    // Without a target a click goes nowhere, and nothing breaks.
+    item.setTarget(nullptr);
+    item.menu()->actions().at(0)->trigger();
+}
+
+TEST_F(QtStatusItemTest, ShowsTitlesAsTheyAreAndTracksTheOpenMenu) {
+    QtStatusItem item(kResources);
+    item.setMenu(menuOf({QStringLiteral("R&D Lab"), QStringLiteral("---")}));
+    // '&' would otherwise turn into a keyboard mnemonic and vanish from the title.
+    EXPECT_EQ(item.menu()->actions().at(0)->text(), QStringLiteral("R&&D Lab"));
+    EXPECT_EQ(item.menu()->title(), QStringLiteral("Lumerix"));
+
+    EXPECT_FALSE(item.isMenuOpen());
+    Q_EMIT item.menu()->aboutToShow();
+    EXPECT_TRUE(item.isMenuOpen());
+    Q_EMIT item.menu()->aboutToHide();
+    EXPECT_FALSE(item.isMenuOpen());
+}
+
+TEST_F(QtStatusItemTest, IconChangesOnlyWhenTheImageDoes) {
+    QtStatusBar bar(kResources);
+    const StatusImageRef normal = bar.imageNamed(QStringLiteral("Normal_Icon"));
+    const StatusImageRef disabled = bar.imageNamed(QStringLiteral("Normal_Disable_Icon"));
+    ASSERT_TRUE(normal && disabled);
+    EXPECT_EQ(bar.imageNamed(QStringLiteral("No_Such_Icon")), nullptr);
+    normal->setTemplate(true);
+    disabled->setTemplate(true);
+
+    QtStatusItem item(kResources);
+    item.setImage(disabled);
+    item.setImage(disabled);
+    EXPECT_EQ(item.iconUpdates(), 1u);
+    EXPECT_TRUE(item.trayIcon()->icon().isMask());
+    EXPECT_FALSE(item.trayIcon()->icon().pixmap(22, 22).isNull());
+    item.setImage(normal);
+    item.setImage(normal);
+    EXPECT_EQ(item.iconUpdates(), 2u);
+    item.setImage(nullptr);
+    EXPECT_EQ(item.iconUpdates(), 3u);
+    EXPECT_TRUE(item.trayIcon()->icon().isNull());
+}
+
+}  // namespace
+}  // namespace lumerix
