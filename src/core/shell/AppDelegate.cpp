@@ -450,9 +450,10 @@ void AppDelegate::DeviceConnectAction(const MenuItemRef& sender) {
     env_.processLookup(kSenderProcessName, 0, pids, kProcessIdCapacity, &count, &error);
 
     if (count == 0) {
-        // The sender asks for the receiver on the command listener once it is up.
-        env_.launcher(SenderLaunchCommand());
+        // The sender asks for the receiver on the command listener once it is up. Parked before
+        // the launch so that a sender quicker than the launcher's return still finds it.
         m_pDictTargetDevice.park(std::move(info));
+        env_.launcher(SenderLaunchCommand());
         return;
     }
     deliverFrame(info);
