@@ -31,17 +31,16 @@ void ThreadQueue::async(Task task) { after(0, std::move(task)); }
 TaskHandle ThreadQueue::after(double delayMs, Task task) {
     auto handle = std::make_shared<Cancelable>();
     std::vector<Entry> swept;  // destroyed after the lock is released
-    bool earliest = false;
     {
         std::lock_guard lock(mutex_);
         if (tasks_.size() >= sweepAt_) swept = sweepCancelledLocked();
         const uint64_t seq = seq_++;
         tasks_.push_back(Entry{monotonicNow() + (delayMs > 0 ? delayMs : 0), seq, handle, std::move(task)});
         std::push_heap(tasks_.begin(), tasks_.end(), Later{});
-        earliest = tasks_.front().seq == seq;
+        // The thread only needs waking when it is waiting for something later than this task.
+        // Signalled under the lock: once it is released the queue may be torn down at once.
+        if (tasks_.front().seq == seq) wake_.notify_one();
     }
-    // The thread only needs waking when it is waiting for something later than this task.
-    if (earliest) wake_.notify_one();
     return handle;
 }
 

@@ -95,14 +95,18 @@ QVLumerixHandler::QVLumerixHandler(HandlerEnvironment env) : env_(std::move(env)
     }
     scanningQueue_ = env_.makeQueue(kScanQueueLabel);
     evaluatingQueue_ = env_.makeQueue(kEvaluateQueueLabel);
-    if (env_.makeCentral) cbCM_ = env_.makeCentral(this, scanningQueue_.get());
-    if (!cbCM_) Log::logf("QVLumerixHandler: no Bluetooth central available; scanning stays off");
+    if (env_.makeCentral) cbCMOwner_ = env_.makeCentral(this, scanningQueue_.get());
+    cbCM_.store(cbCMOwner_.get(), std::memory_order_release);
+    if (!cbCMOwner_) Log::logf("QVLumerixHandler: no Bluetooth central available; scanning stays off");
 }
 
 QVLumerixHandler::~QVLumerixHandler() {
     cancelRescan();
     // The central goes first so no callback arrives on a half-destroyed handler.
-    cbCM_.reset();
+    // A central's destructor waits for a callback it is running, and callbacks that start later see
+    // no central.
+    cbCM_.store(nullptr, std::memory_order_release);
+    cbCMOwner_.reset();
     scanningQueue_.reset();
     evaluatingQueue_.reset();
     // Items may outlive the handler (the shell keeps them); their decay timers must not point at
@@ -126,26 +130,28 @@ QVLumerixHandler::~QVLumerixHandler() {
 // --- scanning ---------------------------------------------------------------------------------
 
 bool QVLumerixHandler::scanForLumerixService(bool start) {
-    if (mCurrentState() != BleStatePoweredOn || !cbCM_) return false;
+    BleCentral* central = cbCM();
+    if (mCurrentState() != BleStatePoweredOn || !central) return false;
     cancelRescan();
     if (start) {
         resetClosestItem();
-        startScanning();
+        startScanning(*central);
     } else {
-        cbCM_->stopScan();
+        central->stopScan();
         clearScannedResult();
     }
     return true;
 }
 
 void QVLumerixHandler::rescan() {
-    if (mCurrentState() != BleStatePoweredOn || !cbCM_) return;
-    cbCM_->stopScan();
-    startScanning();
+    BleCentral* central = cbCM();
+    if (mCurrentState() != BleStatePoweredOn || !central) return;
+    central->stopScan();
+    startScanning(*central);
 }
 
-void QVLumerixHandler::startScanning() {
-    cbCM_->scanForPeripherals(true);
+void QVLumerixHandler::startScanning(BleCentral& central) {
+    central.scanForPeripherals(true);
     scheduleRescan();
 }
 
@@ -382,8 +388,14 @@ void QVLumerixHandler::setItem(const QVLumerixItemRef& item, const QString& uuid
 }
 
 QHash<QString, QVLumerixItemRef> QVLumerixHandler::discoveredDeviceInfo() {
+    // A deep copy: a shallow one would share the table's storage with the evaluation queue, and
+    // Qt decides when to detach with an unsynchronised check.
     std::lock_guard lock(itemLock_);
-    return discoveredDeviceInfo_;
+    QHash<QString, QVLumerixItemRef> copy;
+    copy.reserve(discoveredDeviceInfo_.size());
+    for (auto it = discoveredDeviceInfo_.cbegin(); it != discoveredDeviceInfo_.cend(); ++it)
+        copy.insert(it.key(), it.value());
+    return copy;
 }
 
 QVLumerixItemRef QVLumerixHandler::itemAtAddress(const QString& address) {
@@ -408,7 +420,8 @@ void QVLumerixHandler::compareClosestItemWithItem(const QVLumerixItemRef& item) 
 }
 
 bool QVLumerixHandler::hasClosestItem() {
-    if (!cbCM_ || cbCM_->state() != BleStatePoweredOn) return false;
+    BleCentral* central = cbCM();
+    if (!central || central->state() != BleStatePoweredOn) return false;
     const QVLumerixItemRef closest = closestPeer();
     return closest && closest->isValid();
 }
@@ -449,7 +462,8 @@ void QVLumerixHandler::connectAndResolveItem(const QVLumerixItemRef&) {
 
 void QVLumerixHandler::disconnectCurrentItem() {
     const QVLumerixItemRef peer = connectedPeer();
-    if (peer && cbCM_) cbCM_->cancelPeripheralConnection(peer->peripheral());
+    BleCentral* central = cbCM();
+    if (peer && central) central->cancelPeripheralConnection(peer->peripheral());
 }
 
 }  // namespace lumerix

@@ -125,7 +125,8 @@ public:
     int mCurrentState() const { return mCurrentState_.load(); }
     DispatchQueue* scanningQueue() const { return scanningQueue_.get(); }
     DispatchQueue* evaluatingQueue() const { return evaluatingQueue_.get(); }
-    BleCentral* cbCM() const { return cbCM_.get(); }
+    // Null once teardown has begun; callbacks still running then must not use the central.
+    BleCentral* cbCM() const { return cbCM_.load(std::memory_order_acquire); }
     // A snapshot of the item table.
     QHash<QString, QVLumerixItemRef> discoveredDeviceInfo();
     QVLumerixItemRef closestPeer() const;
@@ -141,7 +142,7 @@ public:
     const Clock& clock() const { return *env_.clock; }
 
 private:
-    void startScanning();  // scan with duplicates, then schedule the next rescan
+    void startScanning(BleCentral& central);  // scan with duplicates, then schedule the next rescan
     void scheduleRescan();
     void cancelRescan();
 
@@ -149,7 +150,9 @@ private:
     std::mutex itemLock_;
     std::unique_ptr<DispatchQueue> scanningQueue_;
     std::unique_ptr<DispatchQueue> evaluatingQueue_;
-    std::unique_ptr<BleCentral> cbCM_;
+    std::unique_ptr<BleCentral> cbCMOwner_;
+    // Read by callbacks on the scan queue while the destructor may be letting go of the central.
+    std::atomic<BleCentral*> cbCM_{nullptr};
     QHash<QString, QVLumerixItemRef> discoveredDeviceInfo_;  // guarded by itemLock_
     // Every item this handler made, so teardown can stop their decay timers; guarded by itemLock_.
     std::vector<std::weak_ptr<QVLumerixItem>> createdItems_;

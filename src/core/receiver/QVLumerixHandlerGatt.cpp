@@ -93,7 +93,7 @@ void QVLumerixHandler::centralManagerDidDisconnectPeripheral(const BlePeripheral
     if (error && error->code == kBleErrorConnectionFailed) {
         // The link dropped while being set up: try the same peripheral again, without limit.
         Log::logf("%s retry connection", kDidDisconnect);
-        if (peripheral && cbCM()) cbCM()->connectPeripheral(peripheral);
+        if (BleCentral* central = cbCM(); peripheral && central) central->connectPeripheral(peripheral);
         return;
     }
     if (QVLumerixItemRef peer = connectedPeer()) triggerItem(peer, LumerixItemDisconnected);
@@ -223,7 +223,8 @@ void QVLumerixHandler::decrytLumerixData(const QVLumerixItemRef& item) {
 }
 
 void QVLumerixHandler::connectItemForTesting(const QVLumerixItemRef& item) {
-    if (item && item->peripheral() && cbCM()) cbCM()->connectPeripheral(item->peripheral());
+    if (BleCentral* central = cbCM(); item && item->peripheral() && central)
+        central->connectPeripheral(item->peripheral());
 }
 
 }  // namespace lumerix

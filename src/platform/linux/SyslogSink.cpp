@@ -1,5 +1,6 @@
 #include "platform/linux/SyslogSink.h"
 
+#include <sys/stat.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -7,7 +8,17 @@
 
 namespace lumerix {
 
-SyslogSink::SyslogSink() : mirror_(isatty(STDERR_FILENO) == 1) { openlog("lumerix", LOG_PID, LOG_USER); }
+namespace {
+// Without a syslog socket (containers, minimal systems) the lines would be lost: use stderr too.
+bool syslogReachable() {
+    struct stat st {};
+    return stat("/dev/log", &st) == 0 && S_ISSOCK(st.st_mode);
+}
+}  // namespace
+
+SyslogSink::SyslogSink() : mirror_(isatty(STDERR_FILENO) == 1 || !syslogReachable()) {
+    openlog("lumerix", LOG_PID, LOG_USER);
+}
 SyslogSink::~SyslogSink() { closelog(); }
 
 void SyslogSink::write(const QString& line) {

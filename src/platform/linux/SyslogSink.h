@@ -1,5 +1,6 @@
 #pragma once
-// Log lines to syslog (ident "lumerix"), mirrored to stderr when stderr is a terminal.
+// Log lines to syslog (ident "lumerix"), mirrored to stderr when stderr is a terminal or when
+// there is no syslog socket to write to.
 #include "log/Log.h"
 
 namespace lumerix {

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "ble/BleCentral.h"
+#include "dispatch/ThreadQueue.h"
 #include "dispatch/DispatchQueue.h"
 
 namespace lumerix::test {
@@ -124,6 +125,10 @@ public:
     FakeGattCentral(BleCentralDelegate* delegate, DispatchQueue* queue, int initialState = BleStatePoweredOn)
         : delegate_(delegate), queue_(queue), state_(initialState) {
         queue_->async([this] { delegate_->centralManagerDidUpdateState(state_); });
+    }
+    // Like a real central: destruction waits for a callback it is running on its queue.
+    ~FakeGattCentral() override {
+        if (auto* thread = dynamic_cast<ThreadQueue*>(queue_); thread && !thread->isCurrent()) thread->sync([] {});
     }
 
     int state() const override { return state_; }

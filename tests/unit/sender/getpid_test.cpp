@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <spawn.h>
+#include <fstream>
+#include <thread>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -20,7 +22,7 @@ namespace {
 
 class Children {
 public:
-    explicit Children(const std::string& name) {
+    explicit Children(const std::string& name) : name_(name) {
         link_ = dir_.path().toStdString() + "/" + name;
         if (::symlink("/bin/sleep", link_.c_str()) != 0) ADD_FAILURE() << "symlink";
     }
@@ -36,11 +38,22 @@ public:
         char* argv[] = {arg0, arg1, nullptr};
         pid_t pid = 0;
         if (::posix_spawn(&pid, link_.c_str(), nullptr, nullptr, argv, environ) != 0) return -1;
-        pids_.push_back(pid);  // posix_spawn returns after the exec, so the new name is in place
+        pids_.push_back(pid);
+        // glibc returns after the exec, but a sanitizer's posix_spawn may not: wait for the name.
+        const std::string comm = "/proc/" + std::to_string(pid) + "/comm";
+        for (int attempt = 0; attempt < 20000 && readFirstLine(comm) != name_; ++attempt) std::this_thread::yield();
         return pid;
     }
 
 private:
+    static std::string readFirstLine(const std::string& path) {
+        std::ifstream in(path);
+        std::string line;
+        std::getline(in, line);
+        return line;
+    }
+
+    std::string name_;
     QTemporaryDir dir_;
     std::string link_;
     std::vector<pid_t> pids_;
