@@ -2,24 +2,13 @@
 // advertisement history and the decay-timer restart. Target: under 1 us per sample.
 #include <benchmark/benchmark.h>
 
+#include "ble/StaticPeripheral.h"
 #include "dispatch/ManualQueue.h"
 #include "dispatch/ThreadQueue.h"
 #include "receiver/QVLumerixItem.h"
 
 namespace {
 using namespace lumerix;
-
-class BenchPeripheral final : public BlePeripheral {
-public:
-    QString identifier() const override { return QStringLiteral("00000000-0000-0000-0000-0A0B0C0D0E0F"); }
-    QString name() const override { return QStringLiteral("LX"); }
-    void setDelegate(BlePeripheralDelegate*) override {}
-    void readRSSI() override {}
-    void discoverServices() override {}
-    std::vector<BleServiceRef> services() const override { return {}; }
-    void discoverCharacteristics(const BleServiceRef&) override {}
-    void readValueForCharacteristic(const BleCharacteristicRef&) override {}
-};
 
 AdvertisementData sampleAdvertisement() {
     AdvertisementData a;
@@ -29,7 +18,10 @@ AdvertisementData sampleAdvertisement() {
 }
 
 void runSamples(benchmark::State& state, DispatchQueue& queue, const std::shared_ptr<Clock>& clock) {
-    auto item = QVLumerixItem::initWithPeripheral(std::make_shared<BenchPeripheral>(), clock);
+    auto item = QVLumerixItem::initWithPeripheral(
+        std::make_shared<StaticPeripheral>(QStringLiteral("00000000-0000-0000-0000-0A0B0C0D0E0F"),
+                                           QStringLiteral("LX")),
+        clock);
     item->setDecayingQueue(&queue);
     const AdvertisementData advertisement = sampleAdvertisement();
     double rssi = -40;
@@ -57,7 +49,10 @@ BENCHMARK(BM_AcceptedSample_ManualQueue);
 // The rejected path (127: no reading) for comparison: no time stamp, no timer.
 void BM_RejectedSample(benchmark::State& state) {
     ThreadQueue queue("evaluate");
-    auto item = QVLumerixItem::initWithPeripheral(std::make_shared<BenchPeripheral>(), systemClock());
+    auto item = QVLumerixItem::initWithPeripheral(
+        std::make_shared<StaticPeripheral>(QStringLiteral("00000000-0000-0000-0000-0A0B0C0D0E0F"),
+                                           QStringLiteral("LX")),
+        systemClock());
     item->setDecayingQueue(&queue);
     const AdvertisementData advertisement = sampleAdvertisement();
     for (auto _ : state) item->discoveredRssi(127, advertisement);

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <memory>
 
+#include "ble/StaticPeripheral.h"
 #include "dispatch/ManualQueue.h"
 #include "log/Log.h"
 #include "receiver/QVLumerixHandler.h"
@@ -16,18 +17,6 @@ namespace {
 class QuietSink final : public LogSink {
 public:
     void write(const QString&) override {}
-};
-
-class StubPeripheral final : public BlePeripheral {
-public:
-    QString identifier() const override { return QStringLiteral("00000000-0000-0000-0000-00000000F022"); }
-    QString name() const override { return QStringLiteral("fuzz"); }
-    void setDelegate(BlePeripheralDelegate*) override {}
-    void readRSSI() override {}
-    void discoverServices() override {}
-    std::vector<BleServiceRef> services() const override { return {}; }
-    void discoverCharacteristics(const BleServiceRef&) override {}
-    void readValueForCharacteristic(const BleCharacteristicRef&) override {}
 };
 
 class Characteristic final : public BleCharacteristic {
@@ -72,7 +61,9 @@ void foldLengths(QVLumerixItem& item) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     static World world;
     auto item = QVLumerixItem::initWithPeripheral(
-        std::make_shared<StubPeripheral>(), std::shared_ptr<Clock>(std::shared_ptr<Clock>(), &world.time));
+        std::make_shared<StaticPeripheral>(QStringLiteral("00000000-0000-0000-0000-00000000F022"),
+                                           QStringLiteral("fuzz")),
+        std::shared_ptr<Clock>(std::shared_ptr<Clock>(), &world.time));
     size_t i = 0;
     while (i + 2 <= size) {
         const uint8_t second = data[i];

@@ -6,31 +6,13 @@
 #include <mutex>
 #include <numbers>
 
+#include "ble/StaticPeripheral.h"
 #include "dispatch/DispatchQueue.h"
 #include "log/Log.h"
 #include "receiver/LumerixRecordCodec.h"
 
 namespace lumerix {
 namespace {
-
-class SimulatedPeripheral final : public BlePeripheral {
-public:
-    SimulatedPeripheral(QString identifier, QString name)
-        : identifier_(std::move(identifier)), name_(std::move(name)) {}
-    QString identifier() const override { return identifier_; }
-    QString name() const override { return name_; }
-    void setDelegate(BlePeripheralDelegate* delegate) override { delegate_.store(delegate); }
-    void readRSSI() override {}
-    void discoverServices() override {}
-    std::vector<BleServiceRef> services() const override { return {}; }
-    void discoverCharacteristics(const BleServiceRef&) override {}
-    void readValueForCharacteristic(const BleCharacteristicRef&) override {}
-
-private:
-    const QString identifier_;
-    const QString name_;
-    std::atomic<BlePeripheralDelegate*> delegate_{nullptr};
-};
 
 // What one scenario device sends, prepared once.
 struct Player {
@@ -137,7 +119,7 @@ struct SimulatedCentral::Core : std::enable_shared_from_this<Core> {
     BlePeripheralRef peripheralFor(const QString& identifier, const QString& name) {
         auto it = peripherals.find(identifier);
         if (it != peripherals.end()) return it.value();
-        auto p = std::make_shared<SimulatedPeripheral>(identifier, name);
+        auto p = std::make_shared<StaticPeripheral>(identifier, name);
         peripherals.insert(identifier, p);
         return p;
     }
@@ -231,9 +213,9 @@ SimulatedCentral::SimulatedCentral(BleCentralDelegate* delegate, DispatchQueue* 
         } else {
             const NameSegments segments = splitReceiverName(p.receiver.name);
             auto record = [&](uint8_t segmentByte, const QByteArray& bytes) {
-                return AdvertisementData{
-                    p.receiver.localName, makeLumerixRecord(segmentByte, p.receiver.ipv4, p.receiver.code1, p.receiver.code2,
-                                                        bytes, p.receiver.companyId)};
+                return AdvertisementData{p.receiver.localName,
+                                         makeLumerixRecord(segmentByte, p.receiver.ipv4, p.receiver.code1,
+                                                           p.receiver.code2, bytes, p.receiver.companyId)};
             };
             if (segments.twoSegments()) {
                 p.advertisements.push_back(record(kSegmentFirstOfTwo, segments.first));
