@@ -2,11 +2,9 @@
 
 #include <QDateTime>
 #include <QFile>
-#include <QPoint>
 #include <QTemporaryDir>
 #include <QTimeZone>
 
-#include "shell/PathManager.h"
 #include "shell/ReferenceTable.h"
 
 namespace lumerix {
@@ -93,53 +91,6 @@ TEST(ReferenceTable, ReadsEveryValueTypeAndWritesItBackUnchanged) {
     ASSERT_TRUE(second);
     expectAllTypes(*second);
     EXPECT_EQ(*first, *second);
-}
-
-TEST(ReferenceTable, RejectsWhatIsNotAListOfValues) {
-    QTemporaryDir dir;
-    struct Case {
-        const char* name;
-        QByteArray content;
-    };
-    const Case cases[] = {
-        {"garbage", QByteArray("this is not a property list")},
-        {"truncated xml", QByteArray(kAllTypes).left(300)},
-        {"top level dict", QByteArray("<?xml version=\"1.0\"?><plist version=\"1.0\"><dict/></plist>")},
-        {"empty file", QByteArray()},
-        {"truncated binary", QByteArray("bplist00\xd1\x01\x02", 11)},
-    };
-    for (const Case& c : cases) {
-        const QString path = dir.filePath(QString::fromUtf8(c.name));
-        QFile f(path);
-        ASSERT_TRUE(f.open(QIODevice::WriteOnly));
-        f.write(c.content);
-        f.close();
-        EXPECT_FALSE(ReferenceTable::arrayWithContentsOfFile(path)) << c.name;
-    }
-    EXPECT_FALSE(ReferenceTable::arrayWithContentsOfFile(dir.filePath(QStringLiteral("missing"))));
-}
-
-TEST(ReferenceTable, FailedWriteLeavesTheOldFileWhole) {
-    QTemporaryDir dir;
-    const QString path = dir.filePath(QStringLiteral("t.plist"));
-    const QVariantList table{QVariantMap{{QStringLiteral("Device"), QStringLiteral("A")}}};
-    ASSERT_TRUE(ReferenceTable::writeToFile(table, path));
-    // A value without a plist form fails the write before anything is touched.
-    const QVariantList bad{QVariant(QPoint(1, 2))};
-    EXPECT_FALSE(ReferenceTable::writeToFile(bad, path));
-    EXPECT_EQ(ReferenceTable::arrayWithContentsOfFile(path), table);
-    EXPECT_FALSE(ReferenceTable::writeToFile(table, dir.filePath(QStringLiteral("no/such/folder/t.plist"))));
-}
-
-TEST(PathManager, DesktopFolders) {
-    const auto support = PathManager::GetApplicationSupportPath();
-    ASSERT_TRUE(support);
-    EXPECT_EQ(PathManager::GetApplicationPath(), *support + QStringLiteral("/applications"));
-    EXPECT_EQ(PathManager::GetDocumentPath(), *support + QStringLiteral("/doc"));
-    // The bundle name sits between the application path and "Contents", as designed.
-    EXPECT_TRUE(PathManager::GetAppContentsPath().startsWith(PathManager::GetAppPath() + QLatin1Char('/')));
-    EXPECT_TRUE(PathManager::GetAppContentsPath().endsWith(QStringLiteral("/Contents")));
-    EXPECT_FALSE(PathManager::CheckRemovableDiskPath(QStringLiteral("/proc")));
 }
 
 }  // namespace

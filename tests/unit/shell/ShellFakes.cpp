@@ -55,7 +55,7 @@ AppDelegate& ShellRig::launch() {
 
 QVLumerixItemRef ShellRig::makeItem(const ReceiverSpec& spec, double lastHeardMs) {
     BlePeripheralRef peripheral;
-    if (!spec.uuid.isEmpty()) peripheral = std::make_shared<FakePeripheral>(spec.uuid);
+    if (!spec.uuid.isEmpty()) peripheral = std::make_shared<test::StillPeripheral>(spec.uuid);
     auto item = QVLumerixItem::initWithPeripheral(peripheral, time);
     item->addNewRssi(spec.rssi);
     item->setDiscoveredTimeStamp(lastHeardMs < 0 ? time->nowMs() : lastHeardMs);

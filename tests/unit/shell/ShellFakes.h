@@ -5,7 +5,7 @@
 #include <set>
 #include <vector>
 
-#include "ble/BlePeripheral.h"
+#include "common/StillPeripheral.h"
 #include "dispatch/ManualQueue.h"
 #include "receiver/QVLumerixItem.h"
 #include "shell/AppDelegate.h"
@@ -93,22 +93,6 @@ public:
 private:
     std::shared_ptr<HandlerLog> log_;
     int failuresLeft_;
-};
-
-class FakePeripheral final : public BlePeripheral {
-public:
-    explicit FakePeripheral(QString id) : id_(std::move(id)) {}
-    QString identifier() const override { return id_; }
-    QString name() const override { return QStringLiteral("LX"); }
-    void setDelegate(BlePeripheralDelegate*) override {}
-    void readRSSI() override {}
-    void discoverServices() override {}
-    std::vector<BleServiceRef> services() const override { return {}; }
-    void discoverCharacteristics(const BleServiceRef&) override {}
-    void readValueForCharacteristic(const BleCharacteristicRef&) override {}
-
-private:
-    QString id_;
 };
 
 struct ReceiverSpec {
