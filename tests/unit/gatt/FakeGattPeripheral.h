@@ -22,7 +22,6 @@ public:
     QByteArray value() const override { return value_; }
     void setValue(const QByteArray& v) { value_ = v; }
     const QByteArray& served() const { return served_; }
-    std::optional<BleError> readError;
 
 private:
     BleUuid uuid_;
@@ -88,8 +87,8 @@ public:
         auto fake = std::static_pointer_cast<FakeCharacteristic>(c);
         reads.push_back(fake->uuid().toString());
         post([this, fake] {
-            if (!fake->readError) fake->setValue(fake->served());
-            if (delegate_) delegate_->peripheralDidUpdateValueForCharacteristic(*this, fake, fake->readError);
+            fake->setValue(fake->served());
+            if (delegate_) delegate_->peripheralDidUpdateValueForCharacteristic(*this, fake, std::nullopt);
         });
     }
 
@@ -149,9 +148,6 @@ public:
     void dropLink(const BlePeripheralRef& p, std::optional<BleError> error) {
         connected_[p->identifier()] = false;
         queue_->async([this, p, error] { delegate_->centralManagerDidDisconnectPeripheral(p, error); });
-    }
-    void failConnect(const BlePeripheralRef& p, BleError error) {
-        queue_->async([this, p, error] { delegate_->centralManagerDidFailToConnectPeripheral(p, error); });
     }
     void advertise(const BlePeripheralRef& p, const QString& localName, double rssi) {
         AdvertisementData data;
