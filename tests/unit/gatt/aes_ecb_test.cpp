@@ -1,10 +1,8 @@
 #include <gtest/gtest.h>
 
 #include <QByteArray>
-#include <QTemporaryFile>
-#include <cstdio>
-#include <string>
 
+#include "common/OpensslTool.h"
 #include "gatt/GattPayload.h"
 #include "receiver/AesEcb.h"
 #include "receiver/LumerixKeys.h"
@@ -29,21 +27,12 @@ TEST(AesEcb, DecryptsTheFips197Aes128Vector) {
 TEST(AesEcb, MatchesOpensslCommandLineWithTheReceiverKey) {
     const QByteArray plain = QByteArray("Lab-WiFis3cret-key192.168.1.20Room 41234").leftJustified(64, '.');
     ASSERT_EQ(plain.size() % 16, 0);
-    QTemporaryFile in;
-    ASSERT_TRUE(in.open());
-    in.write(plain);
-    in.flush();
-    const QByteArray keyHex =
-        QByteArray(reinterpret_cast<const char*>(kLumerixConnectionInfoKey), 16).toHex();
-    const std::string cmd = "openssl enc -aes-128-ecb -nopad -K " + keyHex.toStdString() + " -in '" +
-                            in.fileName().toStdString() + "'";
-    FILE* pipe = popen(cmd.c_str(), "r");
-    ASSERT_NE(pipe, nullptr);
-    QByteArray cipher;
-    char buf[256];
-    size_t n;
-    while ((n = fread(buf, 1, sizeof buf, pipe)) > 0) cipher.append(buf, static_cast<qsizetype>(n));
-    ASSERT_EQ(pclose(pipe), 0);
+    const QString keyHex =
+        QString::fromLatin1(QByteArray(reinterpret_cast<const char*>(kLumerixConnectionInfoKey), 16).toHex());
+    const auto tool = test::opensslEnc(
+        {QStringLiteral("-aes-128-ecb"), QStringLiteral("-nopad"), QStringLiteral("-K"), keyHex}, plain);
+    ASSERT_TRUE(tool.has_value()) << "openssl enc failed";
+    const QByteArray cipher = *tool;
     ASSERT_EQ(cipher.size(), plain.size());
 
     uint8_t out[256] = {};

@@ -2,11 +2,8 @@
 #include <gtest/gtest.h>
 
 #include <QByteArray>
-#include <QTemporaryFile>
-#include <cstdio>
-#include <optional>
-#include <string>
 
+#include "common/OpensslTool.h"
 #include "receiver/DesCfb.h"
 #include "receiver/LumerixKeys.h"
 
@@ -31,8 +28,8 @@ QByteArray run(bool encrypt, const QByteArray& in) {
     return out.left(in.size());
 }
 
-// The tool as an independent implementation; key and IV are the parity-adjusted key block.
-std::optional<QByteArray> opensslCfb(bool encrypt, const QByteArray& input) {
+// Key and IV for the tool: the parity-adjusted key block.
+QStringList opensslArgs(bool encrypt) {
     QByteArray key(reinterpret_cast<const char*>(kLumerixAdvertisementKey), 8);
     for (char& c : key) {
         const auto b = static_cast<uint8_t>(static_cast<uint8_t>(c) & 0xFE);
@@ -40,20 +37,13 @@ std::optional<QByteArray> opensslCfb(bool encrypt, const QByteArray& input) {
         for (int bit = 1; bit < 8; ++bit) ones += (b >> bit) & 1;
         c = static_cast<char>(b | ((ones % 2 == 0) ? 1 : 0));
     }
-    QTemporaryFile in;
-    if (!in.open() || in.write(input) != input.size() || !in.flush()) return std::nullopt;
-    const std::string hex = key.toHex().toStdString();
-    const std::string cmd = std::string("openssl enc -des-cfb ") + (encrypt ? "-e" : "-d") + " -K " + hex +
-                            " -iv " + hex + " -nopad -provider legacy -provider default -in '" +
-                            in.fileName().toStdString() + "' 2>/dev/null";
-    FILE* pipe = popen(cmd.c_str(), "r");
-    if (!pipe) return std::nullopt;
-    QByteArray out;
-    char buf[256];
-    size_t got;
-    while ((got = std::fread(buf, 1, sizeof buf, pipe)) > 0) out.append(buf, static_cast<qsizetype>(got));
-    if (pclose(pipe) != 0) return std::nullopt;
-    return out;
+    const QString hex = QString::fromLatin1(key.toHex());
+    return {QStringLiteral("-des-cfb"), encrypt ? QStringLiteral("-e") : QStringLiteral("-d"),
+            QStringLiteral("-K"),       hex,
+            QStringLiteral("-iv"),      hex,
+            QStringLiteral("-nopad"),   QStringLiteral("-provider"),
+            QStringLiteral("legacy"),   QStringLiteral("-provider"),
+            QStringLiteral("default")};
 }
 
 TEST(DesCfb, RoundTripsAndAgreesWithTheOpensslTool) {
@@ -65,12 +55,14 @@ TEST(DesCfb, RoundTripsAndAgreesWithTheOpensslTool) {
         }
         EXPECT_EQ(run(false, cipher), plain) << n;
     }
-    if (std::system("command -v openssl >/dev/null 2>&1") != 0) GTEST_SKIP() << "no openssl tool";
+    if (!test::opensslEnc({QStringLiteral("-list")}, {})) GTEST_SKIP() << "no openssl tool";
     for (int n : {1, 7, 8, 9, 17, 64, 255}) {
         const QByteArray plain = pattern(n);
         const QByteArray ours = run(true, plain);
-        EXPECT_EQ(opensslCfb(true, plain), std::optional<QByteArray>(ours)) << "encrypt, length " << n;
-        EXPECT_EQ(opensslCfb(false, ours), std::optional<QByteArray>(plain)) << "decrypt, length " << n;
+        EXPECT_EQ(test::opensslEnc(opensslArgs(true), plain), std::optional<QByteArray>(ours))
+            << "encrypt, length " << n;
+        EXPECT_EQ(test::opensslEnc(opensslArgs(false), ours), std::optional<QByteArray>(plain))
+            << "decrypt, length " << n;
     }
 }
 

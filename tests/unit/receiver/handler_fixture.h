@@ -50,14 +50,14 @@ private:
 };
 
 struct HandlerHarness {
-    HandlerHarness() {
+    explicit HandlerHarness(BleCentralFactory makeCentral = simulatedCentralFactory({})) {
         HandlerEnvironment env;
         env.clock = time;
         env.mainQueue = &main;
         env.makeQueue = [this](const std::string& label) -> std::unique_ptr<DispatchQueue> {
             return std::make_unique<ManualQueue>(*time, label);
         };
-        env.makeCentral = simulatedCentralFactory({});
+        env.makeCentral = std::move(makeCentral);
         handler = QVLumerixHandler::create(std::move(env));
         handler->setDelegate(&delegate);
         run();
