@@ -1,48 +1,43 @@
-// Process lookup against real processes: children started under a unique command name (the
-// kernel takes the name from the path that was executed, so a symlink to sleep will do).
+// Process lookup against real processes started under a unique command name.
 #include <gtest/gtest.h>
-#include <signal.h>
-#include <spawn.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
+#include <QFile>
 #include <QProcess>
 #include <QTemporaryDir>
 #include <algorithm>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "sender/GetPID.h"
 
-extern char** environ;
-
 namespace lumerix {
 namespace {
 
+// Children that run sleep under `name`: the kernel takes the process name from the path that was
+// executed, so a symlink to sleep will do.
 class Children {
 public:
-    explicit Children(const std::string& name) : link_(dir_.path().toStdString() + "/" + name) {
-        if (::symlink("/bin/sleep", link_.c_str()) != 0) ADD_FAILURE() << "symlink";
+    explicit Children(const std::string& name) : link_(dir_.filePath(QString::fromStdString(name))) {
+        if (!QFile::link(QStringLiteral("/bin/sleep"), link_)) ADD_FAILURE() << "symlink";
     }
     ~Children() {
-        for (const pid_t pid : pids) {
-            ::kill(pid, SIGKILL);
-            ::waitpid(pid, nullptr, 0);
+        for (auto& p : processes_) {
+            p->kill();
+            p->waitForFinished();
         }
     }
-    void spawn() {
-        char arg0[] = "sleep";
-        char arg1[] = "60";
-        char* argv[] = {arg0, arg1, nullptr};
-        pid_t pid = 0;
-        // posix_spawn returns after the exec, so the new name is in place.
-        if (::posix_spawn(&pid, link_.c_str(), nullptr, nullptr, argv, environ) == 0) pids.push_back(pid);
+    qint64 spawn() {
+        processes_.push_back(std::make_unique<QProcess>());
+        processes_.back()->start(link_, {QStringLiteral("60")});
+        return processes_.back()->waitForStarted() ? processes_.back()->processId() : -1;
     }
-    std::vector<pid_t> pids;
 
 private:
     QTemporaryDir dir_;
-    std::string link_;
+    QString link_;
+    std::vector<std::unique_ptr<QProcess>> processes_;
 };
 
 // The pids pgrep finds for an exact process name, ascending.
@@ -60,10 +55,9 @@ std::vector<int32_t> pgrep(const std::string& name) {
 TEST(GetAllPIDsForProcessName, AgreesWithPgrep) {
     const std::string name = "lmx" + std::to_string(::getpid() % 100000000);  // at most 11 characters
     Children children(name);
-    children.spawn();
-    EXPECT_EQ(GetPIDForProcessName(name.c_str()), children.pids.at(0)) << "one running";
-    children.spawn();
-    ASSERT_EQ(children.pids.size(), 2u);
+    const qint64 first = children.spawn();
+    EXPECT_EQ(GetPIDForProcessName(name.c_str()), first) << "one running";
+    ASSERT_GT(children.spawn(), 0);
     const std::vector<int32_t> found = pgrep(name);
     ASSERT_EQ(found.size(), 2u) << "pgrep sees both children";
 

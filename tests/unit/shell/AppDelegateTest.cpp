@@ -44,39 +44,31 @@ QByteArray frameFor(const ConnectionInfo& info) {
     return QByteArray(reinterpret_cast<const char*>(buffer), static_cast<qsizetype>(n));
 }
 
-// ---- Lifecycle ---------------------------------------------------------------------------------
-
-TEST(AppDelegateLifecycle, LaunchRunsEveryStepInOrder) {
-    ShellRig rig;
-    AppDelegate& shell = rig.launch();
-    EXPECT_EQ(rig.application->hideCount, 1);
-    EXPECT_TRUE(rig.application->alerts.empty());
-    EXPECT_EQ(rig.statusBar->item->target, &shell);
-    ASSERT_EQ(rig.handlers.size(), 1u);
-    EXPECT_EQ(rig.handlers[0]->calls, std::vector<bool>{true});
-    EXPECT_EQ(rig.handlers[0]->delegate, &shell);
-    EXPECT_EQ(rig.workspace->observers.count(&shell), 1u);
-    EXPECT_TRUE(rig.statusBar->item->image->isTemplate());
-}
-
-TEST(AppDelegateLifecycle, BluetoothOffAlertsOnceAndStillSetsEverythingUp) {
-    ShellRig rig;
-    rig.bluetoothOn = false;
-    rig.env.listenerPort = 0;  // the listener thread must start all the same
-    AppDelegate& shell = rig.launch();
-
-    ASSERT_EQ(rig.application->alerts.size(), 1u);
-    const Alert& alert = rig.application->alerts[0];
-    EXPECT_EQ(alert.messageText, QStringLiteral("Please turn on bluetooth"));
-    EXPECT_EQ(alert.informativeText, QStringLiteral("This application needs bluetooth access authority"));
-    EXPECT_EQ(rig.application->terminateCount, 1);
-    // Fall-through: the rest of the launch ran.
-    EXPECT_TRUE(shell.statusItem());
-    EXPECT_TRUE(shell.referenceTable());
-    ASSERT_EQ(rig.handlers.size(), 1u);
-    EXPECT_EQ(rig.handlers[0]->calls, std::vector<bool>{true});
-    EXPECT_EQ(rig.workspace->observers.size(), 1u);
-    EXPECT_TRUE(shell.commandListener());
+// With Bluetooth off the alert comes once and the launch runs on all the same.
+TEST(AppDelegateLifecycle, LaunchRunsEveryStepWithOrWithoutBluetooth) {
+    for (const bool bluetoothOn : {true, false}) {
+        SCOPED_TRACE(bluetoothOn);
+        ShellRig rig;
+        rig.bluetoothOn = bluetoothOn;
+        rig.env.listenerPort = 0;  // any free port
+        AppDelegate& shell = rig.launch();
+        ASSERT_EQ(rig.application->alerts.size(), bluetoothOn ? 0u : 1u);
+        if (!bluetoothOn) {
+            EXPECT_EQ(rig.application->alerts[0].messageText, QStringLiteral("Please turn on bluetooth"));
+            EXPECT_EQ(rig.application->alerts[0].informativeText,
+                      QStringLiteral("This application needs bluetooth access authority"));
+        }
+        EXPECT_EQ(rig.application->terminateCount, bluetoothOn ? 0 : 1);
+        EXPECT_EQ(rig.application->hideCount, 1);
+        EXPECT_EQ(rig.statusBar->item->target, &shell);
+        EXPECT_TRUE(rig.statusBar->item->image->isTemplate());
+        EXPECT_TRUE(shell.referenceTable());
+        ASSERT_EQ(rig.handlers.size(), 1u);
+        EXPECT_EQ(rig.handlers[0]->calls, std::vector<bool>{true});
+        EXPECT_EQ(rig.handlers[0]->delegate, &shell);
+        EXPECT_EQ(rig.workspace->observers.count(&shell), 1u);
+        EXPECT_TRUE(shell.commandListener());
+    }
 }
 
 TEST(AppDelegateLifecycle, ScanRetriesPauseTenMillisecondsUpToFiftyTimes) {
@@ -121,8 +113,6 @@ TEST(AppDelegateLifecycle, SleepDropsTheHandlerAndWakeMakesAFreshOne) {
     EXPECT_EQ(rig.handlers.size(), 2u);
     EXPECT_EQ(rig.handlers[1]->calls, (std::vector<bool>{true, true}));
 }
-
-// ---- Receiver list and menu ------------------------------------------------------------------
 
 TEST(AppDelegateMenu, LayoutAndIcon) {
     const std::optional<QString> none;
@@ -224,8 +214,6 @@ TEST(AppDelegateMenu, RebuildTickSkippedWhileMenuOpenButAgingGoesOn) {
     EXPECT_EQ(item.image->name(), QStringLiteral("Normal_Disable_Icon"));
 }
 
-// ---- Connect action --------------------------------------------------------------------------
-
 TEST(AppDelegateConnect, LaunchOrSendWithTheReferenceIndexQuirk) {
     const QString a = QStringLiteral("A"), b = QStringLiteral("B"), c = QStringLiteral("C");
     struct Case {
@@ -245,6 +233,7 @@ TEST(AppDelegateConnect, LaunchOrSendWithTheReferenceIndexQuirk) {
         {"unknown item counts as position 0", {}, -1, 0, a},
     };
     for (const Case& k : cases) {
+        SCOPED_TRACE(k.name);
         ShellRig rig;
         rig.senderProcesses = k.senderProcesses;
         writeDefaultTable(rig, k.references);
@@ -258,11 +247,10 @@ TEST(AppDelegateConnect, LaunchOrSendWithTheReferenceIndexQuirk) {
         shell.performMenuAction(chosen);
 
         if (!k.expectedReceiver) {
-            EXPECT_TRUE(rig.commands.empty() && rig.frames.empty()) << k.name;
-            EXPECT_FALSE(shell.dictTargetDevice().isPending()) << k.name;
+            EXPECT_TRUE(rig.commands.empty() && rig.frames.empty());
+            EXPECT_FALSE(shell.dictTargetDevice().isPending());
             EXPECT_TRUE(
-                log.contains(QStringLiteral("DeviceConnectAction: no receiver at position 3 (3 listed)")))
-                << k.name;
+                log.contains(QStringLiteral("DeviceConnectAction: no receiver at position 3 (3 listed)")));
             continue;
         }
         const int n = *k.expectedReceiver == a ? 1 : *k.expectedReceiver == b ? 2 : 3;
@@ -271,59 +259,43 @@ TEST(AppDelegateConnect, LaunchOrSendWithTheReferenceIndexQuirk) {
                                       {QStringLiteral("DeviceName"), *k.expectedReceiver},
                                       {QStringLiteral("WiFiSSID"), *k.expectedReceiver}};
         if (k.senderProcesses == 0) {
-            EXPECT_EQ(rig.commands, std::vector<QByteArray>{QByteArray("gtk-launch \"com.Sharvane.Ondrel\"")})
-                << k.name;
-            EXPECT_TRUE(rig.frames.empty()) << k.name;
-            EXPECT_EQ(shell.dictTargetDevice().take(), expected) << k.name;
+            EXPECT_EQ(rig.commands,
+                      std::vector<QByteArray>{QByteArray("gtk-launch \"com.Sharvane.Ondrel\"")});
+            EXPECT_TRUE(rig.frames.empty());
+            EXPECT_EQ(shell.dictTargetDevice().take(), expected);
         } else {
-            EXPECT_TRUE(rig.commands.empty()) << k.name;
-            EXPECT_EQ(rig.frames, std::vector<QByteArray>{frameFor(expected)}) << k.name;
-            EXPECT_FALSE(shell.dictTargetDevice().isPending()) << k.name;
+            EXPECT_TRUE(rig.commands.empty());
+            EXPECT_EQ(rig.frames, std::vector<QByteArray>{frameFor(expected)});
+            EXPECT_FALSE(shell.dictTargetDevice().isPending());
         }
     }
 }
 
-TEST(AppDelegateConnect, ChoosingTwiceBeforeTheSenderAsksHandsOutOnlyTheSecond) {
+// Chosen twice before the launched sender asks: the real listener hands out only the second, once.
+TEST(AppDelegateConnect, ChoosingTwiceThenTheSenderAsksTheListener) {
     ShellRig rig;
+    rig.env.listenerPort = 0;  // any free port
     AppDelegate& shell = rig.launch();
     rig.discover({uuidFor(1), -40, QStringLiteral("A")});
     rig.discover({uuidFor(2), -50, QStringLiteral("B")});
     shell.DeviceConnectAction(shell.menuList()[0]);
     shell.DeviceConnectAction(shell.menuList()[1]);
     EXPECT_EQ(rig.commands.size(), 2u);
-    const auto handed = shell.dictTargetDevice().take();
-    ASSERT_TRUE(handed);
-    EXPECT_EQ(handed->value(QStringLiteral("DeviceName")), QStringLiteral("B"));
-    EXPECT_FALSE(shell.dictTargetDevice().take()) << "take-once";
-}
-
-// The launched sender asks the real listener for its receiver over loopback, once.
-TEST(AppDelegateConnect, ParkedReceiverIsHandedOutOnceThroughTheListener) {
-    ShellRig rig;
-    rig.env.listenerPort = 0;  // any free port
-    AppDelegate& shell = rig.launch();
-    rig.discover({uuidFor(1), -40, QStringLiteral("A")});
-    shell.DeviceConnectAction(shell.menuList()[0]);
-    ASSERT_TRUE(shell.dictTargetDevice().isPending());
 
     const uint16_t port = shell.commandListener()->port();
     ASSERT_NE(port, 0);
-
-    const testing_loopback::Bytes request{0x02, 0x03, 0x04, 0x05, 0x00, 0x00, 0x02, 0x03};
     auto ask = [&] {
-        const auto reply = testing_loopback::askListener(port, request);
+        const auto reply =
+            testing_loopback::askListener(port, {0x02, 0x03, 0x04, 0x05, 0x00, 0x00, 0x02, 0x03});
         return QByteArray(reinterpret_cast<const char*>(reply.data()), static_cast<qsizetype>(reply.size()));
     };
     const ConnectionInfo expected{{QStringLiteral("IP"), QStringLiteral("10.0.0.1")},
                                   {QStringLiteral("LoginCode"), QStringLiteral("1234")},
-                                  {QStringLiteral("DeviceName"), QStringLiteral("A")},
-                                  {QStringLiteral("WiFiSSID"), QStringLiteral("A")}};
+                                  {QStringLiteral("DeviceName"), QStringLiteral("B")},
+                                  {QStringLiteral("WiFiSSID"), QStringLiteral("B")}};
     EXPECT_EQ(ask(), frameFor(expected));
     EXPECT_EQ(ask(), QByteArray(1, '\0')) << "take-once: the second request gets nothing";
-    EXPECT_FALSE(shell.dictTargetDevice().isPending());
 }
-
-// ---- Reference table -------------------------------------------------------------------------
 
 TEST(AppDelegateReferenceTable, DefaultSavedAndUnreadableFiles) {
     const QVariantList defaults = twoReferenceEntries();
@@ -339,7 +311,6 @@ TEST(AppDelegateReferenceTable, DefaultSavedAndUnreadableFiles) {
     };
     const Case cases[] = {
         {"first run copies the default", true, std::nullopt, defaults, defaults, false},
-        {"first run without default", false, std::nullopt, {}, {}, false},
         {"saved file replaces the default", true, tableXml(saved), saved, saved, false},
         {"zero-entry saved file hides the default", true, tableXml({}), {}, {}, false},
         {"unreadable saved file is kept beside", true, QByteArray("<plist><array><dict>"), {}, {}, true},

@@ -32,15 +32,10 @@ public:
 
 class FakeStatusBar final : public StatusBar {
 public:
-    StatusItemRef statusItemWithLength(double length) override {
-        requestedLength = length;
-        return canCreateItem ? item : nullptr;
-    }
+    StatusItemRef statusItemWithLength(double) override { return item; }
     StatusImageRef imageNamed(const QString& name) override { return std::make_shared<StatusImage>(name); }
 
     std::shared_ptr<FakeStatusItem> item = std::make_shared<FakeStatusItem>();
-    bool canCreateItem = true;
-    double requestedLength = 0;
 };
 
 class FakeApplication final : public ShellApplication {
@@ -51,11 +46,10 @@ public:
         alerts.push_back(alert);
         return 0;
     }
-    void orderFrontStandardAboutPanel() override { ++aboutCount; }
+    void orderFrontStandardAboutPanel() override {}
 
     int hideCount = 0;
     int terminateCount = 0;
-    int aboutCount = 0;
     std::vector<Alert> alerts;
 };
 
