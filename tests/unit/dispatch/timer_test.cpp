@@ -1,14 +1,11 @@
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <cmath>
-#include <future>
 #include <limits>
 #include <vector>
 
 #include "dispatch/DispatchTimer.h"
 #include "dispatch/ManualQueue.h"
-#include "dispatch/ThreadQueue.h"
 
 namespace lumerix {
 namespace {
@@ -64,27 +61,6 @@ TEST(DispatchTimer, RefusesWhatItCannotRun) {
     EXPECT_FALSE(CreateDispatchTimer(nullptr, block, 1.0));
     EXPECT_FALSE(CreateDispatchTimer(&q, nullptr, 1.0));
     EXPECT_EQ(time.pendingCount(), 0u);
-}
-
-TEST(DispatchTimer, CancelOnARealThreadQueue) {
-    ThreadQueue q("timer");
-    std::promise<void> thirdFiring;
-    int fired = 0;  // touched only on the queue
-    auto timer = CreateDispatchTimer(
-        &q,
-        [&] {
-            if (++fired == 3) thirdFiring.set_value();
-        },
-        0.005);
-    ASSERT_EQ(thirdFiring.get_future().wait_for(std::chrono::seconds(30)), std::future_status::ready);
-    int atCancel = 0;
-    q.sync([&] {
-        GCDTimer::cancelDispatchedTimer(timer);
-        atCancel = fired;
-    });
-    std::promise<int> later;
-    q.after(50, [&] { later.set_value(fired); });
-    EXPECT_EQ(later.get_future().get(), atCancel);
 }
 
 }  // namespace

@@ -12,6 +12,7 @@
 
 #include "ble/BleCentral.h"
 #include "dispatch/DispatchQueue.h"
+#include "gatt/GattPayload.h"
 
 namespace lumerix::test {
 
@@ -167,5 +168,17 @@ private:
     int state_;
     std::map<QString, bool> connected_;
 };
+
+// Serves the receiver service 0x5885: the header at 0x5880 (last index = values - 1), then
+// `payload` in 20-byte values from 0x5885 on.
+inline std::shared_ptr<FakeService> serveConnectionInfo(FakeGattPeripheral& p, uint8_t byte0,
+                                                        const ConnectionFields& f,
+                                                        const QByteArray& payload) {
+    auto service = p.addService(0x5885);
+    const auto values = static_cast<int>((payload.size() + 19) / 20);
+    service->add(0x5880, headerValue(byte0, static_cast<uint8_t>(values - 1), f));
+    for (int i = 0; i < values; ++i) service->add(static_cast<quint16>(0x5885 + i), payload.mid(i * 20, 20));
+    return service;
+}
 
 }  // namespace lumerix::test

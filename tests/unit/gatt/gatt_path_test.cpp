@@ -54,14 +54,10 @@ protected:
         return p;
     }
 
-    // The receiver service: header (last index = parts - 1), data values of 20 bytes.
+    // The receiver service beside another one, with a characteristic that is never read.
     void serveConnectionInfo(FakeGattPeripheral& p, uint8_t byte0, const ConnectionFields& f) {
         p.addService(0x1800)->add(0x2A00, "Room 4");
-        auto service = p.addService(0x5885);
-        const auto parts = test::chunks(test::encryptFields(f), 20);
-        service->add(0x5870, "not read");
-        service->add(0x5880, test::headerValue(byte0, static_cast<uint8_t>(parts.size() - 1), f));
-        for (int i = 0; i < parts.size(); ++i) service->add(static_cast<quint16>(0x5885 + i), parts[i]);
+        test::serveConnectionInfo(p, byte0, f, test::encryptFields(f))->add(0x5870, "not read");
     }
 
     QVLumerixItemRef item(const QString& id = kId) { return handler->getItemByUUID(id); }

@@ -36,14 +36,10 @@ protected:
         time.runUntilIdle();
     }
 
-    // A receiver serving the header and the data values (chunkSize bytes each) of `payload`.
-    std::shared_ptr<FakeGattPeripheral> addBeacon(int n, uint8_t byte0, const ConnectionFields& fields,
-                                                  const QByteArray& payload, int chunkSize = 20) {
+    // A receiver serving the header and the data values of `payload`.
+    std::shared_ptr<FakeGattPeripheral> addBeacon(int n, uint8_t byte0, const QByteArray& payload) {
         auto p = std::make_shared<FakeGattPeripheral>(beaconId(n), QStringLiteral("LX"), &main);
-        auto service = p->addService(0x5885);
-        const auto parts = test::chunks(payload, chunkSize);
-        service->add(0x5880, test::headerValue(byte0, static_cast<uint8_t>(parts.size() - 1), fields));
-        for (int i = 0; i < parts.size(); ++i) service->add(static_cast<quint16>(0x5885 + i), parts[i]);
+        test::serveConnectionInfo(*p, byte0, kRoom4, payload);
         beacons.push_back(p);
         return p;
     }
@@ -77,8 +73,8 @@ protected:
 
 TEST_F(LegacyReaderTest, ReadsTwoBeaconsInTurnAndDecodesTheirPayloads) {
     // One encrypted with complemented lengths, one plain text.
-    std::vector<std::shared_ptr<FakeGattPeripheral>> both{
-        addBeacon(0, 0x41, kRoom4, test::encryptFields(kRoom4)), addBeacon(1, 0x40, kRoom4, kRoom4.joined())};
+    std::vector<std::shared_ptr<FakeGattPeripheral>> both{addBeacon(0, 0x41, test::encryptFields(kRoom4)),
+                                                          addBeacon(1, 0x40, kRoom4.joined())};
     // The alive check queues both at 6 s; the reader takes one every 8 s from 8 s on.
     runSeconds(7, both);
     EXPECT_EQ(reader->waitingPeripherals().size(), 2);
@@ -98,7 +94,7 @@ TEST_F(LegacyReaderTest, ReadsTwoBeaconsInTurnAndDecodesTheirPayloads) {
 }
 
 TEST_F(LegacyReaderTest, ARecordStaysFreshFor300Seconds) {
-    auto a = addBeacon(1, 0x41, kRoom4, test::encryptFields(kRoom4));
+    auto a = addBeacon(1, 0x41, test::encryptFields(kRoom4));
     runSeconds(9, {a});
     ASSERT_NE(record(beaconId(1)), nullptr);
     EXPECT_NEAR(record(beaconId(1))->GetTimpStamp(), time.nowMs() / 1000.0 - 1.0, 0.1);  // read at 8 s
@@ -113,8 +109,8 @@ TEST_F(LegacyReaderTest, ARecordStaysFreshFor300Seconds) {
 }
 
 TEST_F(LegacyReaderTest, ABeaconNotHeardFor20SecondsIsDropped) {
-    auto a = addBeacon(1, 0x41, kRoom4, test::encryptFields(kRoom4));
-    auto b = addBeacon(2, 0x41, kRoom4, test::encryptFields(kRoom4));
+    auto a = addBeacon(1, 0x41, test::encryptFields(kRoom4));
+    auto b = addBeacon(2, 0x41, test::encryptFields(kRoom4));
     runSeconds(30, {a, b});  // a is last heard at 29 s
     runSeconds(23, {b});     // the check at 48 s finds 19 s
     EXPECT_EQ(reader->livedBeacons().size(), 2);
@@ -127,7 +123,7 @@ TEST_F(LegacyReaderTest, ABeaconNotHeardFor20SecondsIsDropped) {
 }
 
 TEST_F(LegacyReaderTest, AReadThatNeverStartsEndsAfter8SecondsAndIsRetried) {
-    auto c = addBeacon(1, 0x41, kRoom4, test::encryptFields(kRoom4));
+    auto c = addBeacon(1, 0x41, test::encryptFields(kRoom4));
     c->answersConnect = false;
     runSeconds(8, {c});  // connect requested at 8 s
     time.advance(7900);

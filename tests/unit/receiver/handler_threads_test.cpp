@@ -1,5 +1,5 @@
 // The handler on real threads: advertisements from the scan thread while the main side reads the
-// table, then teardown. Waits on events, never on time; meant for the TSan build.
+// table, and a GATT read; then teardown. Waits on events, never on time; meant for the TSan build.
 #include <gtest/gtest.h>
 
 #include <condition_variable>
@@ -7,31 +7,45 @@
 
 #include "ble/SimulatedCentral.h"
 #include "dispatch/ThreadQueue.h"
+#include "gatt/FakeGattPeripheral.h"
+#include "log/Log.h"
 #include "receiver/LumerixRecordCodec.h"
 #include "receiver/QVLumerixHandler.h"
 
 namespace lumerix {
 namespace {
 
-class CountingDelegate final : public LumerixHandler_Delegate {
+// Counts discoveries and records statuses from whichever thread they arrive on.
+class WaitingDelegate final : public LumerixHandler_Delegate {
 public:
     void lumerixDidDiscoverItem(const QVLumerixItemRef&) override {
-        std::lock_guard lock(mutex);
-        ++discovered;
-        changed.notify_all();
+        note([this] { ++discovered; });
     }
-    bool waitFor(int count) {
+    void lumerixItem(const QVLumerixItemRef&, int status) override {
+        note([&] { statuses.push_back(status); });
+    }
+    template <typename Pred>
+    bool waitFor(Pred done) {
         std::unique_lock lock(mutex);
-        return changed.wait_for(lock, std::chrono::seconds(60), [&] { return discovered == count; });
+        return changed.wait_for(lock, std::chrono::seconds(60), done);
     }
     std::mutex mutex;
     std::condition_variable changed;
     int discovered = 0;
+    std::vector<int> statuses;
+
+private:
+    template <typename F>
+    void note(F change) {
+        std::lock_guard lock(mutex);
+        change();
+        changed.notify_all();
+    }
 };
 
 TEST(HandlerThreads, ConcurrentAdvertisementsAndReaders) {
     ThreadQueue main("main");
-    CountingDelegate delegate;
+    WaitingDelegate delegate;
     HandlerEnvironment env;
     env.mainQueue = &main;
     env.makeQueue = [](const std::string& label) { return std::make_unique<ThreadQueue>(label); };
@@ -66,7 +80,7 @@ TEST(HandlerThreads, ConcurrentAdvertisementsAndReaders) {
             }
         });
     }
-    ASSERT_TRUE(delegate.waitFor(kDevices * kRounds));
+    ASSERT_TRUE(delegate.waitFor([&] { return delegate.discovered == kDevices * kRounds; }));
     EXPECT_EQ(handler->discoveredDeviceInfo().size(), kDevices);
     EXPECT_EQ(handler->itemAtAddress(QStringLiteral("10.0.0.3"))->receiverName().value_or(QString()),
               QStringLiteral("Room 3"));
@@ -77,6 +91,44 @@ TEST(HandlerThreads, ConcurrentAdvertisementsAndReaders) {
     evaluate->sync([] {});
     handler.reset();
     main.sync([] {});
+}
+
+// The GATT read with central callbacks on the scan thread, decay timers on the evaluation thread and
+// status reports on a main thread.
+TEST(GattThreads, AReadOnThreadQueuesReportsConnectedResolvedDisconnected) {
+    ScopedLogCapture log;
+    ThreadQueue main("main");
+    WaitingDelegate waiter;
+    std::shared_ptr<test::FakeGattPeripheral> peripheral;
+    HandlerEnvironment env;
+    env.mainQueue = &main;
+    env.makeQueue = [](const std::string& label) { return std::make_unique<ThreadQueue>(label); };
+    env.makeCentral = [](BleCentralDelegate* d, DispatchQueue* q) {
+        return std::make_unique<test::FakeGattCentral>(d, q);
+    };
+    auto handler = QVLumerixHandler::create(env);
+    handler->setDelegate(&waiter);
+    auto* scan = static_cast<ThreadQueue*>(handler->scanningQueue());
+
+    const test::ConnectionFields fields{"Lab-WiFi", "s3cret-key", "192.168.1.20", "Room 4", "1234"};
+    peripheral = std::make_shared<test::FakeGattPeripheral>(
+        QStringLiteral("00000000-0000-0000-0000-0000000000D4"), QStringLiteral("Room 4"), scan);
+    test::serveConnectionInfo(*peripheral, 0x41, fields, test::encryptFields(fields));
+
+    QVLumerixItemRef item;
+    scan->sync([&] {
+        item = handler->discoverPeripheral(peripheral, AdvertisementData{QStringLiteral("LX"), std::nullopt},
+                                           -60);
+        handler->connectItemForTesting(item);
+    });
+    ASSERT_TRUE(waiter.waitFor([&] { return waiter.statuses.size() >= 3; }));
+    EXPECT_EQ(waiter.statuses,
+              (std::vector<int>{LumerixItemConnected, LumerixItemResolved, LumerixItemDisconnected}));
+    const LumerixStruct record = item->lumerix();
+    EXPECT_STREQ(record.ReceiverIP, "192.168.1.20");
+    EXPECT_STREQ(record.ReceiverName, "Room 4");
+    handler->setDelegate(nullptr);
+    handler.reset();
 }
 
 }  // namespace
