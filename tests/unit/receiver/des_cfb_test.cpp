@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <QByteArray>
+#include <cstdlib>
 
 #include "common/OpensslTool.h"
 #include "receiver/DesCfb.h"
@@ -55,7 +56,7 @@ TEST(DesCfb, RoundTripsAndAgreesWithTheOpensslTool) {
         }
         EXPECT_EQ(run(false, cipher), plain) << n;
     }
-    if (!test::opensslEnc({QStringLiteral("-list")}, {})) GTEST_SKIP() << "no openssl tool";
+    if (std::system("command -v openssl >/dev/null 2>&1") != 0) GTEST_SKIP() << "no openssl tool";
     for (int n : {1, 7, 8, 9, 17, 64, 255}) {
         const QByteArray plain = pattern(n);
         const QByteArray ours = run(true, plain);

@@ -1,53 +1,62 @@
 // Process lookup against real processes started under a unique command name.
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
-#include <QFile>
-#include <QProcess>
 #include <QTemporaryDir>
 #include <algorithm>
+#include <cstdio>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "sender/GetPID.h"
 
+extern char** environ;
+
 namespace lumerix {
 namespace {
 
 // Children that run sleep under `name`: the kernel takes the process name from the path that was
-// executed, so a symlink to sleep will do.
+// executed, so a symlink to sleep will do. posix_spawn and popen rather than QProcess, whose
+// clone-based spawn the thread sanitizer rejects.
 class Children {
 public:
-    explicit Children(const std::string& name) : link_(dir_.filePath(QString::fromStdString(name))) {
-        if (!QFile::link(QStringLiteral("/bin/sleep"), link_)) ADD_FAILURE() << "symlink";
+    explicit Children(const std::string& name) : link_(dir_.path().toStdString() + "/" + name) {
+        if (::symlink("/bin/sleep", link_.c_str()) != 0) ADD_FAILURE() << "symlink";
     }
     ~Children() {
-        for (auto& p : processes_) {
-            p->kill();
-            p->waitForFinished();
+        for (const pid_t pid : pids_) {
+            ::kill(pid, SIGKILL);
+            ::waitpid(pid, nullptr, 0);
         }
     }
-    qint64 spawn() {
-        processes_.push_back(std::make_unique<QProcess>());
-        processes_.back()->start(link_, {QStringLiteral("60")});
-        return processes_.back()->waitForStarted() ? processes_.back()->processId() : -1;
+    pid_t spawn() {
+        char arg0[] = "sleep";
+        char arg1[] = "60";
+        char* argv[] = {arg0, arg1, nullptr};
+        pid_t pid = 0;
+        // posix_spawn returns after the exec, so the new name is in place.
+        if (::posix_spawn(&pid, link_.c_str(), nullptr, nullptr, argv, environ) != 0) return -1;
+        pids_.push_back(pid);
+        return pid;
     }
 
 private:
     QTemporaryDir dir_;
-    QString link_;
-    std::vector<std::unique_ptr<QProcess>> processes_;
+    std::string link_;
+    std::vector<pid_t> pids_;
 };
 
 // The pids pgrep finds for an exact process name, ascending.
 std::vector<int32_t> pgrep(const std::string& name) {
-    QProcess p;
-    p.start(QStringLiteral("pgrep"), {QStringLiteral("-x"), QString::fromStdString(name)});
-    p.waitForFinished(10000);
     std::vector<int32_t> out;
-    for (const QByteArray& line : p.readAllStandardOutput().split('\n'))
-        if (!line.isEmpty()) out.push_back(line.toInt());
+    FILE* pipe = popen(("pgrep -x " + name).c_str(), "r");
+    if (!pipe) return out;
+    for (int pid = 0; std::fscanf(pipe, "%d", &pid) == 1;) out.push_back(pid);
+    pclose(pipe);
     std::sort(out.begin(), out.end());
     return out;
 }
@@ -55,7 +64,7 @@ std::vector<int32_t> pgrep(const std::string& name) {
 TEST(GetAllPIDsForProcessName, AgreesWithPgrep) {
     const std::string name = "lmx" + std::to_string(::getpid() % 100000000);  // at most 11 characters
     Children children(name);
-    const qint64 first = children.spawn();
+    const pid_t first = children.spawn();
     EXPECT_EQ(GetPIDForProcessName(name.c_str()), first) << "one running";
     ASSERT_GT(children.spawn(), 0);
     const std::vector<int32_t> found = pgrep(name);
