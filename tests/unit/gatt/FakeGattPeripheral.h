@@ -13,6 +13,7 @@
 #include "ble/BleCentral.h"
 #include "dispatch/ThreadQueue.h"
 #include "dispatch/DispatchQueue.h"
+#include "gatt/GattPayload.h"
 
 namespace lumerix::test {
 
@@ -23,7 +24,6 @@ public:
     QByteArray value() const override { return value_; }
     void setValue(const QByteArray& v) { value_ = v; }
     const QByteArray& served() const { return served_; }
-    std::optional<BleError> readError;
 
 private:
     BleUuid uuid_;
@@ -89,8 +89,8 @@ public:
         auto fake = std::static_pointer_cast<FakeCharacteristic>(c);
         reads.push_back(fake->uuid().toString());
         post([this, fake] {
-            if (!fake->readError) fake->setValue(fake->served());
-            if (delegate_) delegate_->peripheralDidUpdateValueForCharacteristic(*this, fake, fake->readError);
+            fake->setValue(fake->served());
+            if (delegate_) delegate_->peripheralDidUpdateValueForCharacteristic(*this, fake, std::nullopt);
         });
     }
 
@@ -155,9 +155,6 @@ public:
         connected_[p->identifier()] = false;
         queue_->async([this, p, error] { delegate_->centralManagerDidDisconnectPeripheral(p, error); });
     }
-    void failConnect(const BlePeripheralRef& p, BleError error) {
-        queue_->async([this, p, error] { delegate_->centralManagerDidFailToConnectPeripheral(p, error); });
-    }
     void advertise(const BlePeripheralRef& p, const QString& localName, double rssi) {
         AdvertisementData data;
         data.localName = localName;
@@ -176,5 +173,17 @@ private:
     int state_;
     std::map<QString, bool> connected_;
 };
+
+// Serves the receiver service 0x5885: the header at 0x5880 (last index = values - 1), then
+// `payload` in 20-byte values from 0x5885 on.
+inline std::shared_ptr<FakeService> serveConnectionInfo(FakeGattPeripheral& p, uint8_t byte0,
+                                                        const ConnectionFields& f,
+                                                        const QByteArray& payload) {
+    auto service = p.addService(0x5885);
+    const auto values = static_cast<int>((payload.size() + 19) / 20);
+    service->add(0x5880, headerValue(byte0, static_cast<uint8_t>(values - 1), f));
+    for (int i = 0; i < values; ++i) service->add(static_cast<quint16>(0x5885 + i), payload.mid(i * 20, 20));
+    return service;
+}
 
 }  // namespace lumerix::test

@@ -4,7 +4,6 @@
 #include <openssl/evp.h>
 
 #include <QByteArray>
-#include <QList>
 #include <cstdint>
 
 #include "receiver/LumerixKeys.h"
@@ -50,13 +49,6 @@ inline QByteArray headerValue(uint8_t byte0, uint8_t byte1, const ConnectionFiel
         h.append(static_cast<char>(inverted ? static_cast<uint8_t>(~len) : len));
     }
     return h;
-}
-
-// Cuts bytes into pieces of at most `size` bytes.
-inline QList<QByteArray> chunks(const QByteArray& bytes, int size) {
-    QList<QByteArray> out;
-    for (int i = 0; i < bytes.size(); i += size) out.append(bytes.mid(i, size));
-    return out;
 }
 
 }  // namespace lumerix::test

@@ -1,13 +1,10 @@
 #include <gtest/gtest.h>
 
 #include <QByteArray>
-#include <QTemporaryFile>
-#include <cstdio>
-#include <string>
 
+#include "common/OpensslTool.h"
 #include "gatt/GattPayload.h"
 #include "receiver/AesEcb.h"
-#include "receiver/CheckedCopy.h"
 #include "receiver/LumerixKeys.h"
 
 namespace lumerix {
@@ -30,21 +27,12 @@ TEST(AesEcb, DecryptsTheFips197Aes128Vector) {
 TEST(AesEcb, MatchesOpensslCommandLineWithTheReceiverKey) {
     const QByteArray plain = QByteArray("Lab-WiFis3cret-key192.168.1.20Room 41234").leftJustified(64, '.');
     ASSERT_EQ(plain.size() % 16, 0);
-    QTemporaryFile in;
-    ASSERT_TRUE(in.open());
-    in.write(plain);
-    in.flush();
-    const QByteArray keyHex =
-        QByteArray(reinterpret_cast<const char*>(kLumerixConnectionInfoKey), 16).toHex();
-    const std::string cmd = "openssl enc -aes-128-ecb -nopad -K " + keyHex.toStdString() + " -in '" +
-                            in.fileName().toStdString() + "'";
-    FILE* pipe = popen(cmd.c_str(), "r");
-    ASSERT_NE(pipe, nullptr);
-    QByteArray cipher;
-    char buf[256];
-    size_t n;
-    while ((n = fread(buf, 1, sizeof buf, pipe)) > 0) cipher.append(buf, static_cast<qsizetype>(n));
-    ASSERT_EQ(pclose(pipe), 0);
+    const QString keyHex =
+        QString::fromLatin1(QByteArray(reinterpret_cast<const char*>(kLumerixConnectionInfoKey), 16).toHex());
+    const auto tool = test::opensslEnc(
+        {QStringLiteral("-aes-128-ecb"), QStringLiteral("-nopad"), QStringLiteral("-K"), keyHex}, plain);
+    ASSERT_TRUE(tool.has_value()) << "openssl enc failed";
+    const QByteArray cipher = *tool;
     ASSERT_EQ(cipher.size(), plain.size());
 
     uint8_t out[256] = {};
@@ -53,41 +41,6 @@ TEST(AesEcb, MatchesOpensslCommandLineWithTheReceiverKey) {
     EXPECT_EQ(r.status, AesStatus::Success);
     EXPECT_EQ(QByteArray(reinterpret_cast<char*>(out), plain.size()), plain);
     EXPECT_EQ(test::aesEcbEncrypt(plain), cipher);  // the tests' own encryptor agrees
-}
-
-TEST(AesEcb, FailuresAreDistinctAndWriteNothing) {
-    const QByteArray cipher(272, '\x5a');
-    struct Case {
-        const char* what;
-        const uint8_t* key;
-        size_t length;
-        size_t capacity;
-        AesStatus status;
-        size_t moved;
-    } cases[] = {
-        {"empty input", kLumerixConnectionInfoKey, 0, 256, AesStatus::Success, 0},
-        {"not whole blocks", kLumerixConnectionInfoKey, 17, 256, AesStatus::AlignmentError, 0},
-        {"not whole blocks and too long", kLumerixConnectionInfoKey, 271, 256, AesStatus::AlignmentError, 0},
-        {"longer than the output", kLumerixConnectionInfoKey, 272, 256, AesStatus::BufferTooSmall, 272},
-        {"no key", nullptr, 16, 256, AesStatus::ParamError, 0},
-    };
-    for (const Case& c : cases) {
-        uint8_t out[256];
-        memset(out, 0xEE, sizeof out);
-        const AesResult r = aes128EcbDecrypt(c.key, u8(cipher), c.length, out, c.capacity);
-        EXPECT_EQ(r.status, c.status) << c.what;
-        EXPECT_EQ(r.dataOutMoved, c.moved) << c.what;
-        EXPECT_EQ(QByteArray(reinterpret_cast<char*>(out), 256), QByteArray(256, '\xEE')) << c.what;
-    }
-}
-
-TEST(CheckedCopyDeathTest, CopyBeyondTheBoundLogsAndEndsTheProcess) {
-    char record[20] = {};
-    const char src[32] = "0123456789012345678901234567890";
-    checkedCopy(record, sizeof record, src, 20, "ReceiverLoginCode");  // exactly the bound is fine
-    EXPECT_EQ(record[19], '9');
-    EXPECT_DEATH(checkedCopy(record, sizeof record, src, 21, "ReceiverLoginCode"),
-                 "copy of 21 bytes into ReceiverLoginCode exceeds its 20-byte bound");
 }
 
 }  // namespace

@@ -2,9 +2,7 @@
 // A handler on virtual time: one VirtualTime, ManualQueues for main, scan and evaluate, a
 // SimulatedCentral, and a delegate that records each callback with the queue it arrived on.
 #include <QString>
-#include <map>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
@@ -22,23 +20,19 @@ struct DelegateEvent {
     std::string queue;  // label of DispatchQueue::current() when it arrived
 };
 
+// Single-threaded: every queue here is a ManualQueue run from the test's thread.
 class RecordingDelegate final : public LumerixHandler_Delegate {
 public:
-    void lumerixStateDidChange(int state) override { add({"state", nullptr, state, here()}); }
-    void lumerixDidDiscoverItem(const QVLumerixItemRef& item) override { add({"discover", item, 0, here()}); }
-    void lumerixClosestItemDidChange(const QVLumerixItemRef& item) override {
-        add({"closest", item, 0, here()});
-    }
-    void lumerixItem(const QVLumerixItemRef& item, int status) override {
-        add({"status", item, status, here()});
-    }
-    void lumerixOnError(int code) override { add({"error", nullptr, code, here()}); }
+    void lumerixStateDidChange(int state) override { add("state", nullptr, state); }
+    void lumerixDidDiscoverItem(const QVLumerixItemRef& item) override { add("discover", item, 0); }
+    void lumerixClosestItemDidChange(const QVLumerixItemRef& item) override { add("closest", item, 0); }
+    void lumerixItem(const QVLumerixItemRef& item, int status) override { add("status", item, status); }
+    void lumerixOnError(int code) override { add("error", nullptr, code); }
 
-    std::vector<DelegateEvent> events(const std::string& kind = {}) const {
-        std::lock_guard lock(mutex_);
+    std::vector<DelegateEvent> events(const std::string& kind) const {
         std::vector<DelegateEvent> out;
-        for (const auto& e : events_)
-            if (kind.empty() || e.kind == kind) out.push_back(e);
+        for (const auto& e : all)
+            if (e.kind == kind) out.push_back(e);
         return out;
     }
     std::vector<int> values(const std::string& kind) const {
@@ -46,45 +40,34 @@ public:
         for (const auto& e : events(kind)) out.push_back(e.value);
         return out;
     }
-    void clear() {
-        std::lock_guard lock(mutex_);
-        events_.clear();
-    }
+    std::vector<DelegateEvent> all;
 
 private:
-    static std::string here() {
+    void add(const char* kind, QVLumerixItemRef item, int value) {
         DispatchQueue* q = DispatchQueue::current();
-        return q ? q->label() : std::string("none");
+        all.push_back({kind, std::move(item), value, q ? q->label() : std::string("none")});
     }
-    void add(DelegateEvent e) {
-        std::lock_guard lock(mutex_);
-        events_.push_back(std::move(e));
-    }
-    mutable std::mutex mutex_;
-    std::vector<DelegateEvent> events_;
 };
 
 struct HandlerHarness {
-    explicit HandlerHarness(SimulatedScenario scenario = {}, int initialState = BleStatePoweredOn) {
+    explicit HandlerHarness(BleCentralFactory makeCentral = simulatedCentralFactory({})) {
         HandlerEnvironment env;
         env.clock = time;
         env.mainQueue = &main;
         env.makeQueue = [this](const std::string& label) -> std::unique_ptr<DispatchQueue> {
             return std::make_unique<ManualQueue>(*time, label);
         };
-        env.makeCentral = simulatedCentralFactory(std::move(scenario), initialState);
+        env.makeCentral = std::move(makeCentral);
         handler = QVLumerixHandler::create(std::move(env));
         handler->setDelegate(&delegate);
-        time->runUntilIdle();
+        run();
     }
     ~HandlerHarness() {
         if (handler) handler->setDelegate(nullptr);
-        handler.reset();
     }
 
     SimulatedCentral& central() { return *dynamic_cast<SimulatedCentral*>(handler->cbCM()); }
     void run() { time->runUntilIdle(); }
-    void advance(double ms) { time->advance(ms); }
 
     // One advertisement from `id`, processed through to the main queue.
     void advertise(const QString& id, double rssi, std::optional<QByteArray> record = std::nullopt,
@@ -94,16 +77,15 @@ struct HandlerHarness {
     }
     QVLumerixItemRef item(const QString& id) { return handler->getItemByUUID(id); }
     // A fresh item, not in the table, for calling the decoder directly.
-    QVLumerixItemRef looseItem(const QString& id = QStringLiteral("00000000-0000-0000-0000-0000000000AA")) {
-        return QVLumerixItem::initWithPeripheral(central().peripheral(id), time);
+    QVLumerixItemRef looseItem() {
+        return QVLumerixItem::initWithPeripheral(central().peripheral(deviceId(99)), time);
     }
+    static QString deviceId(int n) { return SimulatedCentral::identifierForIndex(static_cast<size_t>(n)); }
 
     std::shared_ptr<VirtualTime> time = std::make_shared<VirtualTime>();
     ManualQueue main{*time, "main"};
     RecordingDelegate delegate;
     std::shared_ptr<QVLumerixHandler> handler;
 };
-
-inline QString deviceId(int n) { return SimulatedCentral::identifierForIndex(static_cast<size_t>(n)); }
 
 }  // namespace lumerix::test

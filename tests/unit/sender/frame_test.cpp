@@ -21,30 +21,21 @@ ConnectionInfo info(std::initializer_list<std::pair<const char*, QString>> entri
     return map;
 }
 
-uint8_t checksum(const uint8_t* from, const uint8_t* to) {
-    int sum = 0;
-    for (const uint8_t* p = from; p < to; ++p) sum += *p;
-    return static_cast<uint8_t>(sum);
+Bytes hex(const char* digits) {
+    const QByteArray b = QByteArray::fromHex(digits);
+    return Bytes(b.begin(), b.end());
 }
 
-struct FrameCase {
-    const char* name;
-    ConnectionInfo userInfo;
-    Bytes expectedPrefix;  // the first bytes of the buffer
-    uint64_t expectedLength;
-};
-
 TEST(GeneralPacket, BuildsTheFrameLayout) {
-    const QString ip = QStringLiteral("192.168.1.10");
-    Bytes ipFrame{0x02, 0x03, 0x03, 0x16, 0x00, 0x0C};
-    for (const char c : ip.toLatin1()) ipFrame.push_back(static_cast<uint8_t>(c));
-    ipFrame.insert(ipFrame.end(), {0, 0, 0, 0});
-    ipFrame.push_back(checksum(ipFrame.data() + 5, ipFrame.data() + 22));
-    ipFrame.insert(ipFrame.end(), {0x02, 0x03});
-
-    const std::vector<FrameCase> cases = {
-        {"empty", {}, {0x02, 0x03, 0x03, 0x0A, 0x00, 0, 0, 0, 0, 0, 0x00, 0x02, 0x03}, 12},
-        {"ip only", info({{"IP", ip}}), ipFrame, 24},
+    const struct {
+        const char* name;
+        ConnectionInfo userInfo;
+        Bytes expectedPrefix;  // the first bytes of the buffer
+        uint64_t expectedLength;
+    } cases[] = {
+        {"empty", {}, hex("0203030a000000000000000203"), 12},
+        {"ip only", info({{"IP", QStringLiteral("192.168.1.10")}}),
+         hex("02030316000c3139322e3136382e312e313000000000630203"), 24},
         {"Café is cut to four bytes",
          info({{"DeviceName", QString::fromUtf8("Caf\xC3\xA9")}}),
          {0x02, 0x03, 0x03, 0x0E, 0x00, 0x00, 0x04, 0x43, 0x61, 0x66, 0xC3, 0, 0, 0,
@@ -60,17 +51,13 @@ TEST(GeneralPacket, BuildsTheFrameLayout) {
          {0x02, 0x03, 0x03, 0x0F, 0x00, 1, 'a', 1, 'b', 1, 'c', 1, 'd', 1, 'e',
           static_cast<uint8_t>(5 + 'a' + 'b' + 'c' + 'd' + 'e'), 0x02, 0x03},
          17},
-        {"a present empty value is an empty field",
-         info({{"IP", QString()}, {"WiFiKey", QStringLiteral("k")}}),
-         {0x02, 0x03, 0x03, 0x0B, 0x00, 0, 0, 0, 0, 1, 'k', static_cast<uint8_t>(1 + 'k'), 0x02, 0x03},
-         13},
         {"an embedded zero ends the copy, the rest is zero-filled",
          info({{"IP", QStringLiteral("ab") + QChar(0) + QStringLiteral("c")}}),
          {0x02, 0x03, 0x03, 0x0E, 0x00, 4, 'a', 'b', 0, 0, 0, 0, 0, 0, static_cast<uint8_t>(4 + 'a' + 'b'),
           0x02, 0x03},
          16},
     };
-    for (const FrameCase& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         std::array<uint8_t, kFrameBufferSize> buffer;
         buffer.fill(0xEE);
@@ -82,35 +69,31 @@ TEST(GeneralPacket, BuildsTheFrameLayout) {
 }
 
 TEST(GeneralPacket, LengthAndFieldLimits) {
-    struct LimitCase {
-        const char* name;
-        ConnectionInfo userInfo;
-        uint64_t bufferLength;
-        uint64_t expected;  // 0 = refused
-    };
     const QString f255(255, QLatin1Char('x'));
     const QString f256(256, QLatin1Char('x'));
     // 255 UTF-16 units but 256 UTF-8 bytes: too long for the scratch copy.
     const QString multibyte = QString(254, QLatin1Char('x')) + QString::fromUtf8("\xC3\xA9");
-    const std::vector<LimitCase> cases = {
+    const struct {
+        const char* name;
+        ConnectionInfo userInfo;
+        uint64_t bufferLength;
+        uint64_t expected;  // 0 = refused
+    } cases[] = {
         {"255 characters fit", info({{"IP", f255}}), 1024, 255 + 12},
         {"256 characters refused", info({{"WiFiKey", f256}}), 1024, 0},
         {"256 UTF-8 bytes refused", info({{"DeviceName", multibyte}}), 1024, 0},
-        {"three fields of 255 fit", info({{"IP", f255}, {"DeviceName", f255}, {"LoginCode", f255}}), 1024,
-         765 + 12},
+        {"L=300 over two length bytes", info({{"IP", f255}, {"DeviceName", QString(35, QLatin1Char('y'))}}),
+         1024, 302},
         {"four fields of 255 overflow 1024",
          info({{"IP", f255}, {"DeviceName", f255}, {"LoginCode", f255}, {"WiFiSSID", f255}}), 1024, 0},
-        {"exactly fits L+3", info({{"IP", QStringLiteral("abc")}}), 16, 15},
-        {"one byte short", info({{"IP", QStringLiteral("abc")}}), 15, 0},
     };
-    for (const LimitCase& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         std::vector<uint8_t> buffer(1400, 0xEE);
         ScopedLogCapture capture;
         EXPECT_EQ(MainController::GeneralPacket(buffer.data(), c.bufferLength, c.userInfo), c.expected);
         if (c.expected == 0) {
             EXPECT_EQ(buffer, std::vector<uint8_t>(1400, 0xEE)) << "a refusal writes nothing";
-            EXPECT_EQ(capture.lines().size(), 2) << capture.lines().join(QString()).toStdString();
         } else {
             const uint64_t length = c.expected - 2;
             EXPECT_EQ(buffer[3], length & 0xFF);
@@ -121,31 +104,6 @@ TEST(GeneralPacket, LengthAndFieldLimits) {
     }
 }
 
-TEST(GeneralPacket, LogsFieldsPositionsAndSignWidenedHex) {
-    std::array<uint8_t, kFrameBufferSize> buffer{};
-    ScopedLogCapture capture;
-    // "é" makes a field byte >= 0x80 and pushes the checksum above 0x80 as well.
-    MainController::GeneralPacket(
-        buffer.data(), buffer.size(),
-        info({{"IP", QStringLiteral("1")}, {"LoginCode", QString::fromUtf8("\xC3\xA9")}}));
-    const QStringList expected = {
-        QStringLiteral("GeneralPacket\n"),
-        QStringLiteral("GeneralPacket ip: 1\n"),
-        QStringLiteral("Finish GeneralPacket ip: 7\n"),
-        QStringLiteral("GeneralPacket DeviceName: (null)\n"),
-        QStringLiteral("Finish GeneralPacket DeviceName: 8\n"),
-        QString::fromUtf8("GeneralPacket LoginCode: \xC3\xA9\n"),
-        QStringLiteral("Finish GeneralPacket LoginCode: 10\n"),
-        QStringLiteral("GeneralPacket WiFiSSID: (null)\n"),
-        QStringLiteral("Finish GeneralPacket WiFiSSID: 11\n"),
-        QStringLiteral("GeneralPacket WiFiKey: (null)\n"),
-        QStringLiteral("Finish GeneralPacket WiFiKey: 12\n"),
-        // checksum 01 + 31 + 00 + 01 + c3 + 00 + 00 = f6
-        QStringLiteral("GeneralPacket: 02 03 03 0c 00 01 31 00 01 ffffffc3 00 00 fffffff6 02 \n\n"),
-    };
-    EXPECT_EQ(capture.lines(), expected);
-}
-
 Bytes zeroPadded(const Bytes& head) {
     Bytes request(kFrameBufferSize, 0);
     std::copy(head.begin(), head.end(), request.begin());
@@ -153,38 +111,26 @@ Bytes zeroPadded(const Bytes& head) {
 }
 
 TEST(ParserCmd, JudgesRequestsAndHandsOutOnce) {
-    struct ParserCase {
-        const char* name;
-        Bytes request;  // the head of a zeroed 1024-byte receive buffer
-        bool accepted;
-    };
     Bytes longValid = {0x02, 0x03, 0x04, 0x2C, 0x01};  // L = 300
     longValid.resize(300, 0x01);
     longValid.push_back(static_cast<uint8_t>(295));
     longValid.insert(longValid.end(), {0x02, 0x03});
-    Bytes atEdge = {0x02, 0x03, 0x04, 0xFD, 0x04};  // L = -3 + 4 * 256 = 1021: the end mark sits at 1023
-    atEdge.resize(1021, 0);
-    atEdge.insert(atEdge.end(), {0x00, 0x02, 0x03});
 
-    const std::vector<ParserCase> cases = {
+    const struct {
+        const char* name;
+        Bytes request;  // the head of a zeroed 1024-byte receive buffer
+        bool accepted;
+    } cases[] = {
         {"L=5, expected checksum 0", {0x02, 0x03, 0x04, 0x05, 0x00, 0x00, 0x02, 0x03}, true},
         {"L=6 good checksum", {0x02, 0x03, 0x04, 0x06, 0x00, 0x41, 0x41, 0x02, 0x03}, true},
         {"L=6 bad checksum", {0x02, 0x03, 0x04, 0x06, 0x00, 0x41, 0x42, 0x02, 0x03}, false},
-        {"first start mark wrong only", {0x07, 0x03, 0x04, 0x05, 0x00, 0x00, 0x02, 0x03}, true},
-        {"second start mark wrong only", {0x02, 0x07, 0x04, 0x05, 0x00, 0x00, 0x02, 0x03}, true},
-        {"both start marks wrong", {0x07, 0x07, 0x04, 0x05, 0x00, 0x00, 0x02, 0x03}, false},
+        {"one start mark is enough", {0x07, 0x03, 0x04, 0x05, 0x00, 0x00, 0x02, 0x03}, true},
         {"command 0x03", {0x02, 0x03, 0x03, 0x05, 0x00, 0x00, 0x02, 0x03}, false},
         {"one end mark is enough", {0x02, 0x03, 0x04, 0x05, 0x00, 0x00, 0x09, 0x03}, true},
         {"both end marks wrong", {0x02, 0x03, 0x04, 0x05, 0x00, 0x00, 0x09, 0x09}, false},
-        {"signed checksum over 0x80 bytes",
-         {0x02, 0x03, 0x04, 0x07, 0x00, 0x90, 0x90, 0x20, 0x02, 0x03},
-         true},
         {"L = 300 over two length bytes", longValid, true},
-        {"L+2 at the last byte", atEdge, true},
         {"L+2 just outside the buffer", {0x02, 0x03, 0x04, 0xFE, 0x04}, false},
-        {"L far outside", {0x02, 0x03, 0x04, 0x00, 0x7F}, false},
         {"negative L through byte 4", {0x02, 0x03, 0x04, 0x05, 0xFF}, false},
-        {"byte 3 above 0x7F subtracts 256", {0x02, 0x03, 0x04, 0x85, 0x00}, false},
     };
     std::atomic<bool> closing{false};
     PendingConnectionSlot slot;
@@ -196,11 +142,10 @@ TEST(ParserCmd, JudgesRequestsAndHandsOutOnce) {
     const uint64_t expectedLength =
         MainController::GeneralPacket(expectedFrame.data(), expectedFrame.size(), parked);
 
-    for (const ParserCase& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         const Bytes request = zeroPadded(c.request);
         std::array<uint8_t, kFrameBufferSize> output{};
-
         EXPECT_EQ(listener.ParserCmd(request.data(), output.data(), output.size()), 0u) << "nothing parked";
 
         slot.park(parked);
@@ -217,17 +162,6 @@ TEST(ParserCmd, JudgesRequestsAndHandsOutOnce) {
             slot.take();
         }
     }
-}
-
-TEST(PendingConnectionSlot, ParkReplacesAndTakeEmpties) {
-    PendingConnectionSlot slot;
-    EXPECT_FALSE(slot.take().has_value());
-    slot.park(info({{"IP", QStringLiteral("first")}}));
-    slot.park(info({{"IP", QStringLiteral("second")}}));
-    const auto taken = slot.take();
-    ASSERT_TRUE(taken.has_value());
-    EXPECT_EQ(taken->value(QStringLiteral("IP")), QStringLiteral("second"));
-    EXPECT_FALSE(slot.isPending());
 }
 
 TEST(HexDump, Lines) {
@@ -253,7 +187,6 @@ TEST(HexDump, Lines) {
          "[FFFF:FFF8] 7A 7A 7A 7A 7A 7A 7A 7F-20 7A 7A 7A 7A 7A 7A 7A |zzzzzzz.  zzzzzzz|\n"
          "[0000:0008] 7A" +
              std::string(60 - 14, ' ') + "|z|\n"},
-        {"nothing", {}, 0, ""},
     };
     for (const DumpCase& c : cases) {
         SCOPED_TRACE(c.name);

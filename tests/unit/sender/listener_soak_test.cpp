@@ -6,9 +6,7 @@
 #include <array>
 #include <atomic>
 #include <deque>
-#include <memory>
 #include <random>
-#include <thread>
 
 #include "log/Log.h"
 #include "sender/CommandListener.h"
@@ -31,9 +29,7 @@ int openDescriptors() {
 
 TEST(CommandListenerSoak, TwentyThousandRequestsStayBoundedAndHandOutOnce) {
     constexpr int kRequests = 20000;
-    constexpr int kSilentClients = 2;  // each costs the 2 s receive wait, served one after another
-    constexpr size_t kHeldByClients = 80;
-
+    constexpr size_t kHeldByClients = 80;  // clients that never close, more than the listener keeps
     ScopedLogCapture quiet;
     std::atomic<bool> closing{false};
     PendingConnectionSlot slot;
@@ -41,81 +37,47 @@ TEST(CommandListenerSoak, TwentyThousandRequestsStayBoundedAndHandOutOnce) {
     auto listener = std::make_unique<CommandListener>(slot, closing, 0);
     listener->start();
     const uint16_t port = listener->port();
-    int sent = 0;
-
-    // Clients that connect and say nothing: answered after the receive wait from the (zeroed) buffer.
-    std::vector<std::thread> silent;
-    std::array<Bytes, kSilentClients> silentReplies;
-    std::array<int, kSilentClients> silentFds{};
-    for (int i = 0; i < kSilentClients; ++i) {
-        silentFds[i] = connectTo(port);
-        silent.emplace_back([&, i] { silentReplies[i] = readReply(silentFds[i], 1); });
-    }
-    for (auto& t : silent) t.join();
-    for (int i = 0; i < kSilentClients; ++i) {
-        EXPECT_EQ(silentReplies[i], Bytes{0x00});
-        ::close(silentFds[i]);
-    }
-    sent += kSilentClients;
-
     const Bytes valid = {0x02, 0x03, 0x04, 0x06, 0x00, 0x41, 0x41, 0x02, 0x03};
     std::mt19937 random(20261123);
-    std::deque<int> held;  // clients that never close, more than the listener keeps
-    int parks = 0;
-    int framesHandedOut = 0;
+    std::deque<int> held;
     int peak = 0;
 
-    for (int round = 0; sent < kRequests; ++round) {
-        switch (round % 4) {
-            case 0: {  // park a new receiver; the next valid request gets it, the one after does not
-                const QString ip =
-                    QStringLiteral("10.%1.%2.%3").arg(sent >> 16).arg((sent >> 8) & 0xFF).arg(sent & 0xFF);
-                slot.park({{QStringLiteral("IP"), ip}});
-                ++parks;
+    for (int sent = 0; sent < kRequests; ++sent) {
+        switch (sent % 4) {
+            case 0: {  // park a receiver: the next valid request gets it, the one after does not
+                const ConnectionInfo info{
+                    {QStringLiteral("IP"), QStringLiteral("10.0.%1.%2").arg(sent >> 8).arg(sent & 0xFF)}};
+                slot.park(info);
                 std::array<uint8_t, kFrameBufferSize> frame{};
-                const uint64_t length =
-                    MainController::GeneralPacket(frame.data(), frame.size(), {{QStringLiteral("IP"), ip}});
-                const Bytes reply = askListener(port, valid);
-                ASSERT_EQ(reply, Bytes(frame.begin(), frame.begin() + length)) << "request " << sent;
-                ++framesHandedOut;
-                ASSERT_EQ(askListener(port, valid), Bytes{0x00}) << "request " << sent + 1;
-                sent += 2;
+                const uint64_t length = MainController::GeneralPacket(frame.data(), frame.size(), info);
+                ASSERT_EQ(askListener(port, valid), Bytes(frame.begin(), frame.begin() + length)) << sent;
+                ASSERT_EQ(askListener(port, valid), Bytes{0x00}) << sent;
                 break;
             }
             case 1: {  // random bytes
                 Bytes junk(3 + random() % 40);
                 for (auto& b : junk) b = static_cast<uint8_t>(random());
                 junk[2] = 0x04;
-                ASSERT_EQ(askListener(port, junk), Bytes{0x00}) << "request " << sent;
-                ++sent;
+                ASSERT_EQ(askListener(port, junk), Bytes{0x00}) << sent;
                 break;
             }
-            case 2: {  // connect and close at once without a word
-                const int fd = connectTo(port);
-                ASSERT_NE(fd, -1);
-                ::close(fd);
-                ++sent;
+            case 2:  // connect and close at once without a word
+                ::close(connectTo(port));
                 break;
-            }
             default: {  // a client that keeps its connection after the answer
                 const int fd = connectTo(port);
                 ASSERT_NE(fd, -1);
                 ::send(fd, valid.data(), valid.size(), MSG_NOSIGNAL);
-                ASSERT_EQ(readReply(fd, 1), Bytes{0x00}) << "request " << sent;
+                ASSERT_EQ(readReply(fd, 1), Bytes{0x00}) << sent;
                 held.push_back(fd);
                 if (held.size() > kHeldByClients) {
                     ::close(held.front());
                     held.pop_front();
                 }
-                ++sent;
-                break;
             }
         }
-        if (round % 100 == 0) peak = std::max(peak, openDescriptors());
+        if (sent % 400 == 0) peak = std::max(peak, openDescriptors());
     }
-    EXPECT_EQ(framesHandedOut, parks);
-    EXPECT_GT(parks, kRequests / 6);
-
     // Ours: the held clients, at most kMaxOpenConnections on the listener side, a few fixed ones.
     EXPECT_LE(peak - baseline, static_cast<int>(kHeldByClients) + CommandListener::kMaxOpenConnections + 8);
     for (const int fd : held) ::close(fd);

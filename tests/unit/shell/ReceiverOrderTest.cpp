@@ -3,7 +3,6 @@
 #include <cmath>
 #include <limits>
 
-#include "shell/Menu.h"
 #include "shell/ReceiverOrder.h"
 
 namespace lumerix {
@@ -41,22 +40,6 @@ TEST(ReceiverOrder, InsertionRuleExamples) {
         for (const Entry& e : ordered) tags.push_back(e.tag);
         EXPECT_EQ(tags, c.expectedTags) << c.name;
     }
-}
-
-TEST(Menu, InsertPastEndAppendsAndRevisionsCount) {
-    Menu menu(QStringLiteral("Lumerix"));
-    const auto a = MenuItem::initWithTitle(QStringLiteral("A"), MenuAction::DeviceConnect);
-    const auto b = MenuItem::initWithTitle(QStringLiteral("B"), MenuAction::DeviceConnect);
-    menu.addItem(a);
-    menu.insertItem(b, 7);
-    ASSERT_EQ(menu.numberOfItems(), 2);
-    EXPECT_EQ(menu.itemAtIndex(1), b);
-    EXPECT_EQ(menu.indexOfItem(b), 1);
-    EXPECT_EQ(menu.indexOfItem(MenuItem::initWithTitle(QStringLiteral("B"), MenuAction::DeviceConnect)), -1);
-    const uint64_t before = menu.revision();
-    menu.removeAllItems();
-    EXPECT_GT(menu.revision(), before);
-    EXPECT_EQ(menu.itemAtIndex(0), nullptr);
 }
 
 }  // namespace

@@ -53,20 +53,20 @@ AppDelegate& ShellRig::launch() {
     return *shell;
 }
 
-QVLumerixItemRef ShellRig::makeItem(const ReceiverSpec& spec, double lastHeardMs) {
+QVLumerixItemRef ShellRig::makeItem(const ReceiverSetup& setup, double lastHeardMs) {
     BlePeripheralRef peripheral;
-    if (!spec.uuid.isEmpty()) peripheral = std::make_shared<FakePeripheral>(spec.uuid);
+    if (!setup.uuid.isEmpty()) peripheral = std::make_shared<test::StillPeripheral>(setup.uuid);
     auto item = QVLumerixItem::initWithPeripheral(peripheral, time);
-    item->addNewRssi(spec.rssi);
+    item->addNewRssi(setup.rssi);
     item->setDiscoveredTimeStamp(lastHeardMs < 0 ? time->nowMs() : lastHeardMs);
-    item->setReceiverName(spec.name);
-    item->setIpAddress(spec.ip);
-    item->setLoginCode(spec.login);
+    item->setReceiverName(setup.name);
+    item->setIpAddress(setup.ip);
+    item->setLoginCode(setup.login);
     return item;
 }
 
-QVLumerixItemRef ShellRig::discover(const ReceiverSpec& spec) {
-    auto item = makeItem(spec);
+QVLumerixItemRef ShellRig::discover(const ReceiverSetup& setup) {
+    auto item = makeItem(setup);
     shell->lumerixDidDiscoverItem(item);
     return item;
 }

@@ -5,7 +5,7 @@
 #include <set>
 #include <vector>
 
-#include "ble/BlePeripheral.h"
+#include "common/StillPeripheral.h"
 #include "dispatch/ManualQueue.h"
 #include "receiver/QVLumerixItem.h"
 #include "shell/AppDelegate.h"
@@ -32,15 +32,10 @@ public:
 
 class FakeStatusBar final : public StatusBar {
 public:
-    StatusItemRef statusItemWithLength(double length) override {
-        requestedLength = length;
-        return canCreateItem ? item : nullptr;
-    }
+    StatusItemRef statusItemWithLength(double) override { return item; }
     StatusImageRef imageNamed(const QString& name) override { return std::make_shared<StatusImage>(name); }
 
     std::shared_ptr<FakeStatusItem> item = std::make_shared<FakeStatusItem>();
-    bool canCreateItem = true;
-    double requestedLength = 0;
 };
 
 class FakeApplication final : public ShellApplication {
@@ -51,11 +46,10 @@ public:
         alerts.push_back(alert);
         return 0;
     }
-    void orderFrontStandardAboutPanel() override { ++aboutCount; }
+    void orderFrontStandardAboutPanel() override {}
 
     int hideCount = 0;
     int terminateCount = 0;
-    int aboutCount = 0;
     std::vector<Alert> alerts;
 };
 
@@ -95,23 +89,7 @@ private:
     int failuresLeft_;
 };
 
-class FakePeripheral final : public BlePeripheral {
-public:
-    explicit FakePeripheral(QString id) : id_(std::move(id)) {}
-    QString identifier() const override { return id_; }
-    QString name() const override { return QStringLiteral("LX"); }
-    void setDelegate(BlePeripheralDelegate*) override {}
-    void readRSSI() override {}
-    void discoverServices() override {}
-    std::vector<BleServiceRef> services() const override { return {}; }
-    void discoverCharacteristics(const BleServiceRef&) override {}
-    void readValueForCharacteristic(const BleCharacteristicRef&) override {}
-
-private:
-    QString id_;
-};
-
-struct ReceiverSpec {
+struct ReceiverSetup {
     QString uuid;  // empty: an item without a peripheral
     double rssi;
     std::optional<QString> name;
@@ -130,8 +108,8 @@ public:
     // awake() and applicationDidFinishLaunching().
     AppDelegate& launch();
 
-    QVLumerixItemRef makeItem(const ReceiverSpec& spec, double lastHeardMs = -1);
-    QVLumerixItemRef discover(const ReceiverSpec& spec);
+    QVLumerixItemRef makeItem(const ReceiverSetup& setup, double lastHeardMs = -1);
+    QVLumerixItemRef discover(const ReceiverSetup& setup);
     // Menu rows as text: titles, "---" for separators, "<untitled>" for a title-less entry.
     QStringList menuRows() const;
     void writeSavedTable(const QByteArray& content);
