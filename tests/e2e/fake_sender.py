@@ -1,12 +1,6 @@
 #!/usr/bin/python3
-"""A stand-in for the companion sender in end-to-end tests.
-
-Names its process "Sharvane" (what the tray looks for), then
-  --listen PORT   accepts frames on 127.0.0.1:PORT, one per connection, read to end of stream;
-  --fetch PORT    asks the tray's command listener on 127.0.0.1:PORT once for its receiver.
-Every frame received is appended to --out as one JSON line: {"via": ..., "hex": ..., "fields": [...]}.
-Ends after --lifetime seconds or on SIGTERM.
-"""
+"""Stand-in sender, process name "Sharvane": --listen PORT takes frames (one per connection), --fetch PORT
+asks the tray's command listener once; each frame is a JSON line in --out. Ends after --lifetime or SIGTERM."""
 import argparse
 import ctypes
 import json
@@ -44,9 +38,14 @@ def parse_frame(data):
 
 
 def record(out, via, data):
-    line = json.dumps({'via': via, 'hex': data.hex(), 'fields': parse_frame(data)})
     with open(out, 'a', encoding='utf-8') as f:
-        f.write(line + '\n')
+        f.write(json.dumps({'via': via, 'hex': data.hex(), 'fields': parse_frame(data)}) + '\n')
+
+
+def mark_ready(path):
+    if path:
+        with open(path, 'w', encoding='utf-8') as f:
+            f.write(str(os.getpid()))
 
 
 def ask(port):
@@ -89,9 +88,7 @@ def listen(port, out, deadline, ready):
     server.bind(('127.0.0.1', port))
     server.listen(5)
     server.settimeout(0.2)
-    if ready:
-        with open(ready, 'w', encoding='utf-8') as f:
-            f.write(str(os.getpid()))
+    mark_ready(ready)
     while time.monotonic() < deadline:
         try:
             conn, _ = server.accept()
@@ -123,13 +120,12 @@ def main():
     set_process_name('Sharvane')
     signal.signal(signal.SIGTERM, lambda *_: sys.exit(0))
     deadline = time.monotonic() + args.lifetime
+    if not args.listen:
+        mark_ready(args.ready)
     if args.fetch:
         fetch(args.fetch, args.out, deadline)
     if args.listen:
         listen(args.listen, args.out, deadline, args.ready)
-    elif args.ready:
-        with open(args.ready, 'w', encoding='utf-8') as f:
-            f.write(str(os.getpid()))
     # Stay around as a running sender until told to go.
     while time.monotonic() < deadline:
         time.sleep(0.2)

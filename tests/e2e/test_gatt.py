@@ -1,7 +1,4 @@
-"""`lumerix --gatt-read` against a modelled receiver that serves its connection information over
-GATT: a header characteristic with the field lengths and AES-128-ECB data characteristics."""
-
-import time
+"""`lumerix --gatt-read` against a modelled receiver serving its connection information over GATT."""
 
 import lxharness as h
 
@@ -22,15 +19,6 @@ def connection_info_characteristics():
     return [(0x5880, header)] + [(0x5885 + i, piece) for i, piece in enumerate(pieces)]
 
 
-def wait_for_discovery(bluez, timeout=5):
-    deadline = time.monotonic() + timeout
-    while time.monotonic() < deadline:
-        if 'StartDiscovery' in bluez.adapter_calls():
-            return
-        time.sleep(0.05)
-    raise AssertionError('lumerix never started discovery')
-
-
 class GattRead(h.LumerixTestCase):
 
     def add_receiver(self):
@@ -44,7 +32,7 @@ class GattRead(h.LumerixTestCase):
     def test_reads_and_decrypts_the_connection_information(self):
         self.bluez.add_adapter()
         run = self.start_lumerix('--gatt-read', h.identifier(ADDRESS).lower(), '--timeout', '10')
-        wait_for_discovery(self.bluez)
+        h.wait_for_discovery(self.bluez)
         self.add_receiver()
         rc, out, err = run.wait(20)
         self.assertIn('Connect', self.bluez.device_calls(ADDRESS), err)
@@ -54,7 +42,7 @@ class GattRead(h.LumerixTestCase):
     def test_a_failed_connection_reaches_the_handler_as_connection_failed(self):
         self.bluez.add_adapter()
         run = self.start_lumerix('--gatt-read', h.identifier(ADDRESS), '--timeout', '3')
-        wait_for_discovery(self.bluez)
+        h.wait_for_discovery(self.bluez)
         self.bluez.add_device(ADDRESS, 'LX', rssi=-50, manufacturer=h.advertisement('10.0.0.5', 12, 34, 'Room A'),
                               connect_error='org.bluez.Error.Failed')
         rc, out, err = run.wait(15)

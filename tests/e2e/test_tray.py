@@ -1,6 +1,5 @@
-"""The tray utility end to end: the real binary under Xvfb on private buses, BlueZ and logind
-modelled by python3-dbusmock, its menu read and clicked over the exported D-Bus menu, and a
-stand-in sender receiving the frame."""
+"""The tray end to end: its exported menu read and clicked, a stand-in sender receiving the frame."""
+import contextlib
 import json
 import os
 import plistlib
@@ -15,7 +14,7 @@ import dbus
 
 import lxharness
 import trayharness
-from trayharness import wait_for
+from lxharness import stop_process, wait_for
 
 FAKE_SENDER = os.path.join(os.path.dirname(os.path.abspath(__file__)), 'fake_sender.py')
 DEFAULT_REFERENCES = ['Boardroom', 'Training Room']
@@ -63,7 +62,7 @@ class Advertiser:
 
 
 class TrayCase(unittest.TestCase):
-    """One private desktop per case; helpers only."""
+    """One private desktop per case."""
     powered = True
     tray = True
 
@@ -71,17 +70,8 @@ class TrayCase(unittest.TestCase):
         self.desktop = trayharness.TrayDesktop(powered=self.powered, tray=self.tray)
         self.desktop.start()
         self.addCleanup(self.desktop.stop)
-        self.senders = []
-        self.addCleanup(self._stop_senders)
         self.frames = os.path.join(self.desktop.root, 'frames.jsonl')
 
-    def _stop_senders(self):
-        for proc in self.senders:
-            if proc.poll() is None:
-                proc.terminate()
-                proc.wait(5)
-
-    # -- helpers --------------------------------------------------------------------------------
     def start_tray(self, *args):
         self.program = self.desktop.launch(*args)
         self.addCleanup(self._dump_log_on_failure)
@@ -107,6 +97,18 @@ class TrayCase(unittest.TestCase):
             sys.stderr.write('--- lumerix log ---\n' + log + '-------------------\n')
         self.assertFalse(sanitizer, 'the sanitizer reported an error')
         self.assertIn(status, (None, 0), 'lumerix did not end cleanly on SIGTERM')
+
+    def tray_showing(self, references, receivers, titles):
+        """Starts the tray on this saved table with [(receiver, rssi)] advertising; waits for the titles."""
+        self.seed_reference_table(references)
+        self.start_tray()
+        menu = self.desktop.tray_menu()
+        self.wait_for_scanning()
+        ads = self.advertiser()
+        for receiver, rssi in receivers:
+            ads.add(receiver, rssi)
+        self.wait_for_titles(menu, titles + FIXED_TAIL)
+        return menu, ads
 
     def advertiser(self):
         advertiser = Advertiser(self.desktop)
@@ -155,24 +157,14 @@ class TrayCase(unittest.TestCase):
         ready = os.path.join(self.desktop.root, 'sender.ready')
         proc = subprocess.Popen(['/usr/bin/python3', FAKE_SENDER, '--out', self.frames, '--ready', ready,
                                  '--lifetime', '60', *args])
-        self.senders.append(proc)
+        self.addCleanup(stop_process, proc)
         wait_for(lambda: os.path.exists(ready), 10, 'the test sender')
         return proc
 
-    def stop_launched_senders(self):
-        """Ends the senders that the tray launched for this case (found by their output file)."""
-        for pid in os.listdir('/proc'):
-            if not pid.isdigit():
-                continue
-            try:
-                with open(f'/proc/{pid}/comm', encoding='utf-8') as f:
-                    name = f.read().strip()
-                with open(f'/proc/{pid}/cmdline', 'rb') as f:
-                    cmdline = f.read()
-            except OSError:
-                continue
-            if name == 'Sharvane' and self.frames.encode() in cmdline:
-                os.kill(int(pid), signal.SIGTERM)
+    @staticmethod
+    def stop_launched_sender(pid_file):
+        with contextlib.suppress(OSError, ValueError), open(pid_file, encoding='utf-8') as f:
+            os.kill(int(f.read()), signal.SIGTERM)
 
 
 class TrayTest(TrayCase):
@@ -204,14 +196,7 @@ class TrayTest(TrayCase):
         self.assertEqual(saved[0]['IP'], '192.168.10.20')
 
     def test_unchanged_advertisements_do_not_touch_the_menu(self):
-        self.seed_reference_table([])
-        self.start_tray()
-        menu = self.desktop.tray_menu()
-        self.wait_for_scanning()
-        ads = self.advertiser()
-        ads.add(ROOM_A, -60)
-        ads.add(ROOM_B, -45)
-        self.wait_for_titles(menu, ['Room B', 'Room A'] + FIXED_TAIL)
+        menu, ads = self.tray_showing([], [(ROOM_A, -60), (ROOM_B, -45)], ['Room B', 'Room A'])
         updates = self.desktop.watch_menu_updates()
         # ~8 advertisements per receiver, each rebuilding the shell's menu model.
         time.sleep(2.5)
@@ -226,15 +211,8 @@ class TrayTest(TrayCase):
 
     def test_choosing_a_receiver_sends_it_to_the_running_sender(self):
         # An empty saved table: the receiver rows are the only connect entries.
-        self.seed_reference_table([])
         self.start_sender('--listen', '19314')
-        self.start_tray()
-        menu = self.desktop.tray_menu()
-        self.wait_for_scanning()
-        ads = self.advertiser()
-        ads.add(ROOM_A, -55)
-        ads.add(ROOM_C, -65)
-        self.wait_for_titles(menu, ['Room A', 'Room C'] + FIXED_TAIL)
+        menu, _ = self.tray_showing([], [(ROOM_A, -55), (ROOM_C, -65)], ['Room A', 'Room C'])
 
         menu.click('Room C')
         frames = wait_for(self.frames_received, 15, 'a frame on the sender port')
@@ -244,19 +222,15 @@ class TrayTest(TrayCase):
         self.assertTrue(frames[0]['hex'].endswith('02'), frames[0]['hex'])
 
     def test_choosing_a_receiver_launches_the_sender_which_fetches_it(self):
-        self.seed_reference_table([])
-        self.addCleanup(self.stop_launched_senders)
+        pid_file = os.path.join(self.desktop.root, 'launched.pid')
+        self.addCleanup(self.stop_launched_sender, pid_file)
         applications = os.path.join(self.desktop.data_home, 'applications')
         os.makedirs(applications)
         with open(os.path.join(applications, 'com.Sharvane.Ondrel.desktop'), 'w', encoding='utf-8') as f:
             f.write('[Desktop Entry]\nType=Application\nName=Test sender\n'
-                    f'Exec=/usr/bin/python3 {FAKE_SENDER} --out {self.frames} --fetch 19319 --lifetime 20\n')
-        self.start_tray()
-        menu = self.desktop.tray_menu()
-        self.wait_for_scanning()
-        ads = self.advertiser()
-        ads.add(ROOM_B, -50)
-        self.wait_for_titles(menu, ['Room B'] + FIXED_TAIL)
+                    f'Exec=/usr/bin/python3 {FAKE_SENDER} --out {self.frames} --fetch 19319 --ready {pid_file} '
+                    '--lifetime 20\n')
+        menu, _ = self.tray_showing([], [(ROOM_B, -50)], ['Room B'])
 
         menu.click('Room B')
         frames = wait_for(self.frames_received, 20, 'the launched sender to fetch its receiver')
@@ -264,13 +238,8 @@ class TrayTest(TrayCase):
         self.assertEqual(frames[0]['fields'], ['10.0.0.6', 'Room B', '5607', 'Room B', ''], frames[0]['hex'])
 
     def test_sleep_stops_scanning_wake_restarts_it_and_sigterm_saves(self):
-        self.seed_reference_table([{'Device': 'Lab', 'Note': 'kept as is'}])
-        self.start_tray()
-        menu = self.desktop.tray_menu()
-        self.wait_for_scanning()
-        ads = self.advertiser()
-        ads.add(ROOM_A, -60)
-        self.wait_for_titles(menu, ['Room A', 'Lab'] + FIXED_TAIL)
+        lab = [{'Device': 'Lab', 'Note': 'kept as is'}]
+        menu, _ = self.tray_showing(lab, [(ROOM_A, -60)], ['Room A', 'Lab'])
 
         stops = self.desktop.adapter_calls('StopDiscovery')
         starts = self.desktop.adapter_calls('StartDiscovery')
@@ -283,7 +252,7 @@ class TrayTest(TrayCase):
 
         self.program.send_signal(signal.SIGTERM)
         self.assertEqual(self.exit_status(), 0)
-        self.assertEqual(self.saved_references(), [{'Device': 'Lab', 'Note': 'kept as is'}])
+        self.assertEqual(self.saved_references(), lab)
 
 
 class InstalledTrayTest(TrayCase):

@@ -1,10 +1,4 @@
-"""A private desktop for end-to-end tests of the tray: Xvfb, private system and session buses,
-a StatusNotifierWatcher that makes Qt export its tray item and menu over D-Bus, logind and BlueZ
-models from python3-dbusmock, and a reader/clicker for the exported com.canonical.dbusmenu menu.
-
-Everything lives under one temporary directory (HOME, XDG dirs, bus sockets); the real user's
-files and buses are never touched.
-"""
+"""A private desktop for tray tests: Xvfb, private buses, a StatusNotifierWatcher, logind and BlueZ models."""
 import os
 import shutil
 import signal
@@ -17,49 +11,12 @@ import dbus
 import dbusmock
 
 import lxharness
+from lxharness import MOCK_IFACE, stop_process, wait_for
 
-MOCK_IFACE = 'org.freedesktop.DBus.Mock'
 WATCHER = 'org.kde.StatusNotifierWatcher'
 WATCHER_PATH = '/StatusNotifierWatcher'
 SNI_IFACE = 'org.kde.StatusNotifierItem'
 MENU_IFACE = 'com.canonical.dbusmenu'
-
-
-def wait_for(predicate, timeout, what, interval=0.05):
-    """Polls predicate until it returns something truthy; fails the test after timeout seconds."""
-    deadline = time.monotonic() + timeout
-    last = None
-    while time.monotonic() < deadline:
-        last = predicate()
-        if last:
-            return last
-        time.sleep(interval)
-    raise AssertionError(f'timed out after {timeout}s waiting for {what} (last: {last!r})')
-
-
-def _start_bus(root, kind):
-    conf = os.path.join(root, f'{kind}-bus.conf')
-    with open(conf, 'w', encoding='utf-8') as f:
-        f.write(f'''<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
- "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
-<busconfig>
-  <type>{kind}</type>
-  <keep_umask/>
-  <listen>unix:dir={root}</listen>
-  <policy context="default">
-    <allow send_destination="*" eavesdrop="true"/>
-    <allow eavesdrop="true"/>
-    <allow own="*"/>
-  </policy>
-</busconfig>
-''')
-    proc = subprocess.Popen(['dbus-daemon', '--nofork', '--print-address=1', f'--config-file={conf}'],
-                            stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True)
-    address = proc.stdout.readline().strip()
-    proc.stdout.close()
-    if not address:
-        raise RuntimeError(f'the private {kind} bus did not start')
-    return proc, address
 
 
 class TrayMenu:
@@ -68,48 +25,35 @@ class TrayMenu:
     def __init__(self, bus, service, path):
         self.proxy = dbus.Interface(bus.get_object(service, path), MENU_IFACE)
 
-    def layout(self):
-        """[(id, label or '---' for a separator)] of the top level, in order, visible entries only."""
+    def titles(self):
+        """Labels of the visible top-level entries in order, '---' for a separator."""
         _, (_, _, children) = self.proxy.GetLayout(0, -1, dbus.Array([], signature='s'))
+        self.ids = {}
         rows = []
-        for child in children:
-            item_id, props, _ = child
-            if not props.get('visible', True):
-                continue
-            if props.get('type', '') == 'separator':
-                rows.append((int(item_id), '---'))
-            else:
-                rows.append((int(item_id), str(props.get('label', '')).replace('__', '_')))
+        for item_id, props, _ in children:
+            if props.get('visible', True):
+                separator = props.get('type', '') == 'separator'
+                label = '---' if separator else str(props.get('label', '')).replace('__', '_')
+                self.ids.setdefault(label, int(item_id))
+                rows.append(label)
         return rows
 
-    def titles(self):
-        return [label for _, label in self.layout()]
-
     def click(self, title):
-        matches = [item_id for item_id, label in self.layout() if label == title]
-        if not matches:
-            raise AssertionError(f'no menu entry {title!r} in {self.titles()}')
-        self.event(matches[0], 'clicked')
-
-    def event(self, item_id, name):
-        self.proxy.Event(dbus.Int32(item_id), name, dbus.Int32(0, variant_level=1), dbus.UInt32(0))
+        if title not in self.titles():
+            raise AssertionError(f'no menu entry {title!r} in {list(self.ids)}')
+        self.proxy.Event(dbus.Int32(self.ids[title]), 'clicked', dbus.Int32(0, variant_level=1), dbus.UInt32(0))
 
 
 class TrayDesktop:
-    """Starts the private desktop; use as a context manager or call start()/stop()."""
+    """The private desktop, all under one temporary directory; a context manager or start()/stop()."""
 
-    def __init__(self, adapter=True, powered=True, tray=True):
-        self.adapter = adapter
+    def __init__(self, powered=True, tray=True):
         self.powered = powered
         self.tray = tray
         self.procs = []
-        self.root = None
-        self.env = None
-        self.system = None
-        self.bluez = None
         self.files = []
+        self.root = self.system = self.session = self.bluez = None
 
-    # -- set-up ---------------------------------------------------------------------------------
     def __enter__(self):
         self.start()
         return self
@@ -120,18 +64,17 @@ class TrayDesktop:
     def start(self):
         self.root = tempfile.mkdtemp(prefix='lumerix-tray-')
         home = os.path.join(self.root, 'home')
-        runtime = os.path.join(self.root, 'runtime')
         self.data_home = os.path.join(home, '.local', 'share')
-        for d in (home, self.data_home, os.path.join(home, '.config'), os.path.join(home, '.cache')):
-            os.makedirs(d, exist_ok=True)
-        os.makedirs(runtime, mode=0o700)
+        for d in (self.data_home, os.path.join(home, '.config'), os.path.join(home, '.cache')):
+            os.makedirs(d)
+        os.makedirs(os.path.join(self.root, 'runtime'), mode=0o700)
         self.env = {
             'PATH': os.environ.get('PATH', '/usr/bin:/bin'),
             'HOME': home,
             'XDG_DATA_HOME': self.data_home,
             'XDG_CONFIG_HOME': os.path.join(home, '.config'),
             'XDG_CACHE_HOME': os.path.join(home, '.cache'),
-            'XDG_RUNTIME_DIR': runtime,
+            'XDG_RUNTIME_DIR': os.path.join(self.root, 'runtime'),
             'XDG_DATA_DIRS': '/usr/share',
             'QT_QPA_PLATFORM': 'xcb',
             'QT_ACCESSIBILITY': '0',
@@ -146,51 +89,48 @@ class TrayDesktop:
             self._suppress_qt_caches()
         self._start_x()
         self.system = lxharness.PrivateBus()
+        self.session = lxharness.PrivateBus(kind='session')
         self.env['DBUS_SYSTEM_BUS_ADDRESS'] = self.system.address
-        session, self.env['DBUS_SESSION_BUS_ADDRESS'] = _start_bus(self.root, 'session')
-        self.procs.append(session)
+        self.env['DBUS_SESSION_BUS_ADDRESS'] = self.session.address
         # dbusmock's helpers read the bus addresses from this process's environment.
-        for name in ('DBUS_SYSTEM_BUS_ADDRESS', 'DBUS_SESSION_BUS_ADDRESS'):
-            os.environ[name] = self.env[name]
-        self.system_bus = self.system.connection
-        self.session_bus = dbus.bus.BusConnection(self.env['DBUS_SESSION_BUS_ADDRESS'])
+        os.environ.update(DBUS_SYSTEM_BUS_ADDRESS=self.system.address, DBUS_SESSION_BUS_ADDRESS=self.session.address)
+        self.session_bus = self.session.connection
         if self.tray:
             self._start_watcher()
-        self._start_logind()
-        self._start_bluez()
+        proc, self.logind = dbusmock.DBusTestCase.spawn_server_template('logind', {}, stdout=self._log('logind.log'))
+        self.procs.append(proc)
+        self.bluez = lxharness.Bluez(self.system)
+        self.bluez.add_adapter(powered=self.powered)
 
     def _suppress_qt_caches(self):
-        """Qt keeps the D-Bus interface descriptions it builds (the tray's watcher check among
-        them) for the life of the connection, which the global bus connections outlive at exit.
-        Suppress exactly that cache; full stacks are needed to recognise it."""
+        """Qt keeps the D-Bus interface descriptions it builds for the life of the connection, which
+        the global bus connections outlive at exit: suppress that cache (full stacks identify it)."""
         supp = os.path.join(self.root, 'lsan.supp')
         with open(supp, 'w', encoding='utf-8') as f:
             f.write('leak:QDBusMetaObject::createMetaObject\n')
-        self.env['ASAN_OPTIONS'] = self.env['ASAN_OPTIONS'] + ':fast_unwind_on_malloc=0'
+        self.env['ASAN_OPTIONS'] += ':fast_unwind_on_malloc=0'
         lsan = self.env.get('LSAN_OPTIONS')
         self.env['LSAN_OPTIONS'] = (lsan + ':' if lsan else '') + f'suppressions={supp}:print_suppressions=0'
 
     def _start_x(self):
         read_fd, write_fd = os.pipe()
-        xvfb = subprocess.Popen(['Xvfb', '-displayfd', str(write_fd), '-nolisten', 'tcp', '-screen', '0',
-                                 '1024x768x24'], pass_fds=[write_fd], stderr=subprocess.DEVNULL)
+        self.procs.append(subprocess.Popen(['Xvfb', '-displayfd', str(write_fd), '-nolisten', 'tcp', '-screen', '0',
+                                            '1024x768x24'], pass_fds=[write_fd], stderr=subprocess.DEVNULL))
         os.close(write_fd)
-        self.procs.append(xvfb)
         with os.fdopen(read_fd) as r:
             display = r.readline().strip()
         if not display:
             raise RuntimeError('Xvfb did not start')
         self.env['DISPLAY'] = ':' + display
 
-    def _mock_log(self, name):
-        log = open(os.path.join(self.root, f'{name}.log'), 'w', encoding='utf-8')  # pylint: disable=consider-using-with
+    def _log(self, name, mode='w'):
+        log = open(os.path.join(self.root, name), mode)  # pylint: disable=consider-using-with,unspecified-encoding
         self.files.append(log)
         return log
 
     def _start_watcher(self):
-        proc = dbusmock.DBusTestCase.spawn_server(WATCHER, WATCHER_PATH, WATCHER, system_bus=False,
-                                                  stdout=self._mock_log('watcher'))
-        self.procs.append(proc)
+        self.procs.append(dbusmock.DBusTestCase.spawn_server(WATCHER, WATCHER_PATH, WATCHER, system_bus=False,
+                                                             stdout=self._log('watcher.log')))
         self.watcher = self.session_bus.get_object(WATCHER, WATCHER_PATH)
         mock = dbus.Interface(self.watcher, MOCK_IFACE)
         mock.AddMethod(WATCHER, 'RegisterStatusNotifierItem', 's', '', '')
@@ -201,46 +141,24 @@ class TrayDesktop:
             'RegisteredStatusNotifierItems': dbus.Array([], signature='s'),
         })
 
-    def _start_logind(self):
-        proc, self.logind = dbusmock.DBusTestCase.spawn_server_template('logind', {},
-                                                                        stdout=self._mock_log('logind'))
-        self.procs.append(proc)
-
-    def _start_bluez(self):
-        self.bluez = lxharness.Bluez(self.system)
-        if self.adapter:
-            self.bluez.add_adapter(powered=self.powered)
-
     def stop(self):
         for proc in reversed(self.procs):
-            if proc.poll() is None:
-                proc.terminate()
-                try:
-                    proc.wait(timeout=5)
-                except subprocess.TimeoutExpired:
-                    proc.kill()
-                    proc.wait()
-        self.procs = []
+            stop_process(proc)
         for f in self.files:
             f.close()
-        self.files = []
-        if self.bluez:
-            self.bluez.stop()
-            self.bluez = None
-        if self.system:
-            self.system.stop()
-            self.system = None
+        self.procs, self.files = [], []
+        for part in (self.bluez, self.session, self.system):
+            if part:
+                part.stop()
+        self.bluez = self.session = self.system = None
         if self.root:
             shutil.rmtree(self.root, ignore_errors=True)
             self.root = None
 
     # -- the program under test ------------------------------------------------------------------
-    def launch(self, *args, extra_env=None, binary=None):
-        env = dict(self.env)
-        env.update(extra_env or {})
-        log = open(os.path.join(self.root, 'lumerix.log'), 'ab')  # pylint: disable=consider-using-with
-        self.files.append(log)
-        proc = subprocess.Popen([binary or os.environ['LUMERIX_BIN'], *args], env=env, stdout=log, stderr=log)
+    def launch(self, *args, binary=None):
+        log = self._log('lumerix.log', 'ab')
+        proc = subprocess.Popen([binary or os.environ['LUMERIX_BIN'], *args], env=self.env, stdout=log, stderr=log)
         self.procs.append(proc)
         return proc
 
@@ -252,32 +170,27 @@ class TrayDesktop:
         return os.path.join(self.data_home, 'Tavik', 'Lumerix', 'ReferenceTable.plist')
 
     # -- the tray --------------------------------------------------------------------------------
-    def registered_items(self):
-        calls = dbus.Interface(self.watcher, MOCK_IFACE).GetMethodCalls('RegisterStatusNotifierItem')
-        return [str(args[0]) for _, args in calls]
+    def tray_item(self, timeout=15):
+        """The tray item registered last, once there is one."""
+        calls = lambda: dbus.Interface(self.watcher, MOCK_IFACE).GetMethodCalls('RegisterStatusNotifierItem')
+        service = str(wait_for(calls, timeout, 'a tray item')[-1][1][0])
+        return service, self.session_bus.get_object(service, '/StatusNotifierItem')
 
     def tray_menu(self, timeout=15):
-        """The menu of the tray item registered last, once it has one."""
-        service = wait_for(lambda: (self.registered_items() or [None])[-1], timeout, 'a tray item')
-        item = self.session_bus.get_object(service, '/StatusNotifierItem')
+        service, item = self.tray_item(timeout)
         path = wait_for(lambda: str(item.Get(SNI_IFACE, 'Menu', dbus_interface=dbus.PROPERTIES_IFACE)),
                         timeout, 'the tray menu path')
         return TrayMenu(self.session_bus, service, path)
 
     def tray_item_property(self, name):
-        service = self.registered_items()[-1]
-        item = self.session_bus.get_object(service, '/StatusNotifierItem')
-        return item.Get(SNI_IFACE, name, dbus_interface=dbus.PROPERTIES_IFACE)
+        return self.tray_item()[1].Get(SNI_IFACE, name, dbus_interface=dbus.PROPERTIES_IFACE)
 
     def watch_menu_updates(self):
         """Starts counting the menu-change signals the tray sends; returns a callable giving the count."""
         log_path = os.path.join(self.root, f'menu-signals-{len(self.files)}.log')
-        log = open(log_path, 'w', encoding='utf-8')  # pylint: disable=consider-using-with
-        self.files.append(log)
-        monitor = subprocess.Popen(['dbus-monitor', '--address', self.env['DBUS_SESSION_BUS_ADDRESS'],
-                                    f"type='signal',interface='{MENU_IFACE}'"], stdout=log,
-                                   stderr=subprocess.DEVNULL)
-        self.procs.append(monitor)
+        self.procs.append(subprocess.Popen(['dbus-monitor', '--address', self.session.address,
+                                            f"type='signal',interface='{MENU_IFACE}'"],
+                                           stdout=self._log(os.path.basename(log_path)), stderr=subprocess.DEVNULL))
 
         def count():
             with open(log_path, encoding='utf-8') as f:
@@ -288,7 +201,6 @@ class TrayDesktop:
         wait_for(lambda: os.path.getsize(log_path) > 0, 10, 'dbus-monitor')
         return count
 
-    # -- logind and BlueZ ------------------------------------------------------------------------
     def prepare_for_sleep(self, sleeping):
         dbus.Interface(self.logind, MOCK_IFACE).EmitSignal(
             'org.freedesktop.login1.Manager', 'PrepareForSleep', 'b', [dbus.Boolean(sleeping)])
