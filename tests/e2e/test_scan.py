@@ -124,11 +124,12 @@ class ScanListsReceivers(h.LumerixTestCase):
 class ScanWithoutBluetooth(h.LumerixTestCase):
 
     def test_exits_with_the_reason(self):
+        off = 'Bluetooth is off or no adapter was found: '
         cases = [  # bus policy, bluetoothd running, adapter (None: none, else powered), reason
-            ('', True, False, 'Bluetooth is off or no adapter was found: state 4, powered off'),
-            ('', True, None, 'Bluetooth is off or no adapter was found: state 2, unsupported: no Bluetooth adapter'),
-            ('', False, None, 'Bluetooth is off or no adapter was found: state 0, unknown: bluetoothd is not running'),
-            (h.DENY_BLUEZ, True, None, 'Bluetooth is off or no adapter was found: state 3, unauthorized'),
+            ('', True, False, off + 'state 4, powered off'),
+            ('', True, None, off + 'state 2, unsupported: no Bluetooth adapter'),
+            ('', False, None, off + 'state 0, unknown: bluetoothd is not running'),
+            (h.DENY_BLUEZ, True, None, off + 'state 3, unauthorized'),
             (h.DENY_BLUEZ_DISCOVERY, True, True, 'state 3, unauthorized'),
         ]
         for policy, bluez, powered, reason in cases:
