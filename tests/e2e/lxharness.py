@@ -224,6 +224,10 @@ class Bluez:
                                                     ('Disconnect', '', '', DISCONNECT_CODE)])
         return path
 
+    def add_receiver(self, receiver, rssi, **kwargs):
+        """receiver: (address, ip, login code high, login code low, name), advertising as 'LX'."""
+        return self.add_device(receiver[0], 'LX', rssi=rssi, manufacturer=advertisement(*receiver[1:]), **kwargs)
+
     def advertise(self, address, rssi=None, manufacturer=None, company=DEFAULT_COMPANY_ID, adapter='hci0'):
         """One more advertisement: PropertiesChanged with RSSI and/or ManufacturerData (a{qv}, which
         the mock's UpdateProperties cannot carry)."""

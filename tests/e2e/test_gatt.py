@@ -3,6 +3,7 @@
 import lxharness as h
 
 ADDRESS = 'AA:BB:CC:DD:EE:21'
+RECEIVER = (ADDRESS, '10.0.0.5', 12, 34, 'Room A')
 FIELDS = [('WiFiSSID', 'MeetingNet'), ('WiFiKey', 's3cret-pass!'), ('ReceiverIP', '10.0.0.5'),
           ('ReceiverName', 'Room A'), ('ReceiverLoginCode', '1234')]
 HEADER_FLAGS = 0x01
@@ -22,8 +23,7 @@ def connection_info_characteristics():
 class GattRead(h.LumerixTestCase):
 
     def add_receiver(self):
-        path = self.bluez.add_device(ADDRESS, 'LX', rssi=-50,
-                                     manufacturer=h.advertisement('10.0.0.5', 12, 34, 'Room A'))
+        path = self.bluez.add_receiver(RECEIVER, -50)
         # An unrelated service first, so the choice of service is exercised.
         self.bluez.add_gatt_service(path, 0x0001, 0x1800, [(0x2A00, b'Room A')])
         self.bluez.add_gatt_service(path, 0x0010, 0x5885, connection_info_characteristics())
@@ -43,8 +43,7 @@ class GattRead(h.LumerixTestCase):
         self.bluez.add_adapter()
         run = self.start_lumerix('--gatt-read', h.identifier(ADDRESS), '--timeout', '3')
         h.wait_for_discovery(self.bluez)
-        self.bluez.add_device(ADDRESS, 'LX', rssi=-50, manufacturer=h.advertisement('10.0.0.5', 12, 34, 'Room A'),
-                              connect_error='org.bluez.Error.Failed')
+        self.bluez.add_receiver(RECEIVER, -50, connect_error='org.bluez.Error.Failed')
         rc, out, err = run.wait(15)
         self.assertEqual(rc, 3, err)
         self.assertEqual(out, '')

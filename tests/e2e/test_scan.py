@@ -21,17 +21,15 @@ class ScanListsReceivers(h.LumerixTestCase):
 
     def test_lists_exactly_the_lx_receivers_strongest_first(self):
         self.bluez.add_adapter()
-        a_addr, a_ip, a_hi, a_lo, a_name = ROOM_A
         # Known to bluetoothd before the scan: listed only once it advertises again.
-        self.bluez.add_device(a_addr, 'LX', rssi=-75, manufacturer=h.advertisement(a_ip, a_hi, a_lo, a_name))
+        self.bluez.add_receiver(ROOM_A, -75)
         self.bluez.add_device('AA:BB:CC:DD:EE:03', 'LX', rssi=-40,
                               manufacturer=h.advertisement('10.9.9.9', 1, 2, 'Stale Cache'))
         run = self.start_lumerix('--scan', '3', '--json')
         h.wait_for_discovery(self.bluez)
 
-        self.bluez.advertise(a_addr, rssi=-50)
-        b_addr, b_ip, b_hi, b_lo, b_name = ROOM_B
-        self.bluez.add_device(b_addr, 'LX', rssi=-70, manufacturer=h.advertisement(b_ip, b_hi, b_lo, b_name))
+        self.bluez.advertise(ROOM_A[0], rssi=-50)
+        self.bluez.add_receiver(ROOM_B, -70)
         # Not receivers: other names, a name that only looks alike, LX without a record.
         self.bluez.add_device('AA:BB:CC:DD:EE:04', 'Speaker', rssi=-30,
                               manufacturer=h.advertisement('10.1.1.1', 1, 1, 'Not Me'))
@@ -54,10 +52,10 @@ class ScanListsReceivers(h.LumerixTestCase):
 
     def test_a_new_record_renames_the_receiver(self):
         self.bluez.add_adapter()
-        address, ip, hi, lo, _ = ROOM_A
+        address, _, hi, lo, _ = ROOM_A
         run = self.start_lumerix('--scan', '3')
         h.wait_for_discovery(self.bluez)
-        self.bluez.add_device(address, 'LX', rssi=-55, manufacturer=h.advertisement(ip, hi, lo, 'Room A'))
+        self.bluez.add_receiver(ROOM_A, -55)
         time.sleep(0.5)
         self.bluez.advertise(address, rssi=-52, manufacturer=h.advertisement('10.0.0.6', hi, lo, 'Aula'))
 
@@ -95,8 +93,7 @@ class ScanListsReceivers(h.LumerixTestCase):
             'Address': 'AA:BB:CC:DD:EE:12', 'Name': 'LX', 'RSSI': dbus.Int16(-45),
             'ManufacturerData': dbus.Dictionary({dbus.UInt16(1): dbus.String('text', variant_level=1)},
                                                 signature='qv')})
-        address, ip, hi, lo, name = ROOM_A
-        self.bluez.add_device(address, 'LX', rssi=-60, manufacturer=h.advertisement(ip, hi, lo, name))
+        self.bluez.add_receiver(ROOM_A, -60)
 
         rc, out, err = run.wait(15)
         self.assertEqual(rc, 0, err)
@@ -113,9 +110,7 @@ class ScanListsReceivers(h.LumerixTestCase):
         h.wait_for_discovery(self.bluez)
         self.bluez.remove_adapter('hci0')
         h.wait_for_discovery(self.bluez, 'hci1')
-        address, ip, hi, lo, name = ROOM_A
-        self.bluez.add_device(address, 'LX', rssi=-58, manufacturer=h.advertisement(ip, hi, lo, name),
-                              adapter='hci1')
+        self.bluez.add_receiver(ROOM_A, -58, adapter='hci1')
         rc, out, err = run.wait(15)
         self.assertEqual(rc, 0, err)
         self.assertEqual(json.loads(out), [entry(ROOM_A, -58)], err)

@@ -36,11 +36,9 @@ class Advertiser:
         self.thread.start()
 
     def add(self, receiver, rssi):
-        address, ip, hi, lo, name = receiver
-        record = lxharness.advertisement(ip, hi, lo, name)
         with self.lock:
-            self.desktop.bluez.add_device(address, 'LX', rssi=rssi, manufacturer=record)
-            self.rssi[address] = rssi
+            self.desktop.bluez.add_receiver(receiver, rssi)
+            self.rssi[receiver[0]] = rssi
 
     def set_rssi(self, receiver, rssi):
         with self.lock:
