@@ -20,9 +20,12 @@ public:
     std::vector<MenuItemRef> chosen;
 };
 
-MenuRef menuOf(const QStringList& titles) {
+// "Room A|---|Exit": a menu of these titles, "---" being a separator.
+QStringList titlesOf(const char* bar) { return QString::fromUtf8(bar).split(QLatin1Char('|')); }
+
+MenuRef menuOf(const char* bar) {
     auto menu = std::make_shared<Menu>(QStringLiteral("Lumerix"));
-    for (const QString& t : titles) {
+    for (const QString& t : titlesOf(bar)) {
         menu->addItem(t == QLatin1String("---") ? MenuItem::separatorItem()
                                                 : MenuItem::initWithTitle(t, MenuAction::DeviceConnect));
     }
@@ -61,25 +64,18 @@ TEST_F(QtStatusItemTest, ClicksReachTheItemObjectsOfTheMenuAttachedLast) {
     QtStatusItem item(kResources);
     RecordingTarget target;
     item.setTarget(&target);
-    item.setMenu(menuOf(
-        {QStringLiteral("Room A"), QStringLiteral("Room B"), QStringLiteral("---"), QStringLiteral("Exit")}));
+    item.setMenu(menuOf("Room A|Room B|---|Exit"));
 
     struct Step {
         const char* name;
-        QStringList titles;
+        const char* titles;
         int click;
         bool edits;
     };
     const std::vector<Step> steps = {
-        {"same titles, new objects",
-         {QStringLiteral("Room A"), QStringLiteral("Room B"), QStringLiteral("---"), QStringLiteral("Exit")},
-         1,
-         false},
-        {"swapped",
-         {QStringLiteral("Room B"), QStringLiteral("Room A"), QStringLiteral("---"), QStringLiteral("Exit")},
-         0,
-         true},
-        {"one left", {QStringLiteral("Room A"), QStringLiteral("---"), QStringLiteral("Exit")}, 2, true},
+        {"same titles, new objects", "Room A|Room B|---|Exit", 1, false},
+        {"swapped", "Room B|Room A|---|Exit", 0, true},
+        {"one left", "Room A|---|Exit", 2, true},
     };
     for (const Step& step : steps) {
         SCOPED_TRACE(step.name);
@@ -87,7 +83,7 @@ TEST_F(QtStatusItemTest, ClicksReachTheItemObjectsOfTheMenuAttachedLast) {
         const MenuRef menu = menuOf(step.titles);
         item.setMenu(menu);
         EXPECT_EQ(item.menuUpdates() - updates, step.edits ? 1u : 0u);
-        EXPECT_EQ(shownTitles(item.menu()), step.titles);
+        EXPECT_EQ(shownTitles(item.menu()), titlesOf(step.titles));
         target.chosen.clear();
         item.menu()->actions().at(step.click)->trigger();
         ASSERT_EQ(target.chosen.size(), 1u);
@@ -101,7 +97,7 @@ TEST_F(QtStatusItemTest, ClicksReachTheItemObjectsOfTheMenuAttachedLast) {
 
 TEST_F(QtStatusItemTest, ShowsTitlesAsTheyAreAndTracksTheOpenMenu) {
     QtStatusItem item(kResources);
-    item.setMenu(menuOf({QStringLiteral("R&D Lab"), QStringLiteral("---")}));
+    item.setMenu(menuOf("R&D Lab|---"));
     // '&' would otherwise turn into a keyboard mnemonic and vanish from the title.
     EXPECT_EQ(item.menu()->actions().at(0)->text(), QStringLiteral("R&&D Lab"));
     EXPECT_EQ(item.menu()->title(), QStringLiteral("Lumerix"));
