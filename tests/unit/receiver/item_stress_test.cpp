@@ -5,7 +5,7 @@
 #include <cstring>
 #include <thread>
 
-#include "common/StillPeripheral.h"
+#include "ble/StaticPeripheral.h"
 #include "dispatch/ThreadQueue.h"
 #include "receiver/QVLumerixItem.h"
 
@@ -40,8 +40,8 @@ TEST(ItemStress, SamplesDecayAndReadersOnThreeThreads) {
     constexpr int kSamples = 20000;
     CountingDelegate delegate;
     ThreadQueue queue("evaluate");
-    auto item = QVLumerixItem::initWithPeripheral(
-        std::make_shared<test::StillPeripheral>(QStringLiteral("00000000-0000-0000-0000-0000000000AA")));
+    auto item = QVLumerixItem::initWithPeripheral(std::make_shared<StaticPeripheral>(
+        QStringLiteral("00000000-0000-0000-0000-0000000000AA"), QStringLiteral("LX")));
     item->setDecayingQueue(&queue);
     item->setDelegate(&delegate);
 

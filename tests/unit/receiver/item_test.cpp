@@ -3,7 +3,7 @@
 #include <cmath>
 #include <limits>
 
-#include "common/StillPeripheral.h"
+#include "ble/StaticPeripheral.h"
 #include "dispatch/ManualQueue.h"
 #include "log/Log.h"
 #include "receiver/QVLumerixItem.h"
@@ -31,7 +31,7 @@ class ItemTest : public ::testing::Test {
 protected:
     ItemTest() : clock(std::shared_ptr<VirtualTime>(), &time), queue(time, "evaluate") {
         item = QVLumerixItem::initWithPeripheral(
-            std::make_shared<test::StillPeripheral>(kId, QStringLiteral("Room 4")), clock);
+            std::make_shared<StaticPeripheral>(kId, QStringLiteral("Room 4")), clock);
         item->setDecayingQueue(&queue);
         item->setDelegate(&delegate);
     }

@@ -55,7 +55,8 @@ AppDelegate& ShellRig::launch() {
 
 QVLumerixItemRef ShellRig::makeItem(const ReceiverSetup& setup, double lastHeardMs) {
     BlePeripheralRef peripheral;
-    if (!setup.uuid.isEmpty()) peripheral = std::make_shared<test::StillPeripheral>(setup.uuid);
+    if (!setup.uuid.isEmpty())
+        peripheral = std::make_shared<StaticPeripheral>(setup.uuid, QStringLiteral("LX"));
     auto item = QVLumerixItem::initWithPeripheral(peripheral, time);
     item->addNewRssi(setup.rssi);
     item->setDiscoveredTimeStamp(lastHeardMs < 0 ? time->nowMs() : lastHeardMs);

@@ -5,7 +5,7 @@
 #include <set>
 #include <vector>
 
-#include "common/StillPeripheral.h"
+#include "ble/StaticPeripheral.h"
 #include "dispatch/ManualQueue.h"
 #include "receiver/QVLumerixItem.h"
 #include "shell/AppDelegate.h"
