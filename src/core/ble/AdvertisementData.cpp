@@ -8,7 +8,8 @@ QString AdvertisementData::description() const {
     QStringList parts;
     if (localName) parts.append(QStringLiteral("LocalName = %1").arg(*localName));
     if (manufacturerData)
-        parts.append(QStringLiteral("ManufacturerData = <%1>").arg(QString::fromLatin1(manufacturerData->toHex())));
+        parts.append(
+            QStringLiteral("ManufacturerData = <%1>").arg(QString::fromLatin1(manufacturerData->toHex())));
     return QStringLiteral("{") + parts.join(QStringLiteral("; ")) + QStringLiteral("}");
 }
 

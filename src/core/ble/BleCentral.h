@@ -32,12 +32,13 @@ public:
     virtual ~BleCentralDelegate() = default;
     virtual void centralManagerDidUpdateState(int state) {}
     virtual void centralManagerDidDiscoverPeripheral(const BlePeripheralRef& peripheral,
-                                                    const AdvertisementData& advertisementData, double rssi) {}
+                                                     const AdvertisementData& advertisementData,
+                                                     double rssi) {}
     virtual void centralManagerDidConnectPeripheral(const BlePeripheralRef& peripheral) {}
     virtual void centralManagerDidFailToConnectPeripheral(const BlePeripheralRef& peripheral,
-                                                         const std::optional<BleError>& error) {}
+                                                          const std::optional<BleError>& error) {}
     virtual void centralManagerDidDisconnectPeripheral(const BlePeripheralRef& peripheral,
-                                                      const std::optional<BleError>& error) {}
+                                                       const std::optional<BleError>& error) {}
 };
 
 class BleCentral {

@@ -15,13 +15,14 @@ class BlePeripheral;
 class BlePeripheralDelegate {
 public:
     virtual ~BlePeripheralDelegate() = default;
-    virtual void peripheralDidDiscoverServices(BlePeripheral& peripheral, const std::optional<BleError>& error) {}
+    virtual void peripheralDidDiscoverServices(BlePeripheral& peripheral,
+                                               const std::optional<BleError>& error) {}
     virtual void peripheralDidDiscoverCharacteristicsForService(BlePeripheral& peripheral,
-                                                               const BleServiceRef& service,
-                                                               const std::optional<BleError>& error) {}
+                                                                const BleServiceRef& service,
+                                                                const std::optional<BleError>& error) {}
     virtual void peripheralDidUpdateValueForCharacteristic(BlePeripheral& peripheral,
-                                                          const BleCharacteristicRef& characteristic,
-                                                          const std::optional<BleError>& error) {}
+                                                           const BleCharacteristicRef& characteristic,
+                                                           const std::optional<BleError>& error) {}
     virtual void peripheralDidReadRSSI(BlePeripheral& peripheral, double rssi,
                                        const std::optional<BleError>& error) {}
 };

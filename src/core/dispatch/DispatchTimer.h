@@ -37,7 +37,8 @@ private:
 using DispatchTimerRef = std::shared_ptr<DispatchTimer>;
 
 // The started timer, or null when it cannot be created (no queue, no block, bad interval).
-DispatchTimerRef CreateDispatchTimer(DispatchQueue* queue, std::function<void()> block, double intervalSeconds);
+DispatchTimerRef CreateDispatchTimer(DispatchQueue* queue, std::function<void()> block,
+                                     double intervalSeconds);
 
 struct GCDTimer {
     static DispatchTimerRef dispatchTimerForInterval(uint64_t seconds, DispatchQueue* queue,

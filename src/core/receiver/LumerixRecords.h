@@ -9,7 +9,7 @@ namespace lumerix {
 struct LumerixStructV2 {
     char ipAddress[64];
     char loginCode[8];
-    char receiverName[48];  // bytes 0-15: name segment 1; bytes 16-47: name segment 2
+    char receiverName[48];     // bytes 0-15: name segment 1; bytes 16-47: name segment 2
     uint8_t receivedSegments;  // bit 1: segment 1 seen, bit 2: segment 2 seen
 };
 

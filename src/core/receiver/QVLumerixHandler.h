@@ -104,19 +104,22 @@ public:
     // BleCentralDelegate.
     void centralManagerDidUpdateState(int state) override;
     void centralManagerDidDiscoverPeripheral(const BlePeripheralRef& peripheral,
-                                            const AdvertisementData& advertisementData, double rssi) override;
+                                             const AdvertisementData& advertisementData,
+                                             double rssi) override;
     void centralManagerDidConnectPeripheral(const BlePeripheralRef& peripheral) override;
     void centralManagerDidFailToConnectPeripheral(const BlePeripheralRef& peripheral,
-                                                 const std::optional<BleError>& error) override;
-    void centralManagerDidDisconnectPeripheral(const BlePeripheralRef& peripheral,
-                                              const std::optional<BleError>& error) override;
-    // BlePeripheralDelegate.
-    void peripheralDidDiscoverServices(BlePeripheral& peripheral, const std::optional<BleError>& error) override;
-    void peripheralDidDiscoverCharacteristicsForService(BlePeripheral& peripheral, const BleServiceRef& service,
-                                                       const std::optional<BleError>& error) override;
-    void peripheralDidUpdateValueForCharacteristic(BlePeripheral& peripheral,
-                                                  const BleCharacteristicRef& characteristic,
                                                   const std::optional<BleError>& error) override;
+    void centralManagerDidDisconnectPeripheral(const BlePeripheralRef& peripheral,
+                                               const std::optional<BleError>& error) override;
+    // BlePeripheralDelegate.
+    void peripheralDidDiscoverServices(BlePeripheral& peripheral,
+                                       const std::optional<BleError>& error) override;
+    void peripheralDidDiscoverCharacteristicsForService(BlePeripheral& peripheral,
+                                                        const BleServiceRef& service,
+                                                        const std::optional<BleError>& error) override;
+    void peripheralDidUpdateValueForCharacteristic(BlePeripheral& peripheral,
+                                                   const BleCharacteristicRef& characteristic,
+                                                   const std::optional<BleError>& error) override;
     void peripheralDidReadRSSI(BlePeripheral& peripheral, double rssi,
                                const std::optional<BleError>& error) override;
 

@@ -11,8 +11,8 @@
 #include <vector>
 
 #include "ble/BleCentral.h"
-#include "dispatch/ThreadQueue.h"
 #include "dispatch/DispatchQueue.h"
+#include "dispatch/ThreadQueue.h"
 #include "gatt/GattPayload.h"
 
 namespace lumerix::test {
@@ -128,7 +128,8 @@ public:
     }
     // Like a real central: destruction waits for a callback it is running on its queue.
     ~FakeGattCentral() override {
-        if (auto* thread = dynamic_cast<ThreadQueue*>(queue_); thread && !thread->isCurrent()) thread->sync([] {});
+        if (auto* thread = dynamic_cast<ThreadQueue*>(queue_); thread && !thread->isCurrent())
+            thread->sync([] {});
     }
 
     int state() const override { return state_; }
