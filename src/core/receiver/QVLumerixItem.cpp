@@ -144,8 +144,8 @@ void QVLumerixItem::decayItemIfNotReceivingRssi() {
 }
 
 bool QVLumerixItem::isValid() const {
-    std::lock_guard lock(mutex_);
-    return aveRssi_ >= -100.0 && aveRssi_ < 0.0;
+    const double rssi = aveRssi_.load(std::memory_order_acquire);
+    return rssi >= -100.0 && rssi < 0.0;
 }
 
 std::optional<double> QVLumerixItem::aliveDuration() const {
@@ -245,10 +245,7 @@ QString QVLumerixItem::getLogString() const {
 
 // Properties.
 
-double QVLumerixItem::aveRssi() const {
-    std::lock_guard lock(mutex_);
-    return aveRssi_;
-}
+double QVLumerixItem::aveRssi() const { return aveRssi_.load(std::memory_order_acquire); }
 
 #define LX_ITEM_PROPERTY(Type, getter, setter, member) \
     Type QVLumerixItem::getter() const {               \
@@ -306,6 +303,11 @@ LumerixStructV2 QVLumerixItem::lumerixV2() const {
 void QVLumerixItem::setLumerixV2(const LumerixStructV2& v) {
     std::lock_guard lock(mutex_);
     lumerixV2_ = v;
+}
+
+QVLumerixItem::ConnectionDetails QVLumerixItem::connectionDetails() const {
+    std::lock_guard lock(mutex_);
+    return {ipAddress_, loginCode_, receiverName_};
 }
 
 }  // namespace lumerix

@@ -7,6 +7,7 @@
 #include <QByteArray>
 #include <QHash>
 #include <QString>
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -120,6 +121,13 @@ public:
     void setWifiSSID(std::optional<QString> v);
     std::optional<QString> receiverName() const;
     void setReceiverName(std::optional<QString> v);
+    // The three decoded details in one read, for the menu that lists every receiver per refresh.
+    struct ConnectionDetails {
+        std::optional<QString> ipAddress;
+        std::optional<QString> loginCode;
+        std::optional<QString> receiverName;
+    };
+    ConnectionDetails connectionDetails() const;
 
     const Clock& clock() const { return *clock_; }
 
@@ -131,7 +139,8 @@ private:
     mutable std::recursive_mutex mutex_;
     QVLumerixItemDelegate* delegate_ = nullptr;
     DispatchQueue* decayingQueue_ = nullptr;
-    double aveRssi_ = 0;
+    // Written under mutex_, read without it: the menu re-orders by it on every advertisement.
+    std::atomic<double> aveRssi_{0};
     double rssiSum_ = 0;
     std::shared_ptr<QVQueue<double>> rssiQueue_;
     uint64_t rssiTotalCount_ = 0;

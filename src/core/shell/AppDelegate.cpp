@@ -320,8 +320,12 @@ void AppDelegate::UpdateMenuOfStatusBar() {
     m_pDiscoveredDevice.clear();
     m_pDiscoveredDevice.reserve(static_cast<qsizetype>(m_pDiscoveredDeviceAry.size()));
     for (const QVLumerixItemRef& item : m_pDiscoveredDeviceAry) {
-        CachedDictionary fresh{
-            item->shortenedUUID(), item->ipAddress(), item->loginCode(), item->receiverName(), {}};
+        QVLumerixItem::ConnectionDetails details = item->connectionDetails();
+        CachedDictionary fresh{item->shortenedUUID(),
+                               std::move(details.ipAddress),
+                               std::move(details.loginCode),
+                               std::move(details.receiverName),
+                               {}};
         CachedDictionary& cached = dictionaryCache_[item.get()];
         if (cached.dict.isEmpty() || !sameText(cached.uuid, fresh.uuid) || !sameText(cached.ip, fresh.ip) ||
             !sameText(cached.loginCode, fresh.loginCode) || !sameText(cached.name, fresh.name)) {
