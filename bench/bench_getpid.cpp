@@ -10,7 +10,7 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include "sender/GetPID.h"
+#include "platform/linux/GetPID.h"
 
 extern char** environ;
 

@@ -3,6 +3,7 @@
 #include <QApplication>
 #include <QDBusConnection>
 #include <QStringList>
+#include <csignal>
 
 #include "app/HeadlessSession.h"
 #include "app/ProductionEnvironment.h"
@@ -12,9 +13,12 @@
 #include "dispatch/QtQueues.h"
 #include "log/Log.h"
 #include "platform/linux/BluezPowerCheck.h"
+#include "platform/linux/GetPID.h"
 #include "platform/linux/LogindWorkspace.h"
+#include "platform/linux/PathManager.h"
+#include "platform/linux/SenderLauncher.h"
+#include "sender/DeliveryWorker.h"
 #include "shell/AppDelegate.h"
-#include "shell/PathManager.h"
 
 #ifndef LUMERIX_VERSION
 #define LUMERIX_VERSION "0"
@@ -43,6 +47,9 @@ bool parseDemo(const QStringList& arguments) {
 
 int runTrayApp(int argc, char** argv) {
     HeadlessSession::installLogSink();
+    // A sender that closes its end early must cost a failed send, not the program: every socket
+    // write (listener replies, frame delivery) relies on this instead of a per-call flag.
+    std::signal(SIGPIPE, SIG_IGN);
 
     QApplication app(argc, argv);
     QApplication::setApplicationName(QStringLiteral("Lumerix"));
@@ -55,6 +62,7 @@ int runTrayApp(int argc, char** argv) {
     QtEventQueue mainQueue(kMainQueueLabel, &app);
     HandlerEnvironment handlerEnv = makeProductionEnvironment(&mainQueue, demo);
     auto application = std::make_shared<QtShellApplication>();
+    DeliveryWorker delivery;  // outlives the delegate below
 
     ShellEnvironment env;
     env.clock = handlerEnv.clock;
@@ -63,6 +71,11 @@ int runTrayApp(int argc, char** argv) {
     env.statusBar = QtStatusBar::makeStatusBar(PathManager::GetResourcePath());
     env.application = application;
     env.workspace = std::make_shared<LogindWorkspace>(QDBusConnection::systemBus());
+    env.launcher = &SenderLauncher::launchApplication;
+    env.processLookup = &GetAllPIDsForProcessName;
+    env.delivery = [&delivery](QByteArray frame) { delivery.deliver(std::move(frame)); };
+    env.resourcePath = PathManager::GetResourcePath();
+    env.applicationSupportPath = PathManager::GetApplicationSupportPath().value_or(QString());
     if (demo) {
         // The simulated receivers need no adapter.
         env.bluetoothPowered = [] { return true; };

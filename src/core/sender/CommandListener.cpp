@@ -18,11 +18,21 @@ namespace lumerix {
 namespace {
 
 constexpr size_t kMaxReceive = kFrameBufferSize - 1;
-constexpr int kReplyFlags = MSG_NOSIGNAL | MSG_DONTWAIT;  // never SIGPIPE, never stall on one peer
+// Never stall on one peer. A reply to a peer that has gone raises SIGPIPE, which the program
+// ignores (the app sets that up), so the send just fails.
+constexpr int kReplyFlags = MSG_DONTWAIT;
 
 void closeFd(int fd) {
     while (::close(fd) == -1 && errno == EINTR) {
     }
+}
+
+// Close-on-exec, and non-blocking when asked; false when fcntl refuses.
+bool setDescriptorFlags(int fd, bool nonBlocking) {
+    if (::fcntl(fd, F_SETFD, FD_CLOEXEC) == -1) return false;
+    if (!nonBlocking) return true;
+    const int flags = ::fcntl(fd, F_GETFL);
+    return flags != -1 && ::fcntl(fd, F_SETFL, flags | O_NONBLOCK) != -1;
 }
 
 }  // namespace
@@ -46,10 +56,14 @@ bool PendingConnectionSlot::isPending() const {
 
 CommandListener::CommandListener(PendingConnectionSlot& slot, const std::atomic<bool>& closing, uint16_t port)
     : slot_(slot), closing_(closing), port_(port) {
-    if (::pipe2(wakePipe_, O_CLOEXEC | O_NONBLOCK) != 0) {
+    if (::pipe(wakePipe_) != 0 || !setDescriptorFlags(wakePipe_[0], true) ||
+        !setDescriptorFlags(wakePipe_[1], true)) {
         Log::logf("Command listener: no wake pipe (%s); stop waits for the next request\n",
                   std::strerror(errno));
-        wakePipe_[0] = wakePipe_[1] = -1;
+        for (int& fd : wakePipe_) {
+            if (fd != -1) closeFd(fd);
+            fd = -1;
+        }
     }
 }
 
@@ -105,9 +119,14 @@ bool CommandListener::ListenCmdFromSenderThread() {
     uint8_t receiveBuffer[kFrameBufferSize] = {};
     uint8_t replyBuffer[kFrameBufferSize] = {};
 
-    const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
     if (fd == -1) {
         Log::write(QStringLiteral("Create Socket failed.\n"));
+        return false;
+    }
+    if (!setDescriptorFlags(fd, true)) {
+        Log::write(QStringLiteral("Create Socket failed.\n"));
+        closeFd(fd);
         return false;
     }
     const int reuse = 1;
@@ -159,7 +178,7 @@ bool CommandListener::ListenCmdFromSenderThread() {
         if ((waits[0].revents & POLLIN) == 0) continue;
         sockaddr_in peer{};
         socklen_t peerLength = sizeof peer;  // 16
-        const int connection = ::accept4(fd, reinterpret_cast<sockaddr*>(&peer), &peerLength, SOCK_CLOEXEC);
+        const int connection = ::accept(fd, reinterpret_cast<sockaddr*>(&peer), &peerLength);
         if (connection == -1) {
             if (errno == EMFILE || errno == ENFILE) {
                 Log::logf("Command listener: accept failed (%s)\n", std::strerror(errno));
@@ -176,6 +195,9 @@ bool CommandListener::ListenCmdFromSenderThread() {
             }
             continue;
         }
+        // Every receive and send below says MSG_DONTWAIT, so the connection's own blocking mode
+        // (inherited from the listening socket on some systems, not on others) does not matter.
+        ::fcntl(connection, F_SETFD, FD_CLOEXEC);
         serveConnection(connection, receiveBuffer, replyBuffer);
         running = !closing_.load() && !stopRequested_.load();
     }

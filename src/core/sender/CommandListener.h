@@ -3,7 +3,8 @@
 // on 127.0.0.1:19319, answering a valid 0x04 request with the parked connection info (take-once)
 // or a single 0x00 byte. A receive that waits longer than kReceiveTimeoutMs counts as empty;
 // connections stay open until their peer closes them, at most kMaxOpenConnections at a time
-// (the oldest is closed beyond that).
+// (the oldest is closed beyond that). Replies to a peer that has gone would raise SIGPIPE: the
+// program must ignore that signal.
 #include <atomic>
 #include <condition_variable>
 #include <cstdint>

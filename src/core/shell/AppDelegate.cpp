@@ -3,13 +3,10 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
-#include <cstdlib>
 #include <thread>
 
 #include "log/Log.h"
-#include "sender/GetPID.h"
 #include "sender/MainController.h"
-#include "shell/PathManager.h"
 #include "shell/ReceiverOrder.h"
 #include "shell/ReferenceTable.h"
 
@@ -40,35 +37,11 @@ bool sameText(const std::optional<QString>& a, const std::optional<QString>& b) 
 
 }  // namespace
 
-QByteArray AppDelegate::SenderLaunchCommand() {
-#ifdef __APPLE__
-    return QByteArray("open -b \"") + kSenderBundleIdentifier + '"';
-#else
-    return QByteArray("gtk-launch \"") + kSenderBundleIdentifier + '"';
-#endif
-}
-
 AppDelegate::AppDelegate(ShellEnvironment env) : env_(std::move(env)) {
     if (!env_.clock) env_.clock = systemClock();
     if (!env_.bluetoothPowered) env_.bluetoothPowered = [] { return true; };
-    if (!env_.launcher)
-        env_.launcher = [](const QByteArray& command) { return std::system(command.constData()); };
-    if (!env_.processLookup) env_.processLookup = &GetAllPIDsForProcessName;
     if (!env_.sleeper)
         env_.sleeper = [](std::chrono::microseconds pause) { std::this_thread::sleep_for(pause); };
-    if (!env_.delivery) {
-        // Up to 30 s per frame when the sender does not answer: never on the main thread.
-        deliveryQueue_ = std::make_unique<ThreadQueue>("com.zemko.Lumerix.deliver", env_.clock);
-        ThreadQueue* queue = deliveryQueue_.get();
-        env_.delivery = [queue](QByteArray frame) {
-            queue->async([frame = std::move(frame)] {
-                MainController::SendDataToOndrel(reinterpret_cast<const uint8_t*>(frame.constData()),
-                                                 static_cast<uint64_t>(frame.size()));
-            });
-        };
-    }
-    if (!env_.resourcePath) env_.resourcePath = PathManager::GetResourcePath();
-    if (!env_.applicationSupportPath) env_.applicationSupportPath = PathManager::GetApplicationSupportPath();
     m_listener = std::make_unique<CommandListener>(m_pDictTargetDevice, m_bAppIsClosing,
                                                    env_.listenerPort.value_or(kSenderCommandPort));
 }
@@ -81,7 +54,6 @@ AppDelegate::~AppDelegate() {
     if (m_pStatusItem) m_pStatusItem->setTarget(nullptr);
     if (m_pLumerix && m_pLumerix->delegate() == this) m_pLumerix->setDelegate(nullptr);
     m_listener.reset();
-    deliveryQueue_.reset();
 }
 
 // ---- Lifecycle ---------------------------------------------------------------------------------
@@ -195,14 +167,13 @@ void AppDelegate::QuitApp() {
 // ---- Reference table ---------------------------------------------------------------------------
 
 QString AppDelegate::ReferenceTableFolder() const {
-    const QString support = env_.applicationSupportPath.value_or(QString());
-    if (support.isEmpty()) return QString();
-    return support + QLatin1String("/Tavik/Lumerix");
+    if (env_.applicationSupportPath.isEmpty()) return QString();
+    return env_.applicationSupportPath + QLatin1String("/Tavik/Lumerix");
 }
 
 bool AppDelegate::LoadReferenceTable() {
     if (!m_pReferenceTable) m_pReferenceTable = QVariantList();
-    const QString resources = env_.resourcePath.value_or(QString());
+    const QString& resources = env_.resourcePath;
     const QString defaultPath = resources + QLatin1Char('/') + QLatin1String(kDefaultReferenceTableFileName);
     m_pDefaultReferenceTable.reset();
     if (!resources.isEmpty() && QFileInfo::exists(defaultPath)) {
@@ -451,13 +422,14 @@ void AppDelegate::DeviceConnectAction(const MenuItemRef& sender) {
     int32_t pids[kProcessIdCapacity] = {};
     uint32_t count = 0;
     int error = 0;
-    env_.processLookup(kSenderProcessName, 0, pids, kProcessIdCapacity, &count, &error);
+    if (env_.processLookup)
+        env_.processLookup(kSenderProcessName, 0, pids, kProcessIdCapacity, &count, &error);
 
     if (count == 0) {
         // The sender asks for the receiver on the command listener once it is up. Parked before
         // the launch so that a sender quicker than the launcher's return still finds it.
         m_pDictTargetDevice.park(std::move(info));
-        env_.launcher(SenderLaunchCommand());
+        if (env_.launcher) env_.launcher(QByteArray(kSenderBundleIdentifier));
         return;
     }
     deliverFrame(info);
@@ -473,7 +445,8 @@ void AppDelegate::deliverFrame(const ConnectionInfo& info) {
             QStringLiteral("DeviceConnectAction: the receiver's details do not fit a frame; nothing sent"));
         return;
     }
-    env_.delivery(QByteArray(reinterpret_cast<const char*>(buffer), static_cast<qsizetype>(length)));
+    if (env_.delivery)
+        env_.delivery(QByteArray(reinterpret_cast<const char*>(buffer), static_cast<qsizetype>(length)));
 }
 
 bool AppDelegate::ListenCmdFromSenderThread() { return m_listener->ListenCmdFromSenderThread(); }

@@ -12,7 +12,6 @@
 #include <vector>
 
 #include "dispatch/DispatchTimer.h"
-#include "dispatch/ThreadQueue.h"
 #include "receiver/QVLumerixItem.h"
 #include "sender/CommandListener.h"
 #include "sender/ConnectionInfo.h"
@@ -34,9 +33,6 @@ public:
     static constexpr const char* kReferenceTableFileName = "ReferenceTable.plist";
     static constexpr const char* kDefaultReferenceTableFileName = "DefaultReferenceTable.plist";
     static constexpr const char* kUnreadableSuffix = ".unreadable";
-
-    // The shell command that starts the sender by its bundle identifier on this platform.
-    static QByteArray SenderLaunchCommand();
 
     explicit AppDelegate(ShellEnvironment env);
     // dealloc: stops the timers and the listener, lets go of the handler.
@@ -106,7 +102,6 @@ private:
     void keepUnreadableReferenceTable(const QString& path);
 
     ShellEnvironment env_;
-    std::unique_ptr<ThreadQueue> deliveryQueue_;  // only with the default delivery
 
     bool m_bConnect = false;
     std::unique_ptr<LumerixScanning> m_pLumerix;

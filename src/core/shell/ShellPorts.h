@@ -130,18 +130,20 @@ LumerixScanningFactory makeHandlerFactory(HandlerEnvironment env);
 
 // True when Bluetooth is available and powered on (InitBlueToothDevice).
 using BluetoothPowerCheck = std::function<bool()>;
-// Runs a command through the system shell and returns its status (system()).
-using Launcher = std::function<int(const QByteArray& command)>;
+// Starts the application with the given bundle identifier and returns the status of the launch
+// command (system()).
+using Launcher = std::function<int(const QByteArray& bundleIdentifier)>;
 // Same contract as GetAllPIDsForProcessName.
 using ProcessLookup = std::function<int(const char* name, uint32_t uid, int32_t* pids, uint32_t capacity,
                                         uint32_t* count, int* error)>;
 // Delivers one frame to the sender's data port. Frames must arrive in the order given; the call
-// should return at once (the default sends from a serial worker thread).
+// should return at once (production sends from a DeliveryWorker's thread).
 using SenderDelivery = std::function<void(QByteArray frame)>;
 // Pauses the calling thread (usleep); tests count the calls instead.
 using Sleeper = std::function<void(std::chrono::microseconds)>;
 
-// Everything AppDelegate is built from. Unset members take the production defaults noted.
+// Everything AppDelegate is built from. The desktop's own parts (launcher, process table, frame
+// delivery, folders) come from the app; only portable defaults are filled in here.
 struct ShellEnvironment {
     std::shared_ptr<Clock> clock;                   // default: systemClock()
     DispatchQueue* mainQueue = nullptr;             // required; the timers run here
@@ -150,16 +152,16 @@ struct ShellEnvironment {
     std::shared_ptr<ShellApplication> application;  // required
     std::shared_ptr<Workspace> workspace;           // null: no sleep/wake notices
     BluetoothPowerCheck bluetoothPowered;           // default: always true
-    Launcher launcher;                              // default: std::system
-    ProcessLookup processLookup;                    // default: GetAllPIDsForProcessName
-    SenderDelivery delivery;                        // default: a serial worker, SendDataToOndrel
+    Launcher launcher;                              // null: the sender is never launched
+    ProcessLookup processLookup;                    // null: the sender never counts as running
+    SenderDelivery delivery;                        // null: frames are dropped
     Sleeper sleeper;                                // default: std::this_thread::sleep_for
     // The command listener's port; nullopt leaves the listener off (tests), 0 picks a free port.
     std::optional<uint16_t> listenerPort = kSenderCommandPort;
-    // Folder holding "DefaultReferenceTable.plist"; default: PathManager::GetResourcePath().
-    std::optional<QString> resourcePath;
-    // The Application Support folder; default: PathManager::GetApplicationSupportPath().
-    std::optional<QString> applicationSupportPath;
+    // Folder holding "DefaultReferenceTable.plist"; empty: no default receivers.
+    QString resourcePath;
+    // The Application Support folder; empty: the reference table is neither read nor written.
+    QString applicationSupportPath;
 };
 
 }  // namespace lumerix

@@ -259,8 +259,7 @@ TEST(AppDelegateConnect, LaunchOrSendWithTheReferenceIndexQuirk) {
                                       {QStringLiteral("DeviceName"), *k.expectedReceiver},
                                       {QStringLiteral("WiFiSSID"), *k.expectedReceiver}};
         if (k.senderProcesses == 0) {
-            EXPECT_EQ(rig.commands,
-                      std::vector<QByteArray>{QByteArray("gtk-launch \"com.Sharvane.Ondrel\"")});
+            EXPECT_EQ(rig.commands, std::vector<QByteArray>{QByteArray("com.Sharvane.Ondrel")});
             EXPECT_TRUE(rig.frames.empty());
             EXPECT_EQ(shell.dictTargetDevice().take(), expected);
         } else {

@@ -1,7 +1,7 @@
 #pragma once
-// Where things live on this desktop. On Linux the "application bundle" is the installation
-// prefix: <prefix>/bin/lumerix with its resources in <prefix>/share/lumerix (the build tree has
-// the same shape).
+// Where things live on this desktop. The "application bundle" is the installation prefix:
+// <prefix>/bin/lumerix with its resources in <prefix>/share/lumerix (the build tree has the same
+// shape). The app hands the shell the two folders it needs; the shell never asks this class.
 #include <QString>
 #include <optional>
 
@@ -9,10 +9,8 @@ namespace lumerix {
 
 class PathManager {
 public:
-    // True when the path lies on a removable block device.
+    // True when the path lies on a removable block device (the sysfs "removable" flag).
     static bool CheckRemovableDiskPath(const QString& path);
-    // Same, with the sysfs block-class folder given (tests).
-    static bool CheckRemovableDiskPath(const QString& path, const QString& sysClassBlock);
     // Opens the file with the desktop's default application (xdg-open); true when that started.
     static bool ExecuteApplication(const QString& path);
 

@@ -1,6 +1,7 @@
 #pragma once
-// Whether a process of a given command name runs, and with which ids. Linux reads /proc
-// (comm, effective uid from status) in ascending pid order; macOS and BSD use sysctl.
+// Whether a process of a given command name runs, and with which ids: the process table read from
+// /proc (comm, effective uid from status) in ascending pid order. The shell reaches it through
+// its ProcessLookup port.
 #include <cstdint>
 
 namespace lumerix {

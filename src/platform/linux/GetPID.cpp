@@ -1,5 +1,10 @@
-#include "sender/GetPID.h"
+#include "platform/linux/GetPID.h"
 
+#include <dirent.h>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
 #include <cerrno>
 #include <cstdint>
 #include <cstdio>
@@ -8,24 +13,10 @@
 #include <new>
 #include <vector>
 
-#if defined(__APPLE__) || defined(__FreeBSD__)
-#include <sys/sysctl.h>
-#include <sys/types.h>
-#include <sys/user.h>
-#else
-#include <dirent.h>
-#include <fcntl.h>
-#include <unistd.h>
-
-#include <algorithm>
-#endif
-
 namespace lumerix {
 namespace {
 
 constexpr size_t kCommandNameCompareLength = 16;
-
-#if !(defined(__APPLE__) || defined(__FreeBSD__))
 
 // Reads a small /proc file into buf (zero-terminated); false when it cannot be read, e.g. the
 // process ended meanwhile.
@@ -97,8 +88,6 @@ int listProcessIds(std::vector<int32_t>& pids, int* error) {
     return 0;
 }
 
-#endif
-
 }  // namespace
 
 int GetAllPIDsForProcessName(const char* name, uint32_t uid, int32_t* pids, uint32_t capacity,
@@ -108,48 +97,6 @@ int GetAllPIDsForProcessName(const char* name, uint32_t uid, int32_t* pids, uint
     *count = 0;
     if (error) *error = 0;
 
-#if defined(__APPLE__) || defined(__FreeBSD__)
-    int mib[3] = {CTL_KERN, KERN_PROC, KERN_PROC_ALL};
-    size_t size = 0;
-    if (::sysctl(mib, 3, nullptr, &size, nullptr, 0) == -1) {
-        if (error) *error = errno;
-        return -3;
-    }
-    kinfo_proc* table = nullptr;
-    for (;;) {
-        table = static_cast<kinfo_proc*>(std::malloc(size));
-        if (table == nullptr) {
-            if (error) *error = ENOMEM;
-            return -4;
-        }
-        if (::sysctl(mib, 3, table, &size, nullptr, 0) == 0) break;
-        std::free(table);
-        if (::sysctl(mib, 3, nullptr, &size, nullptr, 0) == -1) {
-            if (error) *error = errno;
-            return -3;
-        }
-    }
-    const size_t records = size / sizeof(kinfo_proc);
-    for (size_t i = 0; i < records; ++i) {
-#if defined(__APPLE__)
-        const int32_t pid = table[i].kp_proc.p_pid;
-        const char* comm = table[i].kp_proc.p_comm;
-        const uint32_t euid = table[i].kp_eproc.e_ucred.cr_uid;
-#else
-        const int32_t pid = table[i].ki_pid;
-        const char* comm = table[i].ki_comm;
-        const uint32_t euid = table[i].ki_uid;
-#endif
-        if (pid <= 0 || std::strncmp(comm, name, kCommandNameCompareLength) != 0) continue;
-        if (uid != 0 && uid != euid) continue;
-        if (*count + 1 > capacity) {
-            std::free(table);
-            return -5;
-        }
-        pids[(*count)++] = pid;
-    }
-    std::free(table);
-#else
     std::vector<int32_t> table;
     try {
         table.reserve(1024);
@@ -169,7 +116,6 @@ int GetAllPIDsForProcessName(const char* name, uint32_t uid, int32_t* pids, uint
         if (*count + 1 > capacity) return -5;
         pids[(*count)++] = pid;
     }
-#endif
     return *count != 0 ? 0 : -1;
 }
 

@@ -14,7 +14,7 @@
 #include <thread>
 #include <vector>
 
-#include "sender/GetPID.h"
+#include "platform/linux/GetPID.h"
 
 extern char** environ;
 

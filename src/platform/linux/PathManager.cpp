@@ -1,4 +1,4 @@
-#include "shell/PathManager.h"
+#include "platform/linux/PathManager.h"
 
 #include <QCoreApplication>
 #include <QDir>
@@ -27,10 +27,7 @@ bool readFlag(const QString& file) {
 }  // namespace
 
 bool PathManager::CheckRemovableDiskPath(const QString& path) {
-    return CheckRemovableDiskPath(path, QStringLiteral("/sys/class/block"));
-}
-
-bool PathManager::CheckRemovableDiskPath(const QString& path, const QString& sysClassBlock) {
+    const QString sysClassBlock = QStringLiteral("/sys/class/block");
     if (path.isEmpty()) return false;
     const QStorageInfo volume(path);
     if (!volume.isValid()) return false;
