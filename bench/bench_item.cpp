@@ -2,6 +2,7 @@
 // advertisement history and the decay-timer restart. Target: under 1 us per sample.
 #include <benchmark/benchmark.h>
 
+#include "ble/BleCentral.h"
 #include "ble/StaticPeripheral.h"
 #include "dispatch/ManualQueue.h"
 #include "dispatch/ThreadQueue.h"
@@ -55,7 +56,7 @@ void BM_RejectedSample(benchmark::State& state) {
         systemClock());
     item->setDecayingQueue(&queue);
     const AdvertisementData advertisement = sampleAdvertisement();
-    for (auto _ : state) item->discoveredRssi(127, advertisement);
+    for (auto _ : state) item->discoveredRssi(kRssiNoReading, advertisement);
     state.SetItemsProcessed(state.iterations());
 }
 BENCHMARK(BM_RejectedSample);

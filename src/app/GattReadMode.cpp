@@ -7,6 +7,7 @@
 
 #include "app/HeadlessSession.h"
 #include "log/Log.h"
+#include "receiver/BoundedText.h"
 
 namespace lumerix {
 namespace {
@@ -48,12 +49,6 @@ std::optional<GattOptions> parseGattOptions(int argc, char** argv, QString* erro
     return o;
 }
 
-// A record field: bytes up to the first zero or the field's end.
-template <size_t N>
-QString field(const char (&bytes)[N]) {
-    return QString::fromUtf8(bytes, static_cast<qsizetype>(strnlen(bytes, N)));
-}
-
 class GattReadSession final : public HeadlessSession {
 public:
     explicit GattReadSession(const GattOptions& o) : HeadlessSession(o.demo), options_(o) {}
@@ -80,9 +75,10 @@ private:
         if (status != LumerixItemResolved || !connected_) return;
         const LumerixStruct r = item->lumerix();
         std::printf("WiFiSSID: %s\nWiFiKey: %s\nReceiverIP: %s\nReceiverName: %s\nReceiverLoginCode: %s\n",
-                    field(r.WiFiSSID).toUtf8().constData(), field(r.WiFiKey).toUtf8().constData(),
-                    field(r.ReceiverIP).toUtf8().constData(), field(r.ReceiverName).toUtf8().constData(),
-                    field(r.ReceiverLoginCode).toUtf8().constData());
+                    boundedUtf8(r.WiFiSSID).toUtf8().constData(), boundedUtf8(r.WiFiKey).toUtf8().constData(),
+                    boundedUtf8(r.ReceiverIP).toUtf8().constData(),
+                    boundedUtf8(r.ReceiverName).toUtf8().constData(),
+                    boundedUtf8(r.ReceiverLoginCode).toUtf8().constData());
         std::fflush(stdout);
         finish(0);
     }

@@ -1,9 +1,9 @@
 #include "app/HeadlessSession.h"
 
 #include <QCoreApplication>
-#include <QThread>
 #include <QTimer>
 #include <cstdio>
+#include <thread>
 
 #include "app/ProductionEnvironment.h"
 #include "log/Log.h"
@@ -12,8 +12,6 @@
 namespace lumerix {
 namespace {
 
-constexpr int kStartAttempts = 50;
-constexpr unsigned long kStartRetryMs = 10;
 // How long Bluetooth may take to come up before the run gives up.
 constexpr int kGraceMs = 2000;
 
@@ -85,11 +83,10 @@ void HeadlessSession::finish(int exitCode) {
 }
 
 void HeadlessSession::tryStart() {
-    for (int i = 0; i < kStartAttempts && !scanning_; ++i) {
-        if (handler_->scanForLumerixService(true))
-            scanning_ = true;
-        else
-            QThread::msleep(kStartRetryMs);
+    scanning_ = handler_->scanForLumerixService(true);
+    for (int retry = 0; !scanning_ && retry < QVLumerixHandler::kScanRetryCount; ++retry) {
+        std::this_thread::sleep_for(QVLumerixHandler::kScanRetryPause);
+        scanning_ = handler_->scanForLumerixService(true);
     }
     if (scanning_) Log::logf("lumerix: scanning for receivers");
 }
@@ -105,8 +102,8 @@ void HeadlessSession::bluetoothUnavailable(int state, bool wasScanning) {
 void HeadlessSession::lumerixStateDidChange(int state) {
     mainQueue_.async([this, state, alive = std::weak_ptr<bool>(alive_)] {
         if (alive.expired() || finished_) return;
-        if (state == 5 && !scanning_) tryStart();
-        if (state != 5 && scanning_) {
+        if (state == BleStatePoweredOn && !scanning_) tryStart();
+        if (state != BleStatePoweredOn && scanning_) {
             scanning_ = false;
             bluetoothUnavailable(state, true);
         }

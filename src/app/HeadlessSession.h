@@ -1,7 +1,7 @@
 #pragma once
 // A scanning handler run without the tray, for the command-line modes: logging, scanning started
-// the way the tray starts it (50 tries 10 ms apart), a clear message and exit code 2 when
-// Bluetooth is off or missing, and a deadline. Delegate callbacks are handled on the main thread.
+// the way the tray starts it (QVLumerixHandler::kScanRetryCount retries), a clear message and exit code 2
+// when Bluetooth is off or missing, and a deadline. Delegate callbacks are handled on the main thread.
 #include <QString>
 #include <memory>
 

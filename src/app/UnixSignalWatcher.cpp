@@ -18,7 +18,7 @@ constexpr int kSignals[] = {SIGTERM, SIGINT};
 
 extern "C" void onUnixSignal(int signal) {
     const int saved = errno;
-    const unsigned char byte = static_cast<unsigned char>(signal);
+    const auto byte = static_cast<unsigned char>(signal);
     [[maybe_unused]] ssize_t n = ::write(gPipe[1], &byte, 1);
     errno = saved;
 }

@@ -27,6 +27,9 @@ enum BleState : int {
     BleStatePoweredOn = 5,
 };
 
+// The RSSI a central reports when it has no reading; never a signal strength.
+inline constexpr double kRssiNoReading = 127.0;
+
 class BleCentralDelegate {
 public:
     virtual ~BleCentralDelegate() = default;

@@ -91,7 +91,7 @@ SimulatedScenario SimulatedScenario::demo() {
 
 QString SimulatedCentral::identifierForIndex(size_t index) {
     return QStringLiteral("00000000-0000-0000-0000-%1")
-        .arg(static_cast<qulonglong>(index + 1), 12, 16, QLatin1Char('0'))
+        .arg(static_cast<qulonglong>(index) + 1, 12, 16, QLatin1Char('0'))
         .toUpper();
 }
 

@@ -37,6 +37,9 @@ public:
     virtual const Clock& clock() const = 0;
     // True when the calling code runs on this queue.
     virtual bool isCurrent() const { return current() == this; }
+    // Runs the task on the queue and waits for it. Only for queues whose tasks run on a thread of
+    // their own, and never from that thread.
+    void sync(const Task& task);
 
     const std::string& label() const { return label_; }
 

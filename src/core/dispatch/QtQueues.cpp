@@ -2,7 +2,7 @@
 
 #include <QMetaObject>
 #include <QTimer>
-#include <future>
+#include <cmath>
 
 namespace lumerix {
 
@@ -25,7 +25,7 @@ void QtEventQueue::async(Task task) {
 
 TaskHandle QtEventQueue::after(double delayMs, Task task) {
     auto handle = std::make_shared<Cancelable>();
-    int ms = delayMs > 0 ? static_cast<int>(delayMs + 0.5) : 0;
+    const int ms = delayMs > 0 ? static_cast<int>(std::lround(delayMs)) : 0;
     // The timer must be created on the context's thread.
     QMetaObject::invokeMethod(
         context_,
@@ -51,8 +51,8 @@ QtThreadQueue::QtThreadQueue(std::string label, std::shared_ptr<Clock> clock)
     : QtThreadQueue(new QThread, std::move(label), std::move(clock)) {}
 
 QtThreadQueue::QtThreadQueue(QThread* thread, std::string label, std::shared_ptr<Clock> clock)
-    : QtEventQueue(label, makeContext(thread), std::move(clock)), thread_(thread) {
-    thread_->setObjectName(QString::fromStdString(label));
+    : QtEventQueue(std::move(label), makeContext(thread), std::move(clock)), thread_(thread) {
+    thread_->setObjectName(QString::fromStdString(this->label()));
     thread_->start();
 }
 
@@ -61,15 +61,6 @@ QtThreadQueue::~QtThreadQueue() {
     thread_->wait();
     delete context();  // its thread's loop has stopped, so it is deleted from here
     delete thread_;
-}
-
-void QtThreadQueue::sync(const Task& task) {
-    std::promise<void> done;
-    async([&] {
-        task();
-        done.set_value();
-    });
-    done.get_future().wait();
 }
 
 }  // namespace lumerix

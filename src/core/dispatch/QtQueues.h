@@ -30,8 +30,6 @@ class QtThreadQueue final : public QtEventQueue {
 public:
     explicit QtThreadQueue(std::string label, std::shared_ptr<Clock> clock = systemClock());
     ~QtThreadQueue() override;
-    // Runs the task on the queue's thread and waits for it (not from the queue itself).
-    void sync(const Task& task);
 
 private:
     QtThreadQueue(QThread* thread, std::string label, std::shared_ptr<Clock> clock);

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <chrono>
-#include <future>
 
 namespace lumerix {
 
@@ -53,15 +52,6 @@ std::vector<ThreadQueue::Entry> ThreadQueue::sweepCancelledLocked() {
     std::make_heap(tasks_.begin(), tasks_.end(), Later{});
     sweepAt_ = std::max(kMinSweep, tasks_.size() * 2);
     return cancelled;
-}
-
-void ThreadQueue::sync(const Task& task) {
-    std::promise<void> done;
-    async([&] {
-        task();
-        done.set_value();
-    });
-    done.get_future().wait();
 }
 
 void ThreadQueue::loop() {

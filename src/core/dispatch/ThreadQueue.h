@@ -20,8 +20,6 @@ public:
     void async(Task task) override;
     TaskHandle after(double delayMs, Task task) override;
     const Clock& clock() const override { return *clock_; }
-    // Runs the task on the queue and waits for it (not from the queue itself).
-    void sync(const Task& task);
 
 private:
     static constexpr size_t kMinSweep = 256;

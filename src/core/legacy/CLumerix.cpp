@@ -5,12 +5,11 @@
 
 #include "log/Log.h"
 #include "receiver/AesEcb.h"
+#include "receiver/BoundedText.h"
 #include "receiver/LumerixKeys.h"
 
 namespace lumerix {
 namespace {
-
-QByteArray utf8(const QString& s) { return s.toUtf8(); }
 
 // Strict UTF-8: no overlong forms, no surrogates, nothing above U+10FFFF, no cut-off sequence.
 bool isValidUtf8(const unsigned char* s, size_t n) {
@@ -138,7 +137,7 @@ void CLumerix::Connect() {
 void CLumerix::ConnectLocked() {
     if (!m_pCurrentConnectPeripheral) return;
     const QString id = m_pCurrentConnectPeripheral->identifier();
-    Log::logf("CLumerix connect %s\n", utf8(id).constData());
+    Log::logf("CLumerix connect %s\n", qUtf8Printable(id));
     if (cbCM_) cbCM_->connectPeripheral(m_pCurrentConnectPeripheral);
     m_pDictCollectData.clear();
     m_pDictCollectData.insert(kUUID, id);
@@ -172,8 +171,7 @@ void CLumerix::OnConnectTimerOut() {
     std::lock_guard lock(mutex_);
     connectTimer_.reset();
     if (m_pCurrentConnectPeripheral)
-        Log::logf("CLumerix connect timeout %s\n",
-                  utf8(m_pCurrentConnectPeripheral->identifier()).constData());
+        Log::logf("CLumerix connect timeout %s\n", qUtf8Printable(m_pCurrentConnectPeripheral->identifier()));
     DisconnectLocked();
 }
 
@@ -223,7 +221,7 @@ void CLumerix::centralManagerDidDiscoverPeripheral(const BlePeripheralRef& perip
 
 void CLumerix::centralManagerDidConnectPeripheral(const BlePeripheralRef& peripheral) {
     if (!peripheral) return;
-    Log::logf("CLumerix connected %s\n", utf8(peripheral->identifier()).constData());
+    Log::logf("CLumerix connected %s\n", qUtf8Printable(peripheral->identifier()));
     peripheral->setDelegate(this);
     peripheral->discoverServices();
 }
@@ -232,12 +230,12 @@ void CLumerix::centralManagerDidFailToConnectPeripheral(const BlePeripheralRef&,
                                                         const std::optional<BleError>& error) {
     Log::logf("Connection failed code [%ld] domain %s\nErr : %s\n",
               static_cast<long>(error ? error->code : 0), "BleErrorDomain",
-              error ? utf8(error->description).constData() : "(null)");
+              error ? qUtf8Printable(error->description) : "(null)");
 }
 
 void CLumerix::centralManagerDidDisconnectPeripheral(const BlePeripheralRef& peripheral,
                                                      const std::optional<BleError>&) {
-    if (peripheral) Log::logf("CLumerix disconnected %s\n", utf8(peripheral->identifier()).constData());
+    if (peripheral) Log::logf("CLumerix disconnected %s\n", qUtf8Printable(peripheral->identifier()));
 }
 
 void CLumerix::peripheralDidDiscoverServices(BlePeripheral& peripheral, const std::optional<BleError>&) {
@@ -250,8 +248,8 @@ void CLumerix::peripheralDidDiscoverCharacteristicsForService(BlePeripheral& per
                                                               const BleServiceRef& service,
                                                               const std::optional<BleError>&) {
     if (!service) return;
-    Log::logf("Found Characteristics in Service:%s (%s)", utf8(service->uuid().toString()).constData(),
-              utf8(peripheral.identifier()).constData());
+    Log::logf("Found Characteristics in Service:%s (%s)", qUtf8Printable(service->uuid().toString()),
+              qUtf8Printable(peripheral.identifier()));
     for (const BleCharacteristicRef& c : service->characteristics()) {
         if (!c) continue;
         const QByteArray b = c->uuid().bytes();
@@ -281,7 +279,7 @@ void CLumerix::peripheralDidUpdateValueForCharacteristic(BlePeripheral& peripher
     if (!m_pCurrentConnectPeripheral ||
         m_pCurrentConnectPeripheral->identifier() != peripheral.identifier()) {
         Log::logf("CLumerix ignores a value of %s, which is not being read\n",
-                  utf8(peripheral.identifier()).constData());
+                  qUtf8Printable(peripheral.identifier()));
         return;
     }
     if (b1 == 0x80) {
@@ -338,7 +336,7 @@ void CLumerix::ParsecollectDataLocked() {
         usable = true;
     }
     if (!usable) {
-        Log::logf("CLumerix: data of %s is not text; nothing stored\n", utf8(uuid).constData());
+        Log::logf("CLumerix: data of %s is not text; nothing stored\n", qUtf8Printable(uuid));
         return;
     }
 
@@ -349,7 +347,7 @@ void CLumerix::ParsecollectDataLocked() {
         info = std::make_shared<SharvaneInfo>(env_.clock);
         info->setValue(QStringLiteral("PeripheralUUID"), uuid);
         info->SetTimpStamp();
-        Log::logf("Get new Data: %s", utf8(info->description()).constData());
+        Log::logf("Get new Data: %s", qUtf8Printable(info->description()));
         m_pLookupTable.append(info);
     }
 
@@ -362,9 +360,9 @@ void CLumerix::ParsecollectDataLocked() {
         const qsizetype available = std::max<qsizetype>(0, text.size() - pos);
         const qsizetype n = std::min({len, available, static_cast<qsizetype>(kFieldBufferSize)});
         if (n > 0) std::memcpy(field, text.constData() + pos, static_cast<size_t>(n));
-        const QString v = QString::fromUtf8(field, static_cast<qsizetype>(strnlen(field, sizeof field)));
+        const QString v = boundedUtf8(field);
         info->setValue(QString::fromLatin1(kCuts[i].key), v);
-        Log::logf(kCuts[i].logFormat, utf8(v).constData());
+        Log::logf(kCuts[i].logFormat, qUtf8Printable(v));
         pos += len;
     }
 }
@@ -389,7 +387,7 @@ void CLumerix::CheckLumerixAlivedTimer() {
             const auto& beacon = m_pLivedBeaconArray[i];
             if (now - beacon->GetTimpStamp() > kBeaconAliveSeconds) {
                 Log::logf("Beacon doesn't alive ID: %s currentTime %lf BeaconStamp %lf\n",
-                          utf8(beacon->peripheral()->identifier()).constData(), now, beacon->GetTimpStamp());
+                          qUtf8Printable(beacon->peripheral()->identifier()), now, beacon->GetTimpStamp());
                 m_pLivedBeaconArray.removeAt(i);
             }
         }
@@ -400,7 +398,7 @@ void CLumerix::CheckLumerixAlivedTimer() {
             if (info && now - info->GetTimpStamp() < kLookupFreshSeconds) continue;
             if (isWaiting(id)) continue;
             if (m_pCurrentConnectPeripheral && m_pCurrentConnectPeripheral->identifier() == id) continue;
-            Log::logf("Wait to Search UUID %s \n", utf8(id).constData());
+            Log::logf("Wait to Search UUID %s \n", qUtf8Printable(id));
             std::lock_guard wait(waitMutex_);
             m_pWaitForConnectPeripheral.append(p);
         }

@@ -9,15 +9,13 @@
 #include <cstdint>
 #include <utility>
 
+#include "receiver/LumerixRecords.h"
+
 namespace lumerix {
 
 inline constexpr uint8_t kSegmentSingle = 0x11;
 inline constexpr uint8_t kSegmentFirstOfTwo = 0x21;
 inline constexpr uint8_t kSegmentSecondOfTwo = 0x22;
-// Longest first segment; longer names go out in two segments.
-inline constexpr int kFirstSegmentBytes = 16;
-// Longest second segment the decoder keeps.
-inline constexpr int kSecondSegmentBytes = 31;
 
 QByteArray makeLumerixRecord(uint8_t segmentByte, const std::array<uint8_t, 4>& ipv4, uint8_t code1,
                              uint8_t code2, const QByteArray& nameSegment, uint16_t companyId = 0xFFFF);

@@ -5,11 +5,17 @@
 
 namespace lumerix {
 
+// A receiver name travels in up to two advertisement segments: the first carries at most
+// kFirstSegmentBytes bytes, the second at most kSecondSegmentBytes (both UTF-8, no terminator).
+inline constexpr int kFirstSegmentBytes = 16;
+inline constexpr int kSecondSegmentBytes = 31;
+
 // Advertisement decoding state of one receiver.
 struct LumerixStructV2 {
     char ipAddress[64];
     char loginCode[8];
-    char receiverName[48];     // bytes 0-15: name segment 1; bytes 16-47: name segment 2
+    // Segment 1 from byte 0, segment 2 from byte kFirstSegmentBytes; each zero-terminated.
+    char receiverName[kFirstSegmentBytes + kSecondSegmentBytes + 1];
     uint8_t receivedSegments;  // bit 1: segment 1 seen, bit 2: segment 2 seen
 };
 

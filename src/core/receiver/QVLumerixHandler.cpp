@@ -6,6 +6,7 @@
 
 #include "dispatch/ThreadQueue.h"
 #include "log/Log.h"
+#include "receiver/BoundedText.h"
 #include "receiver/DesCfb.h"
 #include "receiver/LumerixKeys.h"
 
@@ -22,11 +23,6 @@ std::mutex& sharedMutex() {
 HandlerEnvironment& sharedEnvironment() {
     static HandlerEnvironment env;
     return env;
-}
-
-// Text of a zero-terminated byte string that may lack its terminator within `capacity` bytes.
-QString boundedString(const char* bytes, size_t capacity) {
-    return QString::fromUtf8(bytes, static_cast<qsizetype>(strnlen(bytes, capacity)));
 }
 
 // Writes the zero-terminated string at `src` (at most `srcCapacity` bytes) into `dest` with at most
@@ -256,33 +252,37 @@ void QVLumerixHandler::decrytLumerixItem(const QVLumerixItemRef& item,
         std::snprintf(v.loginCode, 7, "%02d%02d", plain[4], plain[5]);
         const auto nameCapacity = static_cast<size_t>(m - 6);
         if (segmentIndex == 2) {
-            if (segmentCount == 2) boundedCopy(v.receiverName + 16, 32, plain + 6, nameCapacity);
+            if (segmentCount == 2)
+                boundedCopy(v.receiverName + kFirstSegmentBytes, kSecondSegmentBytes + 1, plain + 6,
+                            nameCapacity);
         } else if (segmentIndex == 1) {
-            // Segment 1 may run up to byte 16 but never overwrites segment 2's first byte.
-            const char keep = v.receiverName[16];
-            boundedCopy(v.receiverName, 17, plain + 6, nameCapacity);
-            v.receiverName[16] = keep;
+            // Segment 1's terminator lands on segment 2's first byte, which is kept.
+            const char keep = v.receiverName[kFirstSegmentBytes];
+            boundedCopy(v.receiverName, kFirstSegmentBytes + 1, plain + 6, nameCapacity);
+            v.receiverName[kFirstSegmentBytes] = keep;
         }
     }
 
     std::optional<QString> name = item->receiverName();
     if (segmentCount == 1 && segmentIndex == 1) {
         v.receivedSegments = 0;
-        name = boundedString(v.receiverName, sizeof v.receiverName);
+        name = boundedUtf8(v.receiverName);
     } else if (segmentCount == 2 && segmentIndex == 1) {
-        const QString whole = boundedString(v.receiverName, sizeof v.receiverName);
+        const QString whole = boundedUtf8(v.receiverName);
         name = (v.receivedSegments & 2) ? whole : whole + QStringLiteral("...");
         v.receivedSegments |= 1;
     } else if (segmentCount == 2 && segmentIndex == 2) {
-        name = (v.receivedSegments & 1) ? boundedString(v.receiverName, sizeof v.receiverName)
-                                        : QStringLiteral("...") + boundedString(v.receiverName + 16, 32);
+        name = (v.receivedSegments & 1)
+                   ? boundedUtf8(v.receiverName)
+                   : QStringLiteral("...") +
+                         boundedUtf8(v.receiverName + kFirstSegmentBytes, kSecondSegmentBytes + 1);
         v.receivedSegments |= 2;
     }
 
     item->setLumerixV2(v);
     const LumerixStructV2 stored = item->lumerixV2();
-    item->setIpAddress(boundedString(stored.ipAddress, sizeof stored.ipAddress));
-    item->setLoginCode(boundedString(stored.loginCode, sizeof stored.loginCode));
+    item->setIpAddress(boundedUtf8(stored.ipAddress));
+    item->setLoginCode(boundedUtf8(stored.loginCode));
 
     if (item->hasResolved()) {
         if (namesDiffer(name, item->receiverName())) {

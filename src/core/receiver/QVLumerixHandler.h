@@ -9,6 +9,7 @@
 #include <QHash>
 #include <QString>
 #include <atomic>
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -51,6 +52,10 @@ public:
     static constexpr const char* kScanQueueLabel = "com.zemko.Lumerix.scan";
     static constexpr const char* kEvaluateQueueLabel = "com.zemko.Lumerix.evaluate";
     static constexpr double kRescanIntervalMs = 15000.0;
+    // scanForLumerixService fails until the central's first state report, which comes shortly
+    // after the handler is made: callers retry this many times this far apart (half a second).
+    static constexpr int kScanRetryCount = 50;
+    static constexpr std::chrono::microseconds kScanRetryPause{10000};
 
     // Plain construction (init). The handler must be owned through this shared pointer: queued
     // blocks reach it through weak references.

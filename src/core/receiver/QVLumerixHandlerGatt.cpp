@@ -25,8 +25,6 @@ constexpr const char* kDecryptData = "-[QVLumerixHandler decrytLumerixData:]";
 
 constexpr size_t kOutputArea = 256;
 
-QByteArray utf8(const QString& s) { return s.toUtf8(); }
-
 uint8_t uuidByte(const BleUuid& uuid, int index) {
     const QByteArray& b = uuid.bytes();
     return index < b.size() ? static_cast<uint8_t>(b[index]) : 0;
@@ -71,7 +69,7 @@ void QVLumerixHandler::centralManagerDidConnectPeripheral(const BlePeripheralRef
     if (!item) {
         // A peripheral connected after its item left the table: there is nobody to report it for.
         Log::logf("%s: no item for %s, status not reported", kDidConnect,
-                  utf8(peripheral->identifier()).constData());
+                  qUtf8Printable(peripheral->identifier()));
         return;
     }
     triggerItem(item, LumerixItemConnected);
@@ -83,7 +81,7 @@ void QVLumerixHandler::centralManagerDidFailToConnectPeripheral(const BlePeriphe
     const QString id = peripheral ? peripheral->identifier() : QStringLiteral("(null)");
     const QString desc = error ? error->description : QStringLiteral("(null)");
     Log::logf("%s, connection failed to peripheral: %s with UUID: %s, error:%s", kDidFailToConnect,
-              utf8(name).constData(), utf8(id).constData(), utf8(desc).constData());
+              qUtf8Printable(name), qUtf8Printable(id), qUtf8Printable(desc));
     if (error) triggerOnError(error->code);
 }
 
@@ -100,7 +98,7 @@ void QVLumerixHandler::centralManagerDidDisconnectPeripheral(const BlePeripheral
     scanForLumerixService(continueScanAfterConnect());
     if (error) {
         const QString id = peripheral ? peripheral->identifier() : QStringLiteral("(null)");
-        Log::logf("%s %s %s", kDidDisconnect, utf8(id).constData(), utf8(error->description).constData());
+        Log::logf("%s %s %s", kDidDisconnect, qUtf8Printable(id), qUtf8Printable(error->description));
         triggerOnError(error->code);
     }
 }
@@ -144,7 +142,7 @@ void QVLumerixHandler::peripheralDidUpdateValueForCharacteristic(BlePeripheral& 
                                                                  const BleCharacteristicRef& characteristic,
                                                                  const std::optional<BleError>& error) {
     if (error) {
-        Log::logf("%s, %s", kDidUpdateValue, utf8(error->description).constData());
+        Log::logf("%s, %s", kDidUpdateValue, qUtf8Printable(error->description));
         return;
     }
     if (!characteristic) return;
@@ -153,15 +151,14 @@ void QVLumerixHandler::peripheralDidUpdateValueForCharacteristic(BlePeripheral& 
 
     QVLumerixItemRef item = getItemByUUID(peripheral.identifier());
     if (!item) {
-        Log::logf("Error: item<%s> is not in discvoered list", utf8(peripheral.name()).constData());
+        Log::logf("Error: item<%s> is not in discvoered list", qUtf8Printable(peripheral.name()));
         return;
     }
     QVLumerixItemRef peer = connectedPeer();
     BlePeripheralRef peerPeripheral = peer ? peer->peripheral() : nullptr;
     if (!peerPeripheral ||
         peerPeripheral->identifier().compare(peripheral.identifier(), Qt::CaseInsensitive) != 0) {
-        Log::logf("Warn: No connected device but is updating device: %s",
-                  utf8(peripheral.name()).constData());
+        Log::logf("Warn: No connected device but is updating device: %s", qUtf8Printable(peripheral.name()));
     }
 
     const QByteArray value = characteristic->value();

@@ -5,15 +5,10 @@
 #include <limits>
 
 #include "log/Log.h"
+#include "receiver/BoundedText.h"
 
 namespace lumerix {
 namespace {
-
-// A fixed-width record field read as a NUL-terminated string that never runs past the field.
-template <size_t N>
-QString fieldText(const char (&field)[N]) {
-    return QString::fromUtf8(field, static_cast<qsizetype>(::strnlen(field, N)));
-}
 
 using CharacteristicMap = QHash<QString, QByteArray>;
 
@@ -235,8 +230,8 @@ QString QVLumerixItem::getLogString() const {
     QString text =
         QStringLiteral("Timer: ") + sinceReset + QStringLiteral(" - ") + sinceSample + QStringLiteral("\n");
     if (record.WiFiSSID[0] != 0) {
-        text += QStringLiteral("Name: \n") + fieldText(record.WiFiKey) + QStringLiteral("(") +
-                fieldText(record.WiFiSSID) + QStringLiteral(")\n\n");
+        text += QStringLiteral("Name: \n") + boundedUtf8(record.WiFiKey) + QStringLiteral("(") +
+                boundedUtf8(record.WiFiSSID) + QStringLiteral(")\n\n");
     }
     text += QStringLiteral("ID: \n") + identifier + QStringLiteral("\n\nRSSIs: \n") + rssiText +
             QStringLiteral("\n\nData:\n") + dataText;
@@ -247,6 +242,7 @@ QString QVLumerixItem::getLogString() const {
 
 double QVLumerixItem::aveRssi() const { return aveRssi_.load(std::memory_order_acquire); }
 
+// NOLINTBEGIN(bugprone-macro-parentheses): Type is a type and member a data member name.
 #define LX_ITEM_PROPERTY(Type, getter, setter, member) \
     Type QVLumerixItem::getter() const {               \
         std::lock_guard lock(mutex_);                  \
@@ -256,6 +252,7 @@ double QVLumerixItem::aveRssi() const { return aveRssi_.load(std::memory_order_a
         std::lock_guard lock(mutex_);                  \
         member = std::move(v);                         \
     }
+// NOLINTEND(bugprone-macro-parentheses)
 
 LX_ITEM_PROPERTY(double, rssiSum, setRssiSum, rssiSum_)
 LX_ITEM_PROPERTY(std::shared_ptr<QVQueue<double>>, rssiQueue, setRssiQueue, rssiQueue_)

@@ -81,7 +81,7 @@ public:
     double rssiSum() const;
     void setRssiSum(double v);
     std::shared_ptr<QVQueue<double>> rssiQueue() const;
-    void setRssiQueue(std::shared_ptr<QVQueue<double>> q);
+    void setRssiQueue(std::shared_ptr<QVQueue<double>> v);
     uint64_t rssiTotalCount() const;
     void setRssiTotalCount(uint64_t v);
     uint64_t validRssiTotalCount() const;
@@ -93,9 +93,9 @@ public:
     double initialTimeStamp() const;
     void setInitialTimeStamp(double v);
     DispatchTimerRef decayingGCDTimer() const;
-    void setDecayingGCDTimer(DispatchTimerRef t);
+    void setDecayingGCDTimer(DispatchTimerRef v);
     std::shared_ptr<QVQueue<AdvertisementData>> advertisedDataList() const;
-    void setAdvertisedDataList(std::shared_ptr<QVQueue<AdvertisementData>> q);
+    void setAdvertisedDataList(std::shared_ptr<QVQueue<AdvertisementData>> v);
     std::optional<QByteArray> advertisedData() const;
     void setAdvertisedData(std::optional<QByteArray> v);
     QByteArray dataBuffer() const;

@@ -132,8 +132,8 @@ void AppDelegate::StartScanBeacon() {
     if (!m_pLumerix) return;
     bool started = m_pLumerix->scanForLumerixService(true);
     // The central reports its first state shortly after it is created; wait up to half a second.
-    for (int retry = 0; !started && retry < kScanRetryCount; ++retry) {
-        env_.sleeper(kScanRetryPause);
+    for (int retry = 0; !started && retry < QVLumerixHandler::kScanRetryCount; ++retry) {
+        env_.sleeper(QVLumerixHandler::kScanRetryPause);
         started = m_pLumerix->scanForLumerixService(true);
     }
     m_pLumerix->setDelegate(this);

@@ -25,8 +25,6 @@ public:
     static constexpr double kMenuRebuildIntervalSeconds = 5.0;
     // A receiver not heard for longer than this leaves the list.
     static constexpr double kReceiverTimeoutMs = 20000.0;
-    static constexpr int kScanRetryCount = 50;
-    static constexpr std::chrono::microseconds kScanRetryPause{10000};
     static constexpr const char* kSenderProcessName = "Sharvane";
     static constexpr const char* kSenderBundleIdentifier = "com.Sharvane.Ondrel";
     static constexpr uint32_t kProcessIdCapacity = 3;

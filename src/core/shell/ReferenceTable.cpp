@@ -53,7 +53,8 @@ std::optional<QVariant> toVariant(plist_t node, int depth) {
             return QVariant(v);
         }
         case PLIST_DATE: {
-            int32_t sec = 0, usec = 0;
+            int32_t sec = 0;
+            int32_t usec = 0;
             plist_get_date_val(node, &sec, &usec);
             const qint64 ms = (kPlistEpochSecs + sec) * 1000 + usec / 1000;
             return QVariant(QDateTime::fromMSecsSinceEpoch(ms, QTimeZone::utc()));

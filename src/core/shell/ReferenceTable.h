@@ -13,7 +13,7 @@ namespace lumerix {
 class ReferenceTable {
 public:
     // Files larger than this are not read.
-    static constexpr qint64 kMaxFileSize = 16 * 1024 * 1024;
+    static constexpr qint64 kMaxFileSize = qint64{16} * 1024 * 1024;
 
     // The top-level value of a plist document; none when it does not parse.
     static std::optional<QVariant> propertyListFromData(const QByteArray& data);

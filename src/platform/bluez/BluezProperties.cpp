@@ -117,7 +117,7 @@ QString identifierForDevice(const QString& path, const BluezDeviceProperties& pr
 std::optional<QByteArray> manufacturerRecord(const QVariant& value, QString* problem) {
     QMap<quint16, QDBusVariant> map;
     if (value.typeId() == qMetaTypeId<QDBusArgument>()) {
-        const QDBusArgument arg = value.value<QDBusArgument>();
+        const auto arg = value.value<QDBusArgument>();
         if (arg.currentSignature() != QLatin1String("a{qv}")) {
             *problem = refused(QStringLiteral("ManufacturerData"), value);
             return std::nullopt;

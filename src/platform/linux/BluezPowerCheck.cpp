@@ -48,8 +48,7 @@ bool BluezPowerCheck::InitBlueToothDevice(const QDBusConnection& bus, int timeou
     QDBusMessage call = QDBusMessage::createMethodCall(QStringLiteral("org.bluez"), QStringLiteral("/"),
                                                        QStringLiteral("org.freedesktop.DBus.ObjectManager"),
                                                        QStringLiteral("GetManagedObjects"));
-    QDBusConnection connection(bus);
-    const QDBusMessage reply = connection.call(call, QDBus::Block, timeoutMs);
+    const QDBusMessage reply = bus.call(call, QDBus::Block, timeoutMs);
     if (reply.type() != QDBusMessage::ReplyMessage) {
         Log::logf("Bluetooth check: BlueZ did not answer (%s)", reply.errorMessage().toUtf8().constData());
         return false;

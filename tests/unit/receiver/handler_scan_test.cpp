@@ -31,7 +31,8 @@ TEST(HandlerTable, OneItemPerIdentifierKeepingTheLastTenAdvertisements) {
     for (int i = 0; i < 12; ++i)
         h.advertise(deviceId(7), -40 - i,
                     makeLumerixRecord(kSegmentSingle, {10, 0, 0, static_cast<uint8_t>(i)}, 1, 2, "Room"));
-    h.advertise(deviceId(7), 127, kRoomA);  // "no reading": kept as an advertisement, not as a sample
+    h.advertise(deviceId(7), kRssiNoReading,
+                kRoomA);  // "no reading": kept as an advertisement, not as a sample
 
     ASSERT_EQ(h.handler->discoveredDeviceInfo().size(), 1);
     auto item = h.item(deviceId(7));

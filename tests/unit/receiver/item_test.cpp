@@ -3,6 +3,7 @@
 #include <cmath>
 #include <limits>
 
+#include "ble/BleCentral.h"
 #include "ble/StaticPeripheral.h"
 #include "dispatch/ManualQueue.h"
 #include "log/Log.h"
@@ -91,7 +92,7 @@ TEST_F(ItemTest, EveryAcceptedSampleRestartsTheTimer) {
     time.advance(2000);
     item->discoveredRssi(0);  // restarts: no tick at 3 s
     time.advance(1500);
-    item->discoveredRssi(127);  // rejected: does not restart
+    item->discoveredRssi(kRssiNoReading);  // rejected: does not restart
     time.advance(1499);
     EXPECT_EQ(delegate.calls, 0);
     time.advance(1);
@@ -104,7 +105,7 @@ TEST_F(ItemTest, EveryAcceptedSampleRestartsTheTimer) {
 TEST_F(ItemTest, TextForms) {
     time.advance(5000);
     item->discoveredRssi(-70, ad("ffff0a"));
-    item->discoveredRssi(127, ad("ffff0b"));
+    item->discoveredRssi(kRssiNoReading, ad("ffff0b"));
     item->rssiQueue()->push(-70);
     item->rssiQueue()->push(-62.5);
     time.advance(61234);
