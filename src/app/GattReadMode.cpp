@@ -7,6 +7,7 @@
 
 #include "app/HeadlessSession.h"
 #include "log/Log.h"
+#include "platform/linux/SyslogSink.h"
 #include "receiver/BoundedText.h"
 
 namespace lumerix {
@@ -64,7 +65,7 @@ private:
         requested_ = true;
         Log::logf("lumerix: connecting to %s for its connection information",
                   options_.identifier.toUtf8().constData());
-        handler().connectItemForTesting(item);
+        handler().connectItem(item);
     }
 
     void itemStatus(const QVLumerixItemRef& item, int status) override {
@@ -109,7 +110,7 @@ int runGattReadMode(int argc, char** argv) {
         return HeadlessSession::kExitUsage;
     }
     QCoreApplication app(argc, argv);
-    HeadlessSession::installLogSink();
+    installSystemLogSink();
     GattReadSession session(*options);
     return session.exec(options->timeoutSeconds * 1000.0);
 }

@@ -7,7 +7,6 @@
 
 #include "app/ProductionEnvironment.h"
 #include "log/Log.h"
-#include "platform/linux/SyslogSink.h"
 
 namespace lumerix {
 namespace {
@@ -28,13 +27,6 @@ HeadlessSession::~HeadlessSession() {
     alive_.reset();
     handler_->setDelegate(nullptr);
     handler_.reset();
-}
-
-void HeadlessSession::installLogSink() {
-    if (qgetenv("LUMERIX_LOG") == "stderr")
-        Log::setSink(std::make_shared<StderrLogSink>());
-    else
-        Log::setSink(std::make_shared<SyslogSink>());
 }
 
 QString HeadlessSession::stateText(int state) {

@@ -24,8 +24,6 @@ public:
     // Scans until finish() or until durationMs have passed (then deadlineReached() decides).
     int exec(double durationMs);
 
-    // Sends log lines to syslog, or to stderr when LUMERIX_LOG=stderr.
-    static void installLogSink();
     static QString stateText(int state);
 
 protected:

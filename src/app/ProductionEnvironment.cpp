@@ -12,7 +12,8 @@ HandlerEnvironment makeProductionEnvironment(DispatchQueue* mainQueue, bool demo
     env.clock = systemClock();
     env.mainQueue = mainQueue;
     env.makeQueue = [](const std::string& label) -> std::unique_ptr<DispatchQueue> {
-        if (label == QVLumerixHandler::kScanQueueLabel) return std::make_unique<QtThreadQueue>(label);
+        if (label == QVLumerixHandler::kScanQueueLabel)
+            return std::make_unique<QtEventLoopThreadQueue>(label);
         return std::make_unique<ThreadQueue>(label);
     };
     env.makeCentral = demo ? simulatedCentralFactory(SimulatedScenario::demo()) : BluezCentral::factory();

@@ -11,6 +11,7 @@
 #include <optional>
 
 #include "app/HeadlessSession.h"
+#include "platform/linux/SyslogSink.h"
 
 namespace lumerix {
 namespace {
@@ -151,7 +152,7 @@ int runScanMode(int argc, char** argv) {
         return HeadlessSession::kExitUsage;
     }
     QCoreApplication app(argc, argv);
-    HeadlessSession::installLogSink();
+    installSystemLogSink();
     ScanSession session(*options);
     return session.exec(options->seconds * 1000.0);
 }

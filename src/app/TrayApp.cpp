@@ -17,6 +17,7 @@
 #include "platform/linux/LogindWorkspace.h"
 #include "platform/linux/PathManager.h"
 #include "platform/linux/SenderLauncher.h"
+#include "platform/linux/SyslogSink.h"
 #include "sender/DeliveryWorker.h"
 #include "shell/AppDelegate.h"
 
@@ -46,7 +47,7 @@ bool parseDemo(const QStringList& arguments) {
 }  // namespace
 
 int runTrayApp(int argc, char** argv) {
-    HeadlessSession::installLogSink();
+    installSystemLogSink();
     // A sender that closes its end early must cost a failed send, not the program: every socket
     // write (listener replies, frame delivery) relies on this instead of a per-call flag.
     std::signal(SIGPIPE, SIG_IGN);

@@ -1,6 +1,6 @@
 #pragma once
 // A serial task runner with one-shot delayed tasks. Production queues are threads (ThreadQueue,
-// QtThreadQueue) or the Qt main event loop (QtEventQueue); tests use ManualQueue on virtual time.
+// QtEventLoopThreadQueue) or the Qt main event loop (QtEventQueue); tests use ManualQueue on virtual time.
 #include <atomic>
 #include <functional>
 #include <memory>

@@ -41,22 +41,23 @@ TaskHandle QtEventQueue::after(double delayMs, Task task) {
     return handle;
 }
 
-QObject* QtThreadQueue::makeContext(QThread* thread) {
+QObject* QtEventLoopThreadQueue::makeContext(QThread* thread) {
     auto* ctx = new QObject;
     ctx->moveToThread(thread);
     return ctx;
 }
 
-QtThreadQueue::QtThreadQueue(std::string label, std::shared_ptr<Clock> clock)
-    : QtThreadQueue(new QThread, std::move(label), std::move(clock)) {}
+QtEventLoopThreadQueue::QtEventLoopThreadQueue(std::string label, std::shared_ptr<Clock> clock)
+    : QtEventLoopThreadQueue(new QThread, std::move(label), std::move(clock)) {}
 
-QtThreadQueue::QtThreadQueue(QThread* thread, std::string label, std::shared_ptr<Clock> clock)
+QtEventLoopThreadQueue::QtEventLoopThreadQueue(QThread* thread, std::string label,
+                                               std::shared_ptr<Clock> clock)
     : QtEventQueue(std::move(label), makeContext(thread), std::move(clock)), thread_(thread) {
     thread_->setObjectName(QString::fromStdString(this->label()));
     thread_->start();
 }
 
-QtThreadQueue::~QtThreadQueue() {
+QtEventLoopThreadQueue::~QtEventLoopThreadQueue() {
     thread_->quit();
     thread_->wait();
     delete context();  // its thread's loop has stopped, so it is deleted from here

@@ -1,6 +1,7 @@
 #pragma once
-// Queues backed by Qt event loops: the main thread's (QtEventQueue) and a thread of its own with
-// an event loop (QtThreadQueue), which D-Bus code needs.
+// Queues backed by Qt event loops: the main thread's (QtEventQueue) and a thread of its own running
+// a Qt event loop (QtEventLoopThreadQueue), which D-Bus code needs. ThreadQueue, by contrast, runs
+// its own task list and has no event loop.
 #include <QObject>
 #include <QThread>
 
@@ -26,13 +27,13 @@ private:
 };
 
 // Owns a QThread running an event loop; stopped and joined on destruction.
-class QtThreadQueue final : public QtEventQueue {
+class QtEventLoopThreadQueue final : public QtEventQueue {
 public:
-    explicit QtThreadQueue(std::string label, std::shared_ptr<Clock> clock = systemClock());
-    ~QtThreadQueue() override;
+    explicit QtEventLoopThreadQueue(std::string label, std::shared_ptr<Clock> clock = systemClock());
+    ~QtEventLoopThreadQueue() override;
 
 private:
-    QtThreadQueue(QThread* thread, std::string label, std::shared_ptr<Clock> clock);
+    QtEventLoopThreadQueue(QThread* thread, std::string label, std::shared_ptr<Clock> clock);
     static QObject* makeContext(QThread* thread);
     QThread* thread_;
 };

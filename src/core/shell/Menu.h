@@ -54,13 +54,9 @@ public:
     void insertItem(MenuItemRef item, int index);
     void removeAllItems();
 
-    // Bumped on every change, so a viewer can tell a rebuilt menu from the one it has shown.
-    uint64_t revision() const { return revision_; }
-
 private:
     QString title_;
     std::vector<MenuItemRef> items_;
-    uint64_t revision_ = 0;
 };
 using MenuRef = std::shared_ptr<Menu>;
 

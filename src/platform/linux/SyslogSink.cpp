@@ -4,7 +4,9 @@
 #include <syslog.h>
 #include <unistd.h>
 
+#include <QByteArray>
 #include <cstdio>
+#include <memory>
 
 namespace lumerix {
 
@@ -26,6 +28,13 @@ void SyslogSink::write(const QString& line) {
     while (bytes.endsWith('\n')) bytes.chop(1);
     syslog(LOG_NOTICE, "%s", bytes.constData());
     if (mirror_) std::fprintf(stderr, "%s\n", bytes.constData());
+}
+
+void installSystemLogSink() {
+    if (qgetenv("LUMERIX_LOG") == "stderr")
+        Log::setSink(std::make_shared<StderrLogSink>());
+    else
+        Log::setSink(std::make_shared<SyslogSink>());
 }
 
 }  // namespace lumerix

@@ -15,4 +15,8 @@ private:
     bool mirror_;
 };
 
+// The program's log sink, installed first by every mode: syslog, or stderr alone when the
+// environment says LUMERIX_LOG=stderr.
+void installSystemLogSink();
+
 }  // namespace lumerix

@@ -11,8 +11,8 @@
 namespace lumerix {
 namespace {
 
-// The shipped icons, beside the fixtures folder in the source tree.
-const QString kResources = QDir::cleanPath(QStringLiteral(LUMERIX_TEST_FIXTURES "/../../src/app/resources"));
+// The shipped icons, in the source tree.
+const QString kResources = QStringLiteral(LUMERIX_APP_RESOURCES);
 
 class RecordingTarget final : public MenuActionTarget {
 public:
@@ -90,9 +90,11 @@ TEST_F(QtStatusItemTest, ClicksReachTheItemObjectsOfTheMenuAttachedLast) {
         EXPECT_EQ(target.chosen[0], menu->itemAtIndex(step.click));
     }
 
-    // Without a target a click goes nowhere, and nothing breaks.
+    // A detached target hears no more clicks.
+    target.chosen.clear();
     item.setTarget(nullptr);
     item.menu()->actions().at(0)->trigger();
+    EXPECT_TRUE(target.chosen.empty());
 }
 
 TEST_F(QtStatusItemTest, ShowsTitlesAsTheyAreAndTracksTheOpenMenu) {

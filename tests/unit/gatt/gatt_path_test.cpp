@@ -163,7 +163,7 @@ TEST_F(GattHandlerTest, ConnectionReadsDecryptsAndDisconnects) {
     p->rssi = -42;
     serveConnectionInfo(*p, 0x41, kRoom4);
     auto it = item();
-    handler->connectItemForTesting(it);
+    handler->connectItem(it);
     settle();
 
     EXPECT_EQ(statuses(),
@@ -186,7 +186,7 @@ TEST_F(GattHandlerTest, ServicesAreAskedForAgainUntilTheReceiverServiceShowsUp) 
     auto p = addReceiver();
     serveConnectionInfo(*p, 0x41, kRoom4);
     p->hideServicesForDiscoveries = 3;
-    handler->connectItemForTesting(item());
+    handler->connectItem(item());
     settle();
     EXPECT_EQ(p->discoverServicesCalls, 4);
     EXPECT_EQ(statuses(),
@@ -220,7 +220,7 @@ TEST_F(GattHandlerTest, DisconnectionOutcomes) {
         auto p = addReceiver(id);
         central->connects.clear();
         h.delegate.all.clear();
-        handler->connectItemForTesting(item(id));
+        handler->connectItem(item(id));
         settle();
         p->answersConnect = false;  // the retry is asked for, not answered
         central->dropLink(p, c.error);

@@ -123,7 +123,7 @@ TEST(GattThreads, AReadOnThreadQueuesReportsConnectedResolvedDisconnected) {
     scan->sync([&] {
         item = handler->discoverPeripheral(peripheral, AdvertisementData{QStringLiteral("LX"), std::nullopt},
                                            -60);
-        handler->connectItemForTesting(item);
+        handler->connectItem(item);
     });
     ASSERT_TRUE(waiter.waitFor([&] { return waiter.statuses.size() >= 3; }));
     EXPECT_EQ(waiter.statuses,
