@@ -10,10 +10,12 @@ namespace lumerix {
 AesResult aes128EcbDecrypt(const uint8_t* key16, const uint8_t* in, size_t inLength, uint8_t* out,
                            size_t outCapacity) {
     if (!key16 || (inLength > 0 && (!in || !out))) return {AesStatus::ParamError, 0};
-    if (inLength % kAesBlockSize != 0) return {AesStatus::AlignmentError, 0};
-    if (inLength > outCapacity) return {AesStatus::BufferTooSmall, inLength};
-    if (inLength == 0) return {AesStatus::Success, 0};
-    if (inLength > static_cast<size_t>(INT_MAX)) return {AesStatus::ParamError, 0};
+    // A partial last block is reported only after the whole blocks before it are decrypted.
+    const size_t whole = inLength - inLength % kAesBlockSize;
+    const AesStatus done = whole == inLength ? AesStatus::Success : AesStatus::AlignmentError;
+    if (whole > outCapacity) return {AesStatus::BufferTooSmall, whole};
+    if (whole == 0) return {done, 0};
+    if (whole > static_cast<size_t>(INT_MAX)) return {AesStatus::ParamError, 0};
 
     std::unique_ptr<EVP_CIPHER_CTX, decltype(&EVP_CIPHER_CTX_free)> ctx(EVP_CIPHER_CTX_new(),
                                                                         &EVP_CIPHER_CTX_free);
@@ -21,13 +23,13 @@ AesResult aes128EcbDecrypt(const uint8_t* key16, const uint8_t* in, size_t inLen
     if (EVP_DecryptInit_ex(ctx.get(), EVP_aes_128_ecb(), nullptr, key16, nullptr) != 1 ||
         EVP_CIPHER_CTX_set_padding(ctx.get(), 0) != 1)
         return {AesStatus::CryptoError, 0};
-    // Aligned input without padding decrypts in place of its own length; Final adds nothing.
+    // Whole blocks without padding decrypt to their own length; Final adds nothing.
     int moved = 0;
     int tail = 0;
-    if (EVP_DecryptUpdate(ctx.get(), out, &moved, in, static_cast<int>(inLength)) != 1 ||
+    if (EVP_DecryptUpdate(ctx.get(), out, &moved, in, static_cast<int>(whole)) != 1 ||
         EVP_DecryptFinal_ex(ctx.get(), out + moved, &tail) != 1)
         return {AesStatus::CryptoError, 0};
-    return {AesStatus::Success, static_cast<size_t>(moved + tail)};
+    return {done, static_cast<size_t>(moved + tail)};
 }
 
 const char* aesStatusName(AesStatus status) {

@@ -2,7 +2,9 @@
 // AES-128 in ECB mode without padding, as receivers encrypt their GATT connection info.
 // Results are status codes in the style of the platform crypto call, so callers can tell a
 // ciphertext whose length is not a multiple of the block size from other failures.
-// On any failure nothing is written to the output.
+// An input whose length is not a multiple of the block size has its whole blocks decrypted and
+// written before AlignmentError is reported, as the platform call does; on any other failure
+// nothing is written to the output.
 #include <cstddef>
 #include <cstdint>
 
@@ -12,13 +14,15 @@ enum class AesStatus : int {
     Success = 0,
     ParamError,      // null key, or null buffers with a non-zero length
     BufferTooSmall,  // the output capacity is below the input length
-    AlignmentError,  // the input length is not a multiple of the 16-byte block size
+    AlignmentError,  // the input length is not a multiple of the 16-byte block size; the whole
+                     // blocks were decrypted
     CryptoError,     // the crypto library failed
 };
 
 struct AesResult {
     AesStatus status = AesStatus::ParamError;
-    size_t dataOutMoved = 0;  // bytes written on success; the needed size on BufferTooSmall
+    // Bytes written on Success and AlignmentError; the needed size on BufferTooSmall.
+    size_t dataOutMoved = 0;
 };
 
 inline constexpr size_t kAesBlockSize = 16;

@@ -56,7 +56,6 @@ TEST(DesCfb, RoundTripsAndAgreesWithTheOpensslTool) {
         }
         EXPECT_EQ(run(false, cipher), plain) << n;
     }
-    if (std::system("command -v openssl >/dev/null 2>&1") != 0) GTEST_SKIP() << "no openssl tool";
     for (int n : {1, 7, 8, 9, 17, 64, 255}) {
         const QByteArray plain = pattern(n);
         const QByteArray ours = run(true, plain);

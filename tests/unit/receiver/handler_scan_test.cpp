@@ -80,11 +80,17 @@ TEST(ClosestRule, Announcements) {
     }
 }
 
-TEST(ClosestRule, ResetAtEveryScanStart) {
+TEST(ClosestRule, NeedsPowerOnAndIsResetAtEveryScanStart) {
     HandlerHarness h;
     ASSERT_TRUE(h.handler->scanForLumerixService(true));
     h.advertise(deviceId(1), -40);
     EXPECT_TRUE(h.handler->hasClosestItem());
+    h.central().setState(BleStatePoweredOff);
+    h.run();
+    EXPECT_NE(h.handler->closestPeer(), nullptr);
+    EXPECT_FALSE(h.handler->hasClosestItem()) << "stored, but not while powered off";
+    h.central().setState(BleStatePoweredOn);
+    h.run();
     ASSERT_TRUE(h.handler->scanForLumerixService(true));
     EXPECT_EQ(h.handler->closestPeer(), nullptr);
     h.advertise(deviceId(2), -90);

@@ -61,6 +61,12 @@ TEST(CommandListener, AnswersWithTheParkedFrameOnceThenZeroAndRefusesASecondBind
     EXPECT_EQ(askListener(listener.port(), kRequest), Bytes{0x00});
     EXPECT_EQ(capture.count(QStringLiteral("Send data to sender, length:%1\n").arg(frameLength)), 1);
 
+    // The receive buffer keeps what a longer request left: a request cut before its end marks
+    // finds them there and is answered.
+    slot.park(parked);
+    EXPECT_EQ(askListener(listener.port(), Bytes(kRequest.begin(), kRequest.begin() + 6)),
+              Bytes(frame.begin(), frame.begin() + frameLength));
+
     CommandListener second(slot, closing, listener.port());
     second.start();
     EXPECT_EQ(second.result(), std::optional<bool>(false));

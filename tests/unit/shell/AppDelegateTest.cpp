@@ -51,6 +51,7 @@ TEST(AppDelegateLifecycle, LaunchRunsEveryStepWithOrWithoutBluetooth) {
         ShellRig rig;
         rig.bluetoothOn = bluetoothOn;
         rig.env.listenerPort = 0;  // any free port
+        writeDefaultTable(rig, twoReferenceEntries());
         AppDelegate& shell = rig.launch();
         ASSERT_EQ(rig.application->alerts.size(), bluetoothOn ? 0u : 1u);
         if (!bluetoothOn) {
@@ -62,12 +63,15 @@ TEST(AppDelegateLifecycle, LaunchRunsEveryStepWithOrWithoutBluetooth) {
         EXPECT_EQ(rig.application->hideCount, 1);
         EXPECT_EQ(rig.statusBar->item->target, &shell);
         EXPECT_TRUE(rig.statusBar->item->image->isTemplate());
-        EXPECT_TRUE(shell.referenceTable());
+        EXPECT_EQ(shell.referenceTable(), twoReferenceEntries());
         ASSERT_EQ(rig.handlers.size(), 1u);
         EXPECT_EQ(rig.handlers[0]->calls, std::vector<bool>{true});
         EXPECT_EQ(rig.handlers[0]->delegate, &shell);
         EXPECT_EQ(rig.workspace->observers.count(&shell), 1u);
-        EXPECT_TRUE(shell.commandListener());
+        const uint16_t port = shell.commandListener()->port();
+        ASSERT_NE(port, 0) << "the listener is bound";
+        EXPECT_EQ(testing_loopback::askListener(port, {0x02, 0x03, 0x04, 0x05, 0x00, 0x00, 0x02, 0x03}),
+                  testing_loopback::Bytes{0x00});
     }
 }
 
@@ -310,6 +314,7 @@ TEST(AppDelegateReferenceTable, DefaultSavedAndUnreadableFiles) {
     };
     const Case cases[] = {
         {"first run copies the default", true, std::nullopt, defaults, defaults, false},
+        {"no default: an empty table", false, std::nullopt, {}, {}, false},
         {"saved file replaces the default", true, tableXml(saved), saved, saved, false},
         {"zero-entry saved file hides the default", true, tableXml({}), {}, {}, false},
         {"unreadable saved file is kept beside", true, QByteArray("<plist><array><dict>"), {}, {}, true},
