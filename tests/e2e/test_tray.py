@@ -65,6 +65,11 @@ class TrayCase(unittest.TestCase):
     def setUp(self):
         self.start_desktop()
 
+    def run(self, result=None):
+        # Kept so that the clean-up below can tell whether this case failed.
+        self.run_result = result
+        return super().run(result)
+
     def start_desktop(self, powered=True, tray=True):
         self.desktop = trayharness.TrayDesktop(powered=powered, tray=tray)
         self.desktop.start()
@@ -87,8 +92,9 @@ class TrayCase(unittest.TestCase):
                 program.kill()
                 program.wait()
         log = desktop.program_log()
-        result = self._outcome.result
-        failed = any(getattr(test, 'test_case', test) is self for test, _ in result.errors + result.failures)
+        result = self.run_result
+        failed = result is None or any(getattr(test, 'test_case', test) is self
+                                       for test, _ in result.errors + result.failures)
         sanitizer = any(mark in log for mark in ('ERROR: AddressSanitizer', 'ERROR: LeakSanitizer',
                                                   'runtime error:', 'WARNING: ThreadSanitizer'))
         # Show the program's own log lines when the case failed.
@@ -273,6 +279,9 @@ class InstalledTrayTest(TrayCase):
 
 
 class DegradedDesktopTest(TrayCase):
+    def setUp(self):
+        """Each case starts the desktop it needs."""
+
     def test_bluetooth_off_alert_or_no_tray_still_ends_cleanly_and_saves(self):
         cases = [(False, True, 'is not powered on'), (True, False, 'No system tray on this desktop')]
         for powered, tray, line in cases:
