@@ -12,6 +12,7 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <vector>
 
 #include "ble/AdvertisementData.h"
 #include "ble/BlePeripheral.h"
@@ -27,6 +28,13 @@ enum BleState : int {
     BleStatePoweredOn = 5,
 };
 
+// One advertisement as a central reports it.
+struct BleDiscovery {
+    BlePeripheralRef peripheral;
+    AdvertisementData advertisementData;
+    double rssi = 127.0;
+};
+
 class BleCentralDelegate {
 public:
     virtual ~BleCentralDelegate() = default;
@@ -34,6 +42,12 @@ public:
     virtual void centralManagerDidDiscoverPeripheral(const BlePeripheralRef& peripheral,
                                                      const AdvertisementData& advertisementData,
                                                      double rssi) {}
+    // Several advertisements heard together, in the order heard. A central that batches calls
+    // this instead of the single form; by default it is the single form, once per advertisement.
+    virtual void centralManagerDidDiscoverPeripherals(const std::vector<BleDiscovery>& batch) {
+        for (const BleDiscovery& d : batch)
+            centralManagerDidDiscoverPeripheral(d.peripheral, d.advertisementData, d.rssi);
+    }
     virtual void centralManagerDidConnectPeripheral(const BlePeripheralRef& peripheral) {}
     virtual void centralManagerDidFailToConnectPeripheral(const BlePeripheralRef& peripheral,
                                                           const std::optional<BleError>& error) {}
