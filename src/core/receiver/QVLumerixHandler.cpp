@@ -1,7 +1,9 @@
 #include "receiver/QVLumerixHandler.h"
 
 #include <algorithm>
+#include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
 #include "dispatch/ThreadQueue.h"
@@ -238,6 +240,16 @@ void QVLumerixHandler::centralManagerDidDiscoverPeripherals(const std::vector<Bl
 
 void QVLumerixHandler::evaluateAdvertisement(const BlePeripheralRef& peripheral,
                                              const AdvertisementData& data, double rssi) {
+    // LUMERIX_TRACE_DISCOVERY=1: one line per advertisement with its arrival time (for latency
+    // measurements).
+    static const bool trace = std::getenv("LUMERIX_TRACE_DISCOVERY") != nullptr;
+    if (trace) {
+        const auto us = std::chrono::duration_cast<std::chrono::microseconds>(
+                            std::chrono::system_clock::now().time_since_epoch())
+                            .count();
+        Log::logf("discovery %s rssi %d at %lld", peripheral->identifier().toUtf8().constData(),
+                  static_cast<int>(rssi), static_cast<long long>(us));
+    }
     QVLumerixItemRef item = discoverPeripheral(peripheral, data, rssi);
     decrytLumerixItem(item, data.manufacturerData);
     triggerDidDiscoverItem(item);

@@ -108,6 +108,9 @@ void BluezEngine::run(const std::atomic<bool>& stop) {
             }
         }
     }
+    // Commands posted before the central went away still go out; closing the connection
+    // flushes them.
+    for (auto& command : link->takeCommands()) command(*this);
 }
 
 void BluezEngine::drain() {
@@ -299,8 +302,7 @@ int BluezEngine::onInterfacesAdded(sd_bus_message* m, void* self, sd_bus_error*)
     QString path;
     bluez::InterfaceMap interfaces;
     if (!ObjectManager::readInterfacesAdded(m, &path, &interfaces)) {
-        Log::logf("BluezCentral: InterfacesAdded with signature \"%s\" ignored",
-                  sdbus::signature(m));
+        Log::logf("BluezCentral: InterfacesAdded with signature \"%s\" ignored", sdbus::signature(m));
         return 0;
     }
     static_cast<BluezEngine*>(self)->addInterfaces(path, interfaces, true);
@@ -311,8 +313,7 @@ int BluezEngine::onInterfacesRemoved(sd_bus_message* m, void* self, sd_bus_error
     QString path;
     QStringList interfaces;
     if (!ObjectManager::readInterfacesRemoved(m, &path, &interfaces)) {
-        Log::logf("BluezCentral: InterfacesRemoved with signature \"%s\" ignored",
-                  sdbus::signature(m));
+        Log::logf("BluezCentral: InterfacesRemoved with signature \"%s\" ignored", sdbus::signature(m));
         return 0;
     }
     auto* e = static_cast<BluezEngine*>(self);
@@ -341,8 +342,8 @@ int BluezEngine::onAdapterPropertiesChanged(sd_bus_message* m, void* self, sd_bu
     if (std::string_view(sdbus::signature(m)) != "sa{sv}as" ||
         sd_bus_message_read_basic(m, 's', &iface) < 0 || !sdbus::readPropertyMap(m, &changed) ||
         !sdbus::readStringArray(m, &invalidated)) {
-        Log::logf("BluezCentral: PropertiesChanged with signature \"%s\" on %s ignored",
-                  sdbus::signature(m), utf8(path).constData());
+        Log::logf("BluezCentral: PropertiesChanged with signature \"%s\" on %s ignored", sdbus::signature(m),
+                  utf8(path).constData());
         return 0;
     }
     if (!e->adapters_.contains(path))

@@ -55,7 +55,8 @@ void BluezLink::detach() {
     std::lock_guard lock(mutex_);
     attached_ = false;
     queue_ = nullptr;
-    commands_.clear();
+    // Commands already posted still run (a stop of discovery just before teardown must reach
+    // bluetoothd); their callbacks are dropped.
 }
 
 }  // namespace lumerix
