@@ -39,7 +39,9 @@ rate, seconds = float(args[3]), float(args[4])
 state = self.__dict__.setdefault("flood", {})
 state.update(sent=0, times={}, running=True)
 start = _t.monotonic()
-def tick():
+# exec() keeps these names local: hand them to the callback explicitly.
+def tick(state=state, start=start, paths=paths, record=record, company=company, rate=rate, seconds=seconds,
+         _t=_t, _ll=_ll, dbus=dbus, self=self):
     if not state["running"]:
         return False
     due = int((_t.monotonic() - start) * rate)
@@ -72,6 +74,20 @@ ret = _json.dumps(self.__dict__.get("flood", {}).get("times", {}))
 
 def cpu_seconds(pid):
     return trayharness._process_figures(pid)[0]  # pylint: disable=protected-access
+
+
+def thread_cpu(pid):
+    """CPU seconds per thread name."""
+    out = {}
+    for tid in os.listdir(f'/proc/{pid}/task'):
+        try:
+            with open(f'/proc/{pid}/task/{tid}/comm', encoding='utf-8') as f:
+                name = f.read().strip()
+            with open(f'/proc/{pid}/task/{tid}/schedstat', encoding='utf-8') as f:
+                out[name] = out.get(name, 0) + int(f.read().split()[0]) / 1e9
+        except OSError:
+            pass
+    return out
 
 
 class Flood:
@@ -126,11 +142,17 @@ def measure(flood, procs, paths, rate, seconds, lx, settle=2.0):
     time.sleep(settle)
     n0 = flood.count()
     cpu0 = {k: cpu_seconds(p.pid) for k, p in procs.items()}
+    threads0 = thread_cpu(procs['lumerix'].pid)
     time.sleep(seconds)
     n1 = flood.count()
     cpu1 = {k: cpu_seconds(p.pid) for k, p in procs.items()}
+    threads1 = thread_cpu(procs['lumerix'].pid)
     flood.stop()
     sent = max(1, n1 - n0)
+    per_thread = {k: 1e6 * (v - threads0.get(k, 0)) / sent for k, v in threads1.items()}
+    if os.environ.get('FLOOD_THREADS'):
+        print('  lumerix threads, µs per signal: ' +
+              ', '.join(f'{k} {v:.1f}' for k, v in sorted(per_thread.items(), key=lambda kv: -kv[1]) if v >= 0.05))
     return {k: 1e6 * (cpu1[k] - cpu0[k]) / sent for k in procs}, sent / seconds
 
 
@@ -167,7 +189,8 @@ def scan_case(binary, lx, rate, seconds):
         env = dict(os.environ, DBUS_SYSTEM_BUS_ADDRESS=bus.address, QT_QPA_PLATFORM='offscreen')
         env.pop('DBUS_SESSION_BUS_ADDRESS', None)
         log = tempfile.NamedTemporaryFile(prefix='lx-flood-', suffix='.log')  # pylint: disable=consider-using-with
-        lum = subprocess.Popen([binary, '--scan', '600'], env=dict(env, LUMERIX_LOG='stderr'),  # pylint: disable=consider-using-with
+        prefix = os.environ.get('FLOOD_PREFIX', '').split()
+        lum = subprocess.Popen(prefix + [binary, '--scan', '600'], env=dict(env, LUMERIX_LOG='stderr'),  # pylint: disable=consider-using-with
                                stdout=subprocess.DEVNULL, stderr=log)
         ctl = start_bluetoothctl(env)
         h.wait_for_discovery(bluez)

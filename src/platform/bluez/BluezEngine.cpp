@@ -269,7 +269,7 @@ void BluezEngine::onSnapshot(quint64 generation, const bluez::Snapshot& snapshot
     // Keep connection bookkeeping of devices that are still there; drop the rest.
     QHash<QString, Device> previous;
     previous.swap(devices_);
-    ignored_.clear();
+    paths_.clear();
     adapters_.clear();
     services_.clear();
     characteristics_.clear();
@@ -288,7 +288,7 @@ void BluezEngine::onSnapshot(quint64 generation, const bluez::Snapshot& snapshot
 void BluezEngine::clearObjects(int disconnectError) {
     const QStringList paths = devices_.keys();
     for (const QString& path : paths) removeDevice(path, disconnectError);
-    ignored_.clear();
+    paths_.clear();
     adapters_.clear();
     services_.clear();
     characteristics_.clear();
@@ -370,20 +370,111 @@ void BluezEngine::devicePropertiesChanged(sd_bus_message* m) {
     }
     // A device the filter ignores: its advertisements are skipped unread; only other changes
     // (a new Name, the connection) are taken.
-    const bool ignored = !ignored_.empty() && ignored_.count(std::string(rawPath)) != 0;
+    const auto known = paths_.find(std::string_view(rawPath));
+    const bool ignored = known != paths_.end() && known->second.ignored;
+    AdvertisementFields advertisement;
     QVariantMap changed;
     QStringList invalidated;
-    const bool ok = ignored ? sdbus::readPropertyMap(m, &changed, isAdvertisementProperty)
-                            : sdbus::readPropertyMap(m, &changed);
-    if (!ok || !sdbus::readStringArray(m, &invalidated)) {
+    if (!readDeviceChanges(m, ignored, &advertisement, &changed) ||
+        !sdbus::readStringArray(m, &invalidated)) {
         Log::logf("BluezCentral: malformed PropertiesChanged on %s ignored", rawPath);
         return;
     }
     if (ignored && changed.isEmpty() && invalidated.isEmpty()) return;
-    const QString path = QString::fromUtf8(rawPath);
-    updateDevice(path, changed, invalidated, true);
-    if (changed.contains(QStringLiteral("RSSI")) || changed.contains(QStringLiteral("ManufacturerData")))
+    const QString path = known != paths_.end() ? known->second.path : QString::fromUtf8(rawPath);
+    updateDevice(path, changed, invalidated, true, &advertisement);
+    if (advertisement.hasRssi || advertisement.hasManufacturerData ||
+        changed.contains(QStringLiteral("RSSI")) || changed.contains(QStringLiteral("ManufacturerData")))
         reportAdvertisement(path);
+}
+
+bool BluezEngine::readDeviceChanges(sd_bus_message* m, bool ignored, AdvertisementFields* advertisement,
+                                    QVariantMap* changed) {
+    if (sd_bus_message_enter_container(m, 'a', "{sv}") < 0) return false;
+    int r;
+    while ((r = sd_bus_message_enter_container(m, 'e', "sv")) > 0) {
+        const char* key = nullptr;
+        char type = 0;
+        const char* contents = nullptr;
+        if (sd_bus_message_read_basic(m, 's', &key) < 0 ||
+            sd_bus_message_peek_type(m, &type, &contents) <= 0 || type != 'v' || !contents)
+            return false;
+        const std::string_view k(key);
+        const std::string_view sig(contents);
+        // sd_bus_message_skip walks an array byte by byte: the two advertisement properties are
+        // read instead, which costs less, and dropped when the device is ignored.
+        if (ignored && isAdvertisementProperty(key) && !(k == "RSSI" && sig == "n") &&
+            !(k == "ManufacturerData" && sig == "a{qv}")) {
+            if (sd_bus_message_skip(m, "v") < 0) return false;
+        } else if (k == "RSSI" && sig == "n") {
+            int16_t v = 0;
+            if (sd_bus_message_read(m, "v", "n", &v) < 0) return false;
+            advertisement->hasRssi = !ignored;
+            advertisement->rssi = v;
+        } else if (k == "ManufacturerData" && sig == "a{qv}") {
+            // The lowest company identifier wins, as the property rules have it.
+            if (sd_bus_message_enter_container(m, 'v', "a{qv}") < 0 ||
+                sd_bus_message_enter_container(m, 'a', "{qv}") < 0)
+                return false;
+            bool any = false;
+            uint16_t best = 0;
+            const void* bytes = nullptr;
+            size_t size = 0;
+            std::string bestType;
+            int e;
+            while ((e = sd_bus_message_enter_container(m, 'e', "qv")) > 0) {
+                uint16_t company = 0;
+                char vt = 0;
+                const char* inner = nullptr;
+                if (sd_bus_message_read_basic(m, 'q', &company) < 0 ||
+                    sd_bus_message_peek_type(m, &vt, &inner) <= 0 || !inner)
+                    return false;
+                const bool lowest = !any || company < best;
+                if (std::string_view(inner) == "ay") {
+                    const void* data = nullptr;
+                    size_t length = 0;
+                    if (sd_bus_message_enter_container(m, 'v', "ay") < 0 ||
+                        sd_bus_message_read_array(m, 'y', &data, &length) < 0 ||
+                        sd_bus_message_exit_container(m) < 0)
+                        return false;
+                    if (lowest) {
+                        bytes = data;
+                        size = length;
+                        bestType.clear();
+                    }
+                } else {
+                    if (lowest) bestType = inner;
+                    if (sd_bus_message_skip(m, "v") < 0) return false;
+                }
+                if (lowest) best = company;
+                any = true;
+                if (sd_bus_message_exit_container(m) < 0) return false;
+            }
+            if (e < 0 || sd_bus_message_exit_container(m) < 0 || sd_bus_message_exit_container(m) < 0)
+                return false;
+            advertisement->hasManufacturerData = !ignored;
+            if (ignored) {
+            } else if (!bestType.empty()) {
+                advertisement->problem =
+                    QStringLiteral("ManufacturerData for company 0x%1 is not a byte array (D-Bus %2)")
+                        .arg(best, 4, 16, QLatin1Char('0'))
+                        .arg(QString::fromStdString(bestType));
+            } else if (any) {
+                QByteArray record;
+                record.reserve(static_cast<qsizetype>(size) + 2);
+                record.append(static_cast<char>(best & 0xFF));
+                record.append(static_cast<char>(best >> 8));
+                record.append(static_cast<const char*>(bytes), static_cast<qsizetype>(size));
+                advertisement->manufacturerData = std::move(record);
+            }
+        } else {
+            QVariant value;
+            if (!sdbus::readVariant(m, &value)) return false;
+            changed->insert(QString::fromUtf8(key), value);
+        }
+        if (sd_bus_message_exit_container(m) < 0) return false;
+    }
+    return r >= 0 && sd_bus_message_exit_container(m) >= 0;
 }
 
 int BluezEngine::onDeviceDisconnected(sd_bus_message* m, void* self, sd_bus_error*) {
@@ -416,22 +507,29 @@ void BluezEngine::addInterfaces(const QString& path, const bluez::InterfaceMap& 
 }
 
 void BluezEngine::noteName(const QString& path, const Device& device) {
-    if (!onlyLocalName_) return;
-    const std::string key = path.toStdString();
-    if (device.props.name && *device.props.name != *onlyLocalName_)
-        ignored_.insert(key);
-    else
-        ignored_.erase(key);
+    KnownPath& known = paths_[path.toStdString()];
+    known.path = path;
+    known.ignored = onlyLocalName_ && device.props.name && *device.props.name != *onlyLocalName_;
 }
 
 void BluezEngine::updateDevice(const QString& path, const QVariantMap& changed,
-                               const QStringList& invalidated, bool fromSignal) {
+                               const QStringList& invalidated, bool fromSignal,
+                               const AdvertisementFields* advertisement) {
+    const bool isNew = !devices_.contains(path);
     Device& device = devices_[path];
     const bool wasConnected = device.props.connected.value_or(false);
     const bool wasResolved = device.props.servicesResolved.value_or(false);
-    logProblems(path, kDevice, device.props.apply(changed, invalidated));
-    if (changed.contains(QStringLiteral("Name")) || invalidated.contains(QStringLiteral("Name")) ||
-        !fromSignal)
+    if (!changed.isEmpty() || !invalidated.isEmpty())
+        logProblems(path, kDevice, device.props.apply(changed, invalidated));
+    if (advertisement && advertisement->hasRssi) device.props.rssi = advertisement->rssi;
+    if (advertisement && advertisement->hasManufacturerData) {
+        if (advertisement->problem.isEmpty())
+            device.props.manufacturerData = advertisement->manufacturerData;
+        else
+            logProblems(path, kDevice, {advertisement->problem});
+    }
+    if (isNew || !fromSignal || changed.contains(QStringLiteral("Name")) ||
+        invalidated.contains(QStringLiteral("Name")))
         noteName(path, device);
     if (device.props.name) peripheralFor(path);  // keeps the peripheral's name current
     if (!fromSignal) return;
@@ -455,7 +553,7 @@ void BluezEngine::removeDevice(const QString& path, int disconnectError) {
     if (it == devices_.end()) return;
     const bool connected = it->reportedConnected;
     devices_.erase(it);
-    ignored_.erase(path.toStdString());
+    paths_.erase(path.toStdString());
     if (connected) reportDisconnected(path, disconnectError);
     // Keep the peripheral while an item still holds it, so the device keeps its object if it returns.
     auto p = peripherals_.find(path);

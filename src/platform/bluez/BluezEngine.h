@@ -14,7 +14,8 @@
 #include <memory>
 #include <optional>
 #include <string>
-#include <unordered_set>
+#include <string_view>
+#include <unordered_map>
 #include <vector>
 
 #include "ble/BleCentral.h"
@@ -65,6 +66,22 @@ private:
     struct GattObject {
         BluezGattProperties props;
     };
+    // RSSI and ManufacturerData of one PropertiesChanged, read straight from the message.
+    struct AdvertisementFields {
+        bool hasRssi = false;
+        qint16 rssi = 0;
+        bool hasManufacturerData = false;
+        std::optional<QByteArray> manufacturerData;
+        QString problem;  // a ManufacturerData that was refused
+    };
+    struct KnownPath {
+        QString path;
+        bool ignored = false;  // Name known and not onlyLocalName_
+    };
+    struct PathHash {
+        using is_transparent = void;
+        size_t operator()(std::string_view s) const { return std::hash<std::string_view>{}(s); }
+    };
     struct Delivery {
         std::function<void()> callback;  // or, when empty, a batch of advertisements
         std::vector<BleDiscovery> advertisements;
@@ -92,7 +109,9 @@ private:
     void clearObjects(int disconnectError);
     void addInterfaces(const QString& path, const bluez::InterfaceMap& interfaces, bool fromSignal);
     void updateDevice(const QString& path, const QVariantMap& changed, const QStringList& invalidated,
-                      bool fromSignal);
+                      bool fromSignal, const AdvertisementFields* advertisement = nullptr);
+    bool readDeviceChanges(sd_bus_message* m, bool ignored, AdvertisementFields* advertisement,
+                           QVariantMap* changed);
     void removeDevice(const QString& path, int disconnectError);
     void noteName(const QString& path, const Device& device);
     void recomputeState();
@@ -129,9 +148,9 @@ private:
 
     QMap<QString, BluezAdapterProperties> adapters_;
     QHash<QString, Device> devices_;
-    // Devices whose name is known and is not onlyLocalName_: their advertisements are skipped
-    // unread (a Name change still reaches them).
-    std::unordered_set<std::string> ignored_;
+    // Device paths as sd-bus gives them. Advertisements of ignored devices are skipped unread (a
+    // Name change still reaches them).
+    std::unordered_map<std::string, KnownPath, PathHash, std::equal_to<>> paths_;
     QMap<QString, GattObject> services_;         // sorted by path = handle order
     QMap<QString, GattObject> characteristics_;  // sorted by path = handle order
     QHash<QString, std::shared_ptr<BluezPeripheral>> peripherals_;
