@@ -20,57 +20,9 @@ import time
 HERE = os.path.dirname(os.path.abspath(__file__))
 sys.path.insert(0, os.path.join(HERE, '..', 'tests', 'e2e'))
 
-import dbus  # noqa: E402  pylint: disable=wrong-import-position
 
 import lxharness as h  # noqa: E402  pylint: disable=wrong-import-position
 import trayharness  # noqa: E402  pylint: disable=wrong-import-position
-
-# Runs inside the modelled bluetoothd: emits `rate` signals a second for `seconds`, round robin over
-# the device paths, each PropertiesChanged(Device1, {RSSI, ManufacturerData}). RSSI walks -30..-99 per
-# device so a traced receiver can pair its lines with the send times kept here.
-FLOOD_CODE = '''
-import time as _t
-from gi.repository import GLib as _GLib
-import dbus.lowlevel as _ll
-paths = [str(p) for p in args[0]]
-record = dbus.Array([dbus.Byte(b) for b in args[1]], signature="y")
-company = dbus.UInt16(args[2])
-rate, seconds = float(args[3]), float(args[4])
-state = self.__dict__.setdefault("flood", {})
-state.update(sent=0, times={}, running=True)
-start = _t.monotonic()
-# exec() keeps these names local: hand them to the callback explicitly.
-def tick(state=state, start=start, paths=paths, record=record, company=company, rate=rate, seconds=seconds,
-         _t=_t, _ll=_ll, dbus=dbus, self=self):
-    if not state["running"]:
-        return False
-    due = int((_t.monotonic() - start) * rate)
-    while state["sent"] < due:
-        n = state["sent"]
-        path = paths[n % len(paths)]
-        rssi = -30 - (n // len(paths)) % 70
-        msg = _ll.SignalMessage(path, "org.freedesktop.DBus.Properties", "PropertiesChanged")
-        msg.append("org.bluez.Device1",
-                   dbus.Dictionary({"RSSI": dbus.Int16(rssi),
-                                    "ManufacturerData": dbus.Dictionary({company: dbus.Array(record, signature="y", variant_level=1)}, signature="qv")},
-                                   signature="sv"),
-                   dbus.Array([], signature="s"), signature="sa{sv}as")
-        self.connection.send_message(msg)
-        state["times"].setdefault(path, []).append(_t.time())
-        state["sent"] = n + 1
-    if _t.monotonic() - start >= seconds:
-        state["running"] = False
-        return False
-    return True
-_GLib.timeout_add(5, tick)
-'''
-COUNT_CODE = 'ret = dbus.UInt64(self.__dict__.get("flood", {}).get("sent", 0))'
-STOP_CODE = 'self.__dict__.get("flood", {})["running"] = False'
-TIMES_CODE = '''
-import json as _json
-ret = _json.dumps(self.__dict__.get("flood", {}).get("times", {}))
-'''
-
 
 def cpu_seconds(pid):
     return trayharness._process_figures(pid)[0]  # pylint: disable=protected-access
@@ -88,34 +40,6 @@ def thread_cpu(pid):
         except OSError:
             pass
     return out
-
-
-class Flood:
-    """The flood methods on the mock's root object."""
-
-    def __init__(self, bluez):
-        self.bluez = bluez
-        mock = bluez.mock('/')
-        mock.AddMethod('org.lumerix.Flood', 'Start', 'asayqdd', '', FLOOD_CODE)
-        mock.AddMethod('org.lumerix.Flood', 'Count', '', 't', COUNT_CODE)
-        mock.AddMethod('org.lumerix.Flood', 'Stop', '', '', STOP_CODE)
-        mock.AddMethod('org.lumerix.Flood', 'Times', '', 's', TIMES_CODE)
-        self.root = dbus.Interface(bluez.bus.connection.get_object('org.bluez', '/'), 'org.lumerix.Flood')
-
-    def start(self, paths, rate, seconds, name_lx):
-        record = h.advertisement('10.0.0.9', 12, 34, 'Flood Room') if name_lx else b'\x01\x02\x03\x04'
-        self.root.Start(dbus.Array(paths, signature='s'), dbus.ByteArray(record), h.DEFAULT_COMPANY_ID, rate,
-                        seconds)
-
-    def count(self):
-        return int(self.root.Count())
-
-    def stop(self):
-        self.root.Stop()
-
-    def times(self):
-        import json  # pylint: disable=import-outside-toplevel
-        return json.loads(str(self.root.Times()))
 
 
 def add_devices(bluez, count, lx, adapter='hci0'):
@@ -184,7 +108,7 @@ def scan_case(binary, lx, rate, seconds):
     bluez = h.Bluez(bus)
     try:
         bluez.add_adapter()
-        flood = Flood(bluez)
+        flood = h.Flood(bluez)
         paths = add_devices(bluez, 10, lx)
         env = dict(os.environ, DBUS_SYSTEM_BUS_ADDRESS=bus.address, QT_QPA_PLATFORM='offscreen')
         env.pop('DBUS_SESSION_BUS_ADDRESS', None)
@@ -218,7 +142,7 @@ def scan_case(binary, lx, rate, seconds):
 
 def tray_case(binary, rate, seconds):
     with trayharness.TrayDesktop() as desktop:
-        flood = Flood(desktop.bluez)
+        flood = h.Flood(desktop.bluez)
         program = desktop.launch(binary=binary)
         desktop.tray_menu()
         h.wait_for(lambda: desktop.adapter_calls('StartDiscovery') >= 1, 15, 'scanning')
