@@ -256,7 +256,7 @@ class Bluez:
         return service_path
 
 
-# Runs inside the modelled bluetoothd: emits `rate` signals a second for `seconds`, round robin over
+# Runs inside the modelled bluetoothd: emits rate x seconds signals, `rate` a second, round robin over
 # the device paths, each PropertiesChanged(Device1, {RSSI, ManufacturerData}). RSSI walks -30..-99 per
 # device so a traced receiver can pair its lines with the send times kept here.
 FLOOD_CODE = '''
@@ -275,7 +275,9 @@ def tick(state=state, start=start, paths=paths, record=record, company=company, 
          _t=_t, _ll=_ll, dbus=dbus, self=self):
     if not state["running"]:
         return False
-    due = int((_t.monotonic() - start) * rate)
+    # Never more than rate x seconds in all, and a bounded slice per tick so the mock keeps
+    # answering calls when it cannot keep up.
+    due = min(int((_t.monotonic() - start) * rate), int(rate * seconds), state["sent"] + 200)
     while state["sent"] < due:
         n = state["sent"]
         path = paths[n % len(paths)]
@@ -289,7 +291,7 @@ def tick(state=state, start=start, paths=paths, record=record, company=company, 
         self.connection.send_message(msg)
         state["times"].setdefault(path, []).append(_t.time())
         state["sent"] = n + 1
-    if _t.monotonic() - start >= seconds:
+    if state["sent"] >= int(rate * seconds):
         state["running"] = False
         return False
     return True

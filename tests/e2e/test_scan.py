@@ -106,7 +106,7 @@ class ScanListsReceivers(h.LumerixTestCase):
 
     def test_a_device_named_later_is_found_and_other_names_never(self):
         self.bluez.add_adapter()
-        run = self.start_lumerix('--scan', '4', '--json')
+        run = self.start_lumerix('--scan', '6', '--json')
         h.wait_for_discovery(self.bluez)
         record = h.manufacturer_data(h.advertisement(*ROOM_A[1:]))
         path = h.Bluez.device_path(ROOM_A[0])
@@ -127,11 +127,11 @@ class ScanListsReceivers(h.LumerixTestCase):
         self.bluez.add_adapter()
         flood = h.Flood(self.bluez)
         path = self.bluez.add_receiver(ROOM_A, -60)
-        run = self.start_lumerix('--scan', '12', '--json', extra_env={'LUMERIX_TRACE_DISCOVERY': '1'})
+        run = self.start_lumerix('--scan', '20', '--json', extra_env={'LUMERIX_TRACE_DISCOVERY': '1'})
         h.wait_for_discovery(self.bluez)
-        flood.start([path], 5000, 2.0, True)
-        h.wait_for(lambda: flood.count() >= 10000, 20, 'the flood')
-        rc, out, err = run.wait(20)
+        flood.start([path], 10000, 1.0, True)
+        h.wait_for(lambda: flood.count() >= 10000, 15, 'the flood')
+        rc, out, err = run.wait(30)
         self.assertEqual(rc, 0, err)
         traced = [int(rssi) for ident, rssi in re.findall(r'discovery (\S+) rssi (-?\d+) at', err)
                   if ident == h.identifier(ROOM_A[0])]
