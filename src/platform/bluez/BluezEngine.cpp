@@ -82,12 +82,13 @@ void BluezEngine::run(const std::atomic<bool>& stop) {
     if (!link) return;
     double lastDrainMs = -kCoalescingIntervalMs;
     while (!stop.load()) {
-        drain();
+        const bool more = drain();
         for (auto& command : link->takeCommands()) command(*this);
         runTimers();
         flush();
         lastDrainMs = monotonicMs();
         if (stop.load()) break;
+        if (more) continue;  // behind: no waiting until the backlog is gone
 
         pollfd fds[2] = {{link->wakeFd(), POLLIN, 0}, {-1, 0, 0}};
         nfds_t count = 1;
@@ -113,17 +114,21 @@ void BluezEngine::run(const std::atomic<bool>& stop) {
     for (auto& command : link->takeCommands()) command(*this);
 }
 
-void BluezEngine::drain() {
-    if (!bus_) return;
-    int r;
-    while ((r = sd_bus_process(bus_.get(), nullptr)) > 0) {
+bool BluezEngine::drain() {
+    if (!bus_) return false;
+    int r = 0;
+    for (int n = 0; n < kMaxMessagesPerDrain; ++n) {
+        r = sd_bus_process(bus_.get(), nullptr);
+        if (r <= 0) break;
     }
     if (r < 0) {
         Log::logf("BluezCentral: the system bus connection failed: %s", std::strerror(-r));
         matches_.clear();
         bus_.reset();
         bluezGone();
+        return false;
     }
+    return r > 0;
 }
 
 int BluezEngine::waitTimeoutMs() const {

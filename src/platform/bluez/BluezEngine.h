@@ -34,6 +34,9 @@ class BluezEngine final {
 public:
     // How long the intake thread lets messages gather after a drain.
     static constexpr double kCoalescingIntervalMs = 20.0;
+    // A drain ends after this many messages even when more wait, so that commands and the
+    // delegate's batches keep moving while the intake is behind.
+    static constexpr int kMaxMessagesPerDrain = 1024;
 
     // onlyLocalName: advertisements of devices whose Name is known and differs are dropped here.
     BluezEngine(BleCentralDelegate* delegate, const std::shared_ptr<BluezLink>& link,
@@ -89,7 +92,8 @@ private:
 
     void start();
     bool subscribe();
-    void drain();
+    // Processes what is waiting, at most kMaxMessagesPerDrain messages; true when more may be.
+    bool drain();
     void flush();
     void runTimers();
     int waitTimeoutMs() const;
