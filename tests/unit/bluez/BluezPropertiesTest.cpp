@@ -2,8 +2,8 @@
 
 #include <QDBusVariant>
 
-#include "platform/bluez/BluezProperties.h"
 #include "ble/BleTypes.h"
+#include "platform/bluez/BluezProperties.h"
 #include "platform/bluez/ObjectManager.h"
 
 namespace lumerix {
