@@ -395,32 +395,24 @@ void BluezEngine::devicePropertiesChanged(sd_bus_message* m) {
 
 bool BluezEngine::readDeviceChanges(sd_bus_message* m, bool ignored, AdvertisementFields* advertisement,
                                     QVariantMap* changed) {
+    // RSSI and ManufacturerData are entered with their expected types straight away (a mismatch
+    // leaves the message where it was and takes the general path, which refuses it). Skipping is
+    // for other properties only: sd_bus_message_skip walks arrays byte by byte.
     if (sd_bus_message_enter_container(m, 'a', "{sv}") < 0) return false;
     int r;
     while ((r = sd_bus_message_enter_container(m, 'e', "sv")) > 0) {
         const char* key = nullptr;
-        char type = 0;
-        const char* contents = nullptr;
-        if (sd_bus_message_read_basic(m, 's', &key) < 0 ||
-            sd_bus_message_peek_type(m, &type, &contents) <= 0 || type != 'v' || !contents)
-            return false;
+        if (sd_bus_message_read_basic(m, 's', &key) < 0) return false;
         const std::string_view k(key);
-        const std::string_view sig(contents);
-        // sd_bus_message_skip walks an array byte by byte: the two advertisement properties are
-        // read instead, which costs less, and dropped when the device is ignored.
-        if (ignored && isAdvertisementProperty(key) && !(k == "RSSI" && sig == "n") &&
-            !(k == "ManufacturerData" && sig == "a{qv}")) {
-            if (sd_bus_message_skip(m, "v") < 0) return false;
-        } else if (k == "RSSI" && sig == "n") {
+        if (k == "RSSI" && sd_bus_message_enter_container(m, 'v', "n") > 0) {
             int16_t v = 0;
-            if (sd_bus_message_read(m, "v", "n", &v) < 0) return false;
+            if (sd_bus_message_read_basic(m, 'n', &v) < 0 || sd_bus_message_exit_container(m) < 0)
+                return false;
             advertisement->hasRssi = !ignored;
             advertisement->rssi = v;
-        } else if (k == "ManufacturerData" && sig == "a{qv}") {
+        } else if (k == "ManufacturerData" && sd_bus_message_enter_container(m, 'v', "a{qv}") > 0) {
             // The lowest company identifier wins, as the property rules have it.
-            if (sd_bus_message_enter_container(m, 'v', "a{qv}") < 0 ||
-                sd_bus_message_enter_container(m, 'a', "{qv}") < 0)
-                return false;
+            if (sd_bus_message_enter_container(m, 'a', "{qv}") < 0) return false;
             bool any = false;
             uint16_t best = 0;
             const void* bytes = nullptr;
@@ -429,17 +421,12 @@ bool BluezEngine::readDeviceChanges(sd_bus_message* m, bool ignored, Advertiseme
             int e;
             while ((e = sd_bus_message_enter_container(m, 'e', "qv")) > 0) {
                 uint16_t company = 0;
-                char vt = 0;
-                const char* inner = nullptr;
-                if (sd_bus_message_read_basic(m, 'q', &company) < 0 ||
-                    sd_bus_message_peek_type(m, &vt, &inner) <= 0 || !inner)
-                    return false;
+                if (sd_bus_message_read_basic(m, 'q', &company) < 0) return false;
                 const bool lowest = !any || company < best;
-                if (std::string_view(inner) == "ay") {
+                if (sd_bus_message_enter_container(m, 'v', "ay") > 0) {
                     const void* data = nullptr;
                     size_t length = 0;
-                    if (sd_bus_message_enter_container(m, 'v', "ay") < 0 ||
-                        sd_bus_message_read_array(m, 'y', &data, &length) < 0 ||
+                    if (sd_bus_message_read_array(m, 'y', &data, &length) < 0 ||
                         sd_bus_message_exit_container(m) < 0)
                         return false;
                     if (lowest) {
@@ -448,6 +435,9 @@ bool BluezEngine::readDeviceChanges(sd_bus_message* m, bool ignored, Advertiseme
                         bestType.clear();
                     }
                 } else {
+                    char vt = 0;
+                    const char* inner = nullptr;
+                    if (sd_bus_message_peek_type(m, &vt, &inner) <= 0 || !inner) return false;
                     if (lowest) bestType = inner;
                     if (sd_bus_message_skip(m, "v") < 0) return false;
                 }
@@ -472,6 +462,8 @@ bool BluezEngine::readDeviceChanges(sd_bus_message* m, bool ignored, Advertiseme
                 record.append(static_cast<const char*>(bytes), static_cast<qsizetype>(size));
                 advertisement->manufacturerData = std::move(record);
             }
+        } else if (ignored && isAdvertisementProperty(key)) {
+            if (sd_bus_message_skip(m, "v") < 0) return false;
         } else {
             QVariant value;
             if (!sdbus::readVariant(m, &value)) return false;
