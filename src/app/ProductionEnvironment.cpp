@@ -1,7 +1,6 @@
 #include "app/ProductionEnvironment.h"
 
 #include "ble/SimulatedCentral.h"
-#include "dispatch/QtQueues.h"
 #include "dispatch/ThreadQueue.h"
 #include "platform/bluez/BluezCentral.h"
 
@@ -11,12 +10,13 @@ HandlerEnvironment makeProductionEnvironment(DispatchQueue* mainQueue, bool demo
     HandlerEnvironment env;
     env.clock = systemClock();
     env.mainQueue = mainQueue;
+    // The BlueZ central brings its own intake thread; the scan queue only runs its callbacks.
     env.makeQueue = [](const std::string& label) -> std::unique_ptr<DispatchQueue> {
-        if (label == QVLumerixHandler::kScanQueueLabel)
-            return std::make_unique<QtEventLoopThreadQueue>(label);
         return std::make_unique<ThreadQueue>(label);
     };
-    env.makeCentral = demo ? simulatedCentralFactory(SimulatedScenario::demo()) : BluezCentral::factory();
+    // Receivers advertise as "LX": other named devices are dropped as they arrive.
+    env.makeCentral = demo ? simulatedCentralFactory(SimulatedScenario::demo())
+                           : BluezCentral::factory(QStringLiteral("LX"));
     return env;
 }
 

@@ -3,7 +3,10 @@
 #include <QApplication>
 #include <QDBusConnection>
 #include <csignal>
+#include <atomic>
 #include <cstdio>
+#include <future>
+#include <memory>
 
 #include "app/HeadlessSession.h"
 #include "app/ProductionEnvironment.h"
@@ -81,14 +84,10 @@ int runTrayApp(int argc, char** argv, const CommandLine& options) {
     env.delivery = [&delivery](QByteArray frame) { delivery.deliver(std::move(frame)); };
     env.resourcePath = PathManager::GetResourcePath();
     env.applicationSupportPath = PathManager::GetApplicationSupportPath().value_or(QString());
-    if (demo) {
-        // The simulated receivers need no adapter.
-        env.bluetoothPowered = [] { return true; };
-    } else {
-        env.bluetoothPowered = [] {
-            return BluezPowerCheck::InitBlueToothDevice(QDBusConnection::systemBus());
-        };
-    }
+    // The start-up Bluetooth check runs on a worker while the event loop starts; launching
+    // finishes once it has answered, and the shell reads that answer.
+    auto powered = std::make_shared<std::atomic<bool>>(true);
+    env.bluetoothPowered = [powered] { return powered->load(); };
 
     AppDelegate delegate(std::move(env));
     application->setWillTerminate([&delegate] { delegate.applicationWillTerminate(); });
@@ -100,8 +99,16 @@ int runTrayApp(int argc, char** argv, const CommandLine& options) {
     delegate.awakeFromNib();
     // Launching finishes from the event loop, as on any desktop: a termination asked for during
     // launch (Bluetooth off) then runs after the launch sequence, from the same loop.
-    QMetaObject::invokeMethod(
-        &app, [&delegate] { delegate.applicationDidFinishLaunching(); }, Qt::QueuedConnection);
+    auto finishLaunching = [&delegate] { delegate.applicationDidFinishLaunching(); };
+    std::future<void> powerCheck;
+    if (demo) {  // the simulated receivers need no adapter
+        QMetaObject::invokeMethod(&app, finishLaunching, Qt::QueuedConnection);
+    } else {
+        powerCheck = std::async(std::launch::async, [&app, powered, finishLaunching] {
+            powered->store(BluezPowerCheck::InitBlueToothDevice());
+            QMetaObject::invokeMethod(&app, finishLaunching, Qt::QueuedConnection);
+        });
+    }
     const int status = QApplication::exec();
     application->setWillTerminate(nullptr);
     return status;

@@ -1,6 +1,7 @@
 """End-to-end harness: private buses, a modelled bluetoothd with LX receivers, and the lumerix binary."""
 
 import contextlib
+import json
 import os
 import shutil
 import signal
@@ -255,6 +256,83 @@ class Bluez:
         return service_path
 
 
+# Runs inside the modelled bluetoothd: emits rate x seconds signals, `rate` a second, round robin over
+# the device paths, each PropertiesChanged(Device1, {RSSI, ManufacturerData}). RSSI walks -30..-99 per
+# device so a traced receiver can pair its lines with the send times kept here.
+FLOOD_CODE = '''
+import time as _t
+from gi.repository import GLib as _GLib
+import dbus.lowlevel as _ll
+paths = [str(p) for p in args[0]]
+record = dbus.Array([dbus.Byte(b) for b in args[1]], signature="y")
+company = dbus.UInt16(args[2])
+rate, seconds = float(args[3]), float(args[4])
+state = self.__dict__.setdefault("flood", {})
+state.update(sent=0, times={}, running=True)
+start = _t.monotonic()
+# exec() keeps these names local: hand them to the callback explicitly.
+def tick(state=state, start=start, paths=paths, record=record, company=company, rate=rate, seconds=seconds,
+         _t=_t, _ll=_ll, dbus=dbus, self=self):
+    if not state["running"]:
+        return False
+    # Never more than rate x seconds in all, and a bounded slice per tick so the mock keeps
+    # answering calls when it cannot keep up.
+    due = min(int((_t.monotonic() - start) * rate), int(rate * seconds), state["sent"] + 200)
+    while state["sent"] < due:
+        n = state["sent"]
+        path = paths[n % len(paths)]
+        rssi = -30 - (n // len(paths)) % 70
+        msg = _ll.SignalMessage(path, "org.freedesktop.DBus.Properties", "PropertiesChanged")
+        msg.append("org.bluez.Device1",
+                   dbus.Dictionary({"RSSI": dbus.Int16(rssi),
+                                    "ManufacturerData": dbus.Dictionary({company: dbus.Array(record, signature="y", variant_level=1)}, signature="qv")},
+                                   signature="sv"),
+                   dbus.Array([], signature="s"), signature="sa{sv}as")
+        self.connection.send_message(msg)
+        state["times"].setdefault(path, []).append(_t.time())
+        state["sent"] = n + 1
+    if state["sent"] >= int(rate * seconds):
+        state["running"] = False
+        return False
+    return True
+_GLib.timeout_add(5, tick)
+'''
+COUNT_CODE = 'ret = dbus.UInt64(self.__dict__.get("flood", {}).get("sent", 0))'
+STOP_CODE = 'self.__dict__.get("flood", {})["running"] = False'
+TIMES_CODE = '''
+import json as _json
+ret = _json.dumps(self.__dict__.get("flood", {}).get("times", {}))
+'''
+
+
+class Flood:
+    """Advertisements at a fixed rate from the modelled bluetoothd's own connection (benchmarks, bursts)."""
+
+    def __init__(self, bluez):
+        self.bluez = bluez
+        mock = bluez.mock('/')
+        mock.AddMethod('org.lumerix.Flood', 'Start', 'asayqdd', '', FLOOD_CODE)
+        mock.AddMethod('org.lumerix.Flood', 'Count', '', 't', COUNT_CODE)
+        mock.AddMethod('org.lumerix.Flood', 'Stop', '', '', STOP_CODE)
+        mock.AddMethod('org.lumerix.Flood', 'Times', '', 's', TIMES_CODE)
+        self.root = dbus.Interface(bluez.bus.connection.get_object('org.bluez', '/'), 'org.lumerix.Flood')
+
+    def start(self, paths, rate, seconds, name_lx):
+        record = advertisement('10.0.0.9', 12, 34, 'Flood Room') if name_lx else b'\x01\x02\x03\x04'
+        self.root.Start(dbus.Array(paths, signature='s'), dbus.ByteArray(record), DEFAULT_COMPANY_ID, rate,
+                        seconds)
+
+    def count(self):
+        return int(self.root.Count())
+
+    def stop(self):
+        self.root.Stop()
+
+    def times(self):
+        """Send times (epoch seconds) per device path, in order."""
+        return json.loads(str(self.root.Times()))
+
+
 def wait_for_discovery(bluez, adapter='hci0', timeout=5):
     wait_for(lambda: 'StartDiscovery' in bluez.adapter_calls(adapter), timeout, 'lumerix to start discovery')
 
@@ -301,9 +379,9 @@ class LumerixTestCase(unittest.TestCase):
         if self.bluez:
             self.addCleanup(self.bluez.stop)
 
-    def start_lumerix(self, *args):
+    def start_lumerix(self, *args, extra_env=None):
         env = dict(os.environ, DBUS_SYSTEM_BUS_ADDRESS=self.bus.address, LUMERIX_LOG='stderr',
-                   QT_QPA_PLATFORM='offscreen')
+                   QT_QPA_PLATFORM='offscreen', **(extra_env or {}))
         env.pop('DBUS_SESSION_BUS_ADDRESS', None)
         run = Run(args, env)
         self.addCleanup(run.kill)

@@ -1,6 +1,7 @@
 """`lumerix --scan` against a modelled bluetoothd: the receivers listed, and Bluetooth missing."""
 
 import json
+import re
 import time
 
 import dbus
@@ -102,6 +103,41 @@ class ScanListsReceivers(h.LumerixTestCase):
         self.assertIn('RSSI has an unexpected type', err)
         self.assertIn('has no usable address', err)
         self.assertIn('is not a byte array', err)
+
+    def test_a_device_named_later_is_found_and_other_names_never(self):
+        self.bluez.add_adapter()
+        run = self.start_lumerix('--scan', '6', '--json')
+        h.wait_for_discovery(self.bluez)
+        record = h.manufacturer_data(h.advertisement(*ROOM_A[1:]))
+        path = h.Bluez.device_path(ROOM_A[0])
+        self.bluez.add_raw_device(path, {'Address': ROOM_A[0], 'RSSI': dbus.Int16(-70), 'ManufacturerData': record})
+        # Named otherwise, then it sends receiver records: never listed.
+        self.bluez.add_device('AA:BB:CC:DD:EE:09', 'Speaker', rssi=-30)
+        self.bluez.advertise('AA:BB:CC:DD:EE:09', rssi=-31, manufacturer=h.advertisement('10.1.1.9', 1, 1, 'Not Me'))
+        time.sleep(0.5)
+        self.bluez.mock(path).EmitSignal(
+            'org.freedesktop.DBus.Properties', 'PropertiesChanged', 'sa{sv}as',
+            [h.DEVICE_IFACE, dbus.Dictionary({'Name': 'LX', 'RSSI': dbus.Int16(-52)}, signature='sv'),
+             dbus.Array([], signature='s')])
+        rc, out, err = run.wait(15)
+        self.assertEqual(rc, 0, err)
+        self.assertEqual(json.loads(out), [entry(ROOM_A, -52)], err)
+
+    def test_a_burst_reaches_the_handler_complete_and_in_order(self):
+        self.bluez.add_adapter()
+        flood = h.Flood(self.bluez)
+        path = self.bluez.add_receiver(ROOM_A, -60)
+        run = self.start_lumerix('--scan', '20', '--json', extra_env={'LUMERIX_TRACE_DISCOVERY': '1'})
+        h.wait_for_discovery(self.bluez)
+        flood.start([path], 10000, 1.0, True)
+        h.wait_for(lambda: flood.count() >= 10000, 15, 'the flood')
+        rc, out, err = run.wait(30)
+        self.assertEqual(rc, 0, err)
+        traced = [int(rssi) for ident, rssi in re.findall(r'discovery (\S+) rssi (-?\d+) at', err)
+                  if ident == h.identifier(ROOM_A[0])]
+        sent = flood.count()
+        self.assertGreaterEqual(sent, 10000)
+        self.assertEqual(traced, [-30 - n % 70 for n in range(sent)])
 
     def test_discovery_follows_the_default_adapter(self):
         self.bluez.add_adapter('hci0')

@@ -12,6 +12,7 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <vector>
 
 #include "ble/AdvertisementData.h"
 #include "ble/BlePeripheral.h"
@@ -30,6 +31,13 @@ enum BleState : int {
 // The RSSI a central reports when it has no reading; never a signal strength.
 inline constexpr double kRssiNoReading = 127.0;
 
+// One advertisement as a central reports it.
+struct BleDiscovery {
+    BlePeripheralRef peripheral;
+    AdvertisementData advertisementData;
+    double rssi = kRssiNoReading;
+};
+
 class BleCentralDelegate {
 public:
     virtual ~BleCentralDelegate() = default;
@@ -37,6 +45,12 @@ public:
     virtual void centralManagerDidDiscoverPeripheral(const BlePeripheralRef& peripheral,
                                                      const AdvertisementData& advertisementData,
                                                      double rssi) {}
+    // Several advertisements heard together, in the order heard. A central that batches calls
+    // this instead of the single form; by default it is the single form, once per advertisement.
+    virtual void centralManagerDidDiscoverPeripherals(const std::vector<BleDiscovery>& batch) {
+        for (const BleDiscovery& d : batch)
+            centralManagerDidDiscoverPeripheral(d.peripheral, d.advertisementData, d.rssi);
+    }
     virtual void centralManagerDidConnectPeripheral(const BlePeripheralRef& peripheral) {}
     virtual void centralManagerDidFailToConnectPeripheral(const BlePeripheralRef& peripheral,
                                                           const std::optional<BleError>& error) {}

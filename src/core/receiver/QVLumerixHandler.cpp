@@ -1,7 +1,9 @@
 #include "receiver/QVLumerixHandler.h"
 
 #include <algorithm>
+#include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
 #include "dispatch/ThreadQueue.h"
@@ -14,6 +16,10 @@ namespace lumerix {
 namespace {
 
 const QString kLocalNameLX = QStringLiteral("LX");
+
+// While the evaluation queue works through a batch of advertisements: where its main-queue
+// notifications gather.
+thread_local std::vector<std::function<void()>>* mainBatch = nullptr;
 constexpr int kPlaintextCapacity = 256;
 
 std::mutex& sharedMutex() {
@@ -200,13 +206,50 @@ void QVLumerixHandler::centralManagerDidDiscoverPeripheral(const BlePeripheralRe
     if (!peripheral || !advertisementData.localName || *advertisementData.localName != kLocalNameLX) return;
     std::weak_ptr<QVLumerixHandler> weak = weak_from_this();
     evaluatingQueue_->async([weak, peripheral, advertisementData, rssi] {
+        if (auto self = weak.lock()) self->evaluateAdvertisement(peripheral, advertisementData, rssi);
+    });
+}
+
+void QVLumerixHandler::centralManagerDidDiscoverPeripherals(const std::vector<BleDiscovery>& batch) {
+    std::vector<BleDiscovery> named;
+    for (const BleDiscovery& d : batch) {
+        if (d.peripheral && d.advertisementData.localName && *d.advertisementData.localName == kLocalNameLX)
+            named.push_back(d);
+    }
+    if (named.empty()) return;
+    std::weak_ptr<QVLumerixHandler> weak = weak_from_this();
+    evaluatingQueue_->async([weak, named = std::move(named)] {
         auto self = weak.lock();
         if (!self) return;
-        QVLumerixItemRef item = self->discoverPeripheral(peripheral, advertisementData, rssi);
-        self->decrytLumerixItem(item, advertisementData.manufacturerData);
-        self->triggerDidDiscoverItem(item);
-        self->compareClosestItemWithItem(item);
+        // Main-queue notifications of the whole batch leave together, in order.
+        std::vector<std::function<void()>> toMain;
+        mainBatch = &toMain;
+        for (const BleDiscovery& d : named)
+            self->evaluateAdvertisement(d.peripheral, d.advertisementData, d.rssi);
+        mainBatch = nullptr;
+        if (toMain.empty()) return;
+        self->dispatchToMainThreadIfNeccessary([blocks = std::move(toMain)] {
+            for (const auto& block : blocks) block();
+        });
     });
+}
+
+void QVLumerixHandler::evaluateAdvertisement(const BlePeripheralRef& peripheral,
+                                             const AdvertisementData& data, double rssi) {
+    // LUMERIX_TRACE_DISCOVERY=1: one line per advertisement with its arrival time (for latency
+    // measurements).
+    static const bool trace = std::getenv("LUMERIX_TRACE_DISCOVERY") != nullptr;
+    if (trace) {
+        const auto us = std::chrono::duration_cast<std::chrono::microseconds>(
+                            std::chrono::system_clock::now().time_since_epoch())
+                            .count();
+        Log::logf("discovery %s rssi %d at %lld", peripheral->identifier().toUtf8().constData(),
+                  static_cast<int>(rssi), static_cast<long long>(us));
+    }
+    QVLumerixItemRef item = discoverPeripheral(peripheral, data, rssi);
+    decrytLumerixItem(item, data.manufacturerData);
+    triggerDidDiscoverItem(item);
+    compareClosestItemWithItem(item);
 }
 
 QVLumerixItemRef QVLumerixHandler::discoverPeripheral(const BlePeripheralRef& peripheral,
@@ -364,7 +407,9 @@ void QVLumerixHandler::triggerOnError(int code) {
 
 void QVLumerixHandler::dispatchToMainThreadIfNeccessary(std::function<void()> block) {
     DispatchQueue* main = env_.mainQueue;
-    if (!main || main->isCurrent()) {
+    if (mainBatch && main && !main->isCurrent()) {
+        mainBatch->push_back(std::move(block));
+    } else if (!main || main->isCurrent()) {
         block();
     } else {
         main->async(std::move(block));

@@ -112,6 +112,9 @@ public:
     void centralManagerDidDiscoverPeripheral(const BlePeripheralRef& peripheral,
                                              const AdvertisementData& advertisementData,
                                              double rssi) override;
+    // One evaluation task for the batch's "LX" advertisements, and one main-queue task for the
+    // notifications they cause.
+    void centralManagerDidDiscoverPeripherals(const std::vector<BleDiscovery>& batch) override;
     void centralManagerDidConnectPeripheral(const BlePeripheralRef& peripheral) override;
     void centralManagerDidFailToConnectPeripheral(const BlePeripheralRef& peripheral,
                                                   const std::optional<BleError>& error) override;
@@ -151,6 +154,8 @@ public:
     const Clock& clock() const { return *env_.clock; }
 
 private:
+    void evaluateAdvertisement(const BlePeripheralRef& peripheral, const AdvertisementData& data,
+                               double rssi);
     void startScanning(BleCentral& central);  // scan with duplicates, then schedule the next rescan
     void scheduleRescan();
     void cancelRescan();

@@ -1,18 +1,25 @@
 #pragma once
-// BleCentral over bluetoothd's D-Bus API (org.bluez on the system bus).
+// BleCentral over bluetoothd's D-Bus API (org.bluez on the system bus), through sd-bus.
 //
-// Threads: created on the main thread with the queue it reports on, which must be a Qt event
-// queue (QtThreadQueue in production): all D-Bus work runs on that queue's thread, on a system-bus
-// connection of its own, and every call is asynchronous, so a slow bluetoothd never blocks it.
-// Public methods may be called from any thread; state() reads an atomic. The destructor tears the
-// engine down synchronously on the queue and must not run on the queue itself.
+// Threads: the central owns one intake thread, which owns its own system-bus connection and runs
+// every D-Bus call asynchronously, so a slow bluetoothd never blocks it. Callbacks reach the
+// delegate on the queue given at creation (any DispatchQueue: no event loop is needed there), one
+// task per intake drain, advertisements of a drain as one centralManagerDidDiscoverPeripherals.
+// Public methods may be called from any thread; state() reads an atomic. The destructor stops and
+// joins the intake thread; callbacks not yet run are dropped.
 //
-// State: no org.bluez -> 0, access denied -> 3, no adapter -> 2, Powered false -> 4, true -> 5.
+// State: no org.bluez -> 0, access denied -> 3, no adapter -> 2, Powered false -> 4, true -> 5,
+// followed from the bus's signals (owner changes of org.bluez, adapters added and removed, power).
 // Advertisements: InterfacesAdded of a Device1, or PropertiesChanged carrying RSSI or
 // ManufacturerData, while scanning; devices bluetoothd already knew when the scan started count
-// only once they report again. Errors carry the BluezErrorCode numbers (BluezProperties.h);
+// only once they report again. With onlyLocalName set, a device whose Name is known and differs is
+// not reported (nameless devices are). Errors carry the BluezErrorCode numbers (BluezProperties.h);
 // a failed Device1.Connect is always 10, the core's "connection failed".
+#include <QString>
+#include <atomic>
 #include <memory>
+#include <optional>
+#include <thread>
 
 #include "ble/BleCentral.h"
 
@@ -22,10 +29,11 @@ class BluezLink;
 
 class BluezCentral final : public BleCentral {
 public:
-    BluezCentral(BleCentralDelegate* delegate, DispatchQueue* queue);
+    BluezCentral(BleCentralDelegate* delegate, DispatchQueue* queue,
+                 std::optional<QString> onlyLocalName = {});
     ~BluezCentral() override;
 
-    static BleCentralFactory factory();
+    static BleCentralFactory factory(std::optional<QString> onlyLocalName = {});
 
     int state() const override;
     void scanForPeripherals(bool allowDuplicates) override;
@@ -35,8 +43,8 @@ public:
 
 private:
     std::shared_ptr<BluezLink> link_;
-    DispatchQueue* queue_;
-    bool hasEngine_ = false;
+    std::atomic<bool> stop_{false};
+    std::thread intake_;
 };
 
 }  // namespace lumerix

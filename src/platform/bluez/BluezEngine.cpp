@@ -1,146 +1,285 @@
 #include "platform/bluez/BluezEngine.h"
 
-#include <QDBusArgument>
-#include <QDBusObjectPath>
-#include <QDBusPendingCallWatcher>
-#include <QDBusServiceWatcher>
-#include <QTimer>
+#include <poll.h>
+
 #include <algorithm>
 #include <chrono>
+#include <cmath>
+#include <cstring>
+#include <ctime>
 
 #include "log/Log.h"
+#include "platform/bluez/BluezInterfaces.h"
 #include "platform/bluez/BluezLink.h"
 
 namespace lumerix {
 namespace {
 
-const QString kService = QStringLiteral("org.bluez");
-const QString kObjectManager = QStringLiteral("org.freedesktop.DBus.ObjectManager");
-const QString kProperties = QStringLiteral("org.freedesktop.DBus.Properties");
-const QString kAdapter = QStringLiteral("org.bluez.Adapter1");
-const QString kDevice = QStringLiteral("org.bluez.Device1");
-const QString kGattService = QStringLiteral("org.bluez.GattService1");
-const QString kGattCharacteristic = QStringLiteral("org.bluez.GattCharacteristic1");
+using bluez::Adapter1;
+using bluez::Device1;
+using bluez::GattCharacteristic1;
+using bluez::GattService1;
+using bluez::ObjectManager;
+
+const QString kAdapter = QString::fromLatin1(Adapter1::kInterface);
+const QString kDevice = QString::fromLatin1(Device1::kInterface);
+const QString kGattService = QString::fromLatin1(GattService1::kInterface);
+const QString kGattCharacteristic = QString::fromLatin1(GattCharacteristic1::kInterface);
 
 // A second service discovery within one connection is answered no sooner than this after the
 // previous answer, so a caller that repeats until a service shows up does not spin.
 constexpr double kRediscoveryIntervalMs = 200.0;
 
+// The narrowest rules the bus offers: org.bluez's own signals, below /org/bluez, per interface.
+constexpr const char* kMatchInterfacesAdded =
+    "type='signal',sender='org.bluez',path='/',interface='org.freedesktop.DBus.ObjectManager',"
+    "member='InterfacesAdded'";
+constexpr const char* kMatchInterfacesRemoved =
+    "type='signal',sender='org.bluez',path='/',interface='org.freedesktop.DBus.ObjectManager',"
+    "member='InterfacesRemoved'";
+constexpr const char* kMatchDeviceProperties =
+    "type='signal',sender='org.bluez',path_namespace='/org/"
+    "bluez',interface='org.freedesktop.DBus.Properties',"
+    "member='PropertiesChanged',arg0='org.bluez.Device1'";
+constexpr const char* kMatchAdapterProperties =
+    "type='signal',sender='org.bluez',path_namespace='/org/"
+    "bluez',interface='org.freedesktop.DBus.Properties',"
+    "member='PropertiesChanged',arg0='org.bluez.Adapter1'";
+constexpr const char* kMatchDeviceDisconnected =
+    "type='signal',sender='org.bluez',path_namespace='/org/bluez',interface='org.bluez.Device1',"
+    "member='Disconnected'";
+constexpr const char* kMatchNameOwner =
+    "type='signal',sender='org.freedesktop.DBus',path='/org/freedesktop/"
+    "DBus',interface='org.freedesktop.DBus',"
+    "member='NameOwnerChanged',arg0='org.bluez'";
+
 QByteArray utf8(const QString& s) { return s.toUtf8(); }
 
-QString errorText(const QDBusMessage& reply) {
-    return reply.errorName() + QStringLiteral(": ") + reply.errorMessage();
+// Properties of an advertisement that a device the filter ignores need not have read.
+bool isAdvertisementProperty(const char* key) {
+    return std::strcmp(key, "RSSI") == 0 || std::strcmp(key, "ManufacturerData") == 0 ||
+           std::strcmp(key, "ServiceData") == 0 || std::strcmp(key, "TxPower") == 0;
 }
-
-using InterfaceMap = QMap<QString, QVariantMap>;
 
 }  // namespace
 
 BluezEngine::BluezEngine(BleCentralDelegate* delegate, const std::shared_ptr<BluezLink>& link,
-                         QString connectionName)
-    : delegate_(delegate), link_(link), connectionName_(std::move(connectionName)), bus_(connectionName_) {}
+                         std::optional<QString> onlyLocalName)
+    : delegate_(delegate), link_(link), onlyLocalName_(std::move(onlyLocalName)) {}
 
 BluezEngine::~BluezEngine() {
-    delete watcher_;
-    watcher_ = nullptr;
-    if (bus_.isConnected()) {
-        bus_.disconnect(kService, QStringLiteral("/"), kObjectManager, QStringLiteral("InterfacesAdded"),
-                        this, SLOT(onInterfacesAdded(QDBusMessage)));
-        bus_.disconnect(kService, QStringLiteral("/"), kObjectManager, QStringLiteral("InterfacesRemoved"),
-                        this, SLOT(onInterfacesRemoved(QDBusMessage)));
-        bus_.disconnect(kService, QString(), kProperties, QStringLiteral("PropertiesChanged"), this,
-                        SLOT(onPropertiesChanged(QDBusMessage)));
-        bus_.disconnect(kService, QString(), kDevice, QStringLiteral("Disconnected"), this,
-                        SLOT(onDeviceDisconnected(QDBusMessage)));
-    }
-    // Pending-call watchers are children and go with this object; then the connection is closed,
-    // which also ends any discovery session bluetoothd keeps for it.
-    qDeleteAll(findChildren<QDBusPendingCallWatcher*>());
-    QDBusConnection::disconnectFromBus(connectionName_);
+    // Slots first, then the connection: closing it also ends any discovery session bluetoothd
+    // keeps for it, and drops calls still waiting for their replies.
+    matches_.clear();
+    bus_.reset();
 }
 
+// --- the intake loop ----------------------------------------------------------------------------
+
+void BluezEngine::run(const std::atomic<bool>& stop) {
+    start();
+    auto link = link_.lock();
+    if (!link) return;
+    double lastDrainMs = -kCoalescingIntervalMs;
+    while (!stop.load()) {
+        const bool more = drain();
+        for (auto& command : link->takeCommands()) command(*this);
+        runTimers();
+        flush();
+        lastDrainMs = monotonicMs();
+        if (stop.load()) break;
+        if (more) continue;  // behind: no waiting until the backlog is gone
+
+        pollfd fds[2] = {{link->wakeFd(), POLLIN, 0}, {-1, 0, 0}};
+        nfds_t count = 1;
+        if (bus_) {
+            fds[1] = {sd_bus_get_fd(bus_.get()), static_cast<short>(sd_bus_get_events(bus_.get())), 0};
+            count = 2;
+        }
+        if (poll(fds, count, waitTimeoutMs()) < 0 && errno != EINTR) {
+            Log::logf("BluezCentral: poll failed: %s", std::strerror(errno));
+            return;
+        }
+        if (count == 2 && (fds[1].revents & POLLIN) && !(fds[0].revents & POLLIN)) {
+            // Let the burst gather; a command or the stop request cuts the wait short.
+            const double rest = lastDrainMs + kCoalescingIntervalMs - monotonicMs();
+            if (rest > 0) {
+                pollfd wake{link->wakeFd(), POLLIN, 0};
+                poll(&wake, 1, static_cast<int>(std::ceil(rest)));
+            }
+        }
+    }
+    // Commands posted before the central went away still go out; closing the connection
+    // flushes them.
+    for (auto& command : link->takeCommands()) command(*this);
+}
+
+bool BluezEngine::drain() {
+    if (!bus_) return false;
+    int r = 0;
+    for (int n = 0; n < kMaxMessagesPerDrain; ++n) {
+        r = sd_bus_process(bus_.get(), nullptr);
+        if (r <= 0) break;
+    }
+    if (r < 0) {
+        Log::logf("BluezCentral: the system bus connection failed: %s", std::strerror(-r));
+        matches_.clear();
+        bus_.reset();
+        bluezGone();
+        return false;
+    }
+    return r > 0;
+}
+
+int BluezEngine::waitTimeoutMs() const {
+    double until = -1;
+    if (!timers_.empty()) until = std::max(0.0, timers_.begin()->first - monotonicMs());
+    if (bus_) {
+        uint64_t usec = 0;
+        if (sd_bus_get_timeout(bus_.get(), &usec) > 0 && usec != UINT64_MAX) {
+            timespec now{};
+            clock_gettime(CLOCK_MONOTONIC, &now);
+            const double nowUs = double(now.tv_sec) * 1e6 + double(now.tv_nsec) / 1e3;
+            const double busMs = std::max(0.0, (double(usec) - nowUs) / 1000.0);
+            until = until < 0 ? busMs : std::min(until, busMs);
+        }
+    }
+    return until < 0 ? -1 : static_cast<int>(std::ceil(until));
+}
+
+void BluezEngine::after(double ms, std::function<void()> fn) {
+    timers_.emplace(monotonicMs() + ms, std::move(fn));
+}
+
+void BluezEngine::runTimers() {
+    const double now = monotonicMs();
+    while (!timers_.empty() && timers_.begin()->first <= now) {
+        auto fn = std::move(timers_.begin()->second);
+        timers_.erase(timers_.begin());
+        fn();
+    }
+}
+
+void BluezEngine::flush() {
+    if (pending_.empty()) return;
+    std::vector<std::function<void()>> callbacks;
+    callbacks.reserve(pending_.size());
+    BleCentralDelegate* delegate = delegate_;
+    for (Delivery& d : pending_) {
+        if (d.callback) {
+            callbacks.push_back(std::move(d.callback));
+        } else if (delegate) {
+            callbacks.push_back([delegate, batch = std::move(d.advertisements)] {
+                delegate->centralManagerDidDiscoverPeripherals(batch);
+            });
+        }
+    }
+    pending_.clear();
+    if (auto link = link_.lock()) link->deliver(std::move(callbacks));
+}
+
+void BluezEngine::deliver(std::function<void()> fn) { pending_.push_back({std::move(fn), {}}); }
+
+// --- connection and subscriptions ---------------------------------------------------------------
+
 void BluezEngine::start() {
-    bus_ = QDBusConnection::connectToBus(QDBusConnection::SystemBus, connectionName_);
-    if (!bus_.isConnected()) {
-        Log::logf("BluezCentral: cannot reach the system bus: %s",
-                  utf8(bus_.lastError().message()).constData());
+    QString error;
+    bus_ = sdbus::openSystemBus(&error);
+    if (!bus_) {
+        Log::logf("BluezCentral: cannot reach the system bus: %s", utf8(error).constData());
         snapshotDone_ = true;
         recomputeState();
         return;
     }
     // Subscribe before the snapshot so that nothing falls between the two.
-    bool ok = bus_.connect(kService, QStringLiteral("/"), kObjectManager, QStringLiteral("InterfacesAdded"),
-                           this, SLOT(onInterfacesAdded(QDBusMessage)));
-    ok = bus_.connect(kService, QStringLiteral("/"), kObjectManager, QStringLiteral("InterfacesRemoved"),
-                      this, SLOT(onInterfacesRemoved(QDBusMessage))) &&
-         ok;
-    ok = bus_.connect(kService, QString(), kProperties, QStringLiteral("PropertiesChanged"), this,
-                      SLOT(onPropertiesChanged(QDBusMessage))) &&
-         ok;
-    ok = bus_.connect(kService, QString(), kDevice, QStringLiteral("Disconnected"), this,
-                      SLOT(onDeviceDisconnected(QDBusMessage))) &&
-         ok;
-    if (!ok) Log::logf("BluezCentral: could not subscribe to every org.bluez signal");
-
-    watcher_ = new QDBusServiceWatcher(
-        kService, bus_,
-        QDBusServiceWatcher::WatchForRegistration | QDBusServiceWatcher::WatchForUnregistration);
-    connect(watcher_, &QDBusServiceWatcher::serviceRegistered, this, [this](const QString&) {
-        Log::logf("BluezCentral: org.bluez appeared on the system bus");
-        takeSnapshot();
-    });
-    connect(watcher_, &QDBusServiceWatcher::serviceUnregistered, this, [this](const QString&) {
-        Log::logf("BluezCentral: org.bluez left the system bus");
-        ++snapshotGeneration_;
-        bluezPresent_ = false;
-        accessDenied_ = false;
-        clearObjects(BluezErrorPeripheralDisconnected);
-        recomputeState();
-    });
+    if (!subscribe()) Log::logf("BluezCentral: could not subscribe to every org.bluez signal");
     takeSnapshot();
+}
+
+bool BluezEngine::subscribe() {
+    struct Rule {
+        const char* match;
+        sd_bus_message_handler_t handler;
+    };
+    const Rule rules[] = {
+        {kMatchNameOwner, &BluezEngine::onNameOwnerChanged},
+        {kMatchInterfacesAdded, &BluezEngine::onInterfacesAdded},
+        {kMatchInterfacesRemoved, &BluezEngine::onInterfacesRemoved},
+        {kMatchAdapterProperties, &BluezEngine::onAdapterPropertiesChanged},
+        {kMatchDeviceProperties, &BluezEngine::onDevicePropertiesChanged},
+        {kMatchDeviceDisconnected, &BluezEngine::onDeviceDisconnected},
+    };
+    bool ok = true;
+    for (const Rule& rule : rules) {
+        sd_bus_slot* slot = nullptr;
+        if (sd_bus_add_match(bus_.get(), &slot, rule.match, rule.handler, this) < 0) {
+            ok = false;
+            continue;
+        }
+        matches_.emplace_back(slot);
+    }
+    return ok;
+}
+
+int BluezEngine::onNameOwnerChanged(sd_bus_message* m, void* self, sd_bus_error*) {
+    const char* name = nullptr;
+    const char* oldOwner = nullptr;
+    const char* newOwner = nullptr;
+    if (sd_bus_message_read(m, "sss", &name, &oldOwner, &newOwner) < 0) return 0;
+    auto* engine = static_cast<BluezEngine*>(self);
+    if (newOwner && *newOwner) {
+        Log::logf("BluezCentral: org.bluez appeared on the system bus");
+        engine->takeSnapshot();
+    } else {
+        Log::logf("BluezCentral: org.bluez left the system bus");
+        engine->bluezGone();
+    }
+    return 0;
+}
+
+void BluezEngine::bluezGone() {
+    ++snapshotGeneration_;
+    snapshotDone_ = true;
+    bluezPresent_ = false;
+    accessDenied_ = false;
+    clearObjects(BluezErrorPeripheralDisconnected);
+    recomputeState();
 }
 
 void BluezEngine::takeSnapshot() {
     const quint64 generation = ++snapshotGeneration_;
-    auto msg = QDBusMessage::createMethodCall(kService, QStringLiteral("/"), kObjectManager,
-                                              QStringLiteral("GetManagedObjects"));
-    call(msg, [this, generation](const QDBusMessage& reply) { onSnapshot(generation, reply); });
+    if (!ObjectManager::getManagedObjects(
+            bus_.get(), [this, generation](bluez::Snapshot snapshot) { onSnapshot(generation, snapshot); }))
+        Log::logf("BluezCentral: could not ask org.bluez for its objects");
 }
 
-void BluezEngine::onSnapshot(quint64 generation, const QDBusMessage& reply) {
+void BluezEngine::onSnapshot(quint64 generation, const bluez::Snapshot& snapshot) {
     if (generation != snapshotGeneration_) return;  // an owner change made it stale
     snapshotDone_ = true;
-    if (reply.type() == QDBusMessage::ErrorMessage) {
-        const QString name = reply.errorName();
-        accessDenied_ = name == QLatin1String("org.freedesktop.DBus.Error.AccessDenied");
+    if (!snapshot.reached) {
+        accessDenied_ = snapshot.accessDenied;
         bluezPresent_ = accessDenied_;
         if (!accessDenied_)
-            Log::logf("BluezCentral: org.bluez is not available (%s)", utf8(errorText(reply)).constData());
+            Log::logf("BluezCentral: org.bluez is not available (%s)", utf8(snapshot.error).constData());
         else
-            Log::logf("BluezCentral: access to org.bluez denied (%s)",
-                      utf8(reply.errorMessage()).constData());
+            Log::logf("BluezCentral: access to org.bluez denied (%s)", utf8(snapshot.error).constData());
         clearObjects(BluezErrorPeripheralDisconnected);
         recomputeState();
         return;
     }
     bluezPresent_ = true;
     accessDenied_ = false;
-    QMap<QDBusObjectPath, InterfaceMap> objects;
-    if (reply.signature() == QLatin1String("a{oa{sa{sv}}}") && !reply.arguments().isEmpty()) {
-        reply.arguments().at(0).value<QDBusArgument>() >> objects;
-    } else {
-        Log::logf("BluezCentral: GetManagedObjects answered with signature \"%s\"; ignored",
-                  utf8(reply.signature()).constData());
-    }
+    if (!snapshot.error.isEmpty()) Log::logf("BluezCentral: %s; ignored", utf8(snapshot.error).constData());
 
     // Keep connection bookkeeping of devices that are still there; drop the rest.
     QHash<QString, Device> previous;
     previous.swap(devices_);
+    paths_.clear();
     adapters_.clear();
     services_.clear();
     characteristics_.clear();
-    for (auto it = objects.constBegin(); it != objects.constEnd(); ++it) {
-        const QString path = it.key().path();
+    for (auto it = snapshot.objects.constBegin(); it != snapshot.objects.constEnd(); ++it) {
+        const QString& path = it.key();
         if (previous.contains(path)) devices_.insert(path, previous.value(path));
         addInterfaces(path, it.value(), false);
     }
@@ -154,6 +293,7 @@ void BluezEngine::onSnapshot(quint64 generation, const QDBusMessage& reply) {
 void BluezEngine::clearObjects(int disconnectError) {
     const QStringList paths = devices_.keys();
     for (const QString& path : paths) removeDevice(path, disconnectError);
+    paths_.clear();
     adapters_.clear();
     services_.clear();
     characteristics_.clear();
@@ -161,7 +301,192 @@ void BluezEngine::clearObjects(int disconnectError) {
     characteristicObjects_.clear();
 }
 
-void BluezEngine::addInterfaces(const QString& path, const InterfaceMap& interfaces, bool fromSignal) {
+// --- signals ------------------------------------------------------------------------------------
+
+int BluezEngine::onInterfacesAdded(sd_bus_message* m, void* self, sd_bus_error*) {
+    QString path;
+    bluez::InterfaceMap interfaces;
+    if (!ObjectManager::readInterfacesAdded(m, &path, &interfaces)) {
+        Log::logf("BluezCentral: InterfacesAdded with signature \"%s\" ignored", sdbus::signature(m));
+        return 0;
+    }
+    static_cast<BluezEngine*>(self)->addInterfaces(path, interfaces, true);
+    return 0;
+}
+
+int BluezEngine::onInterfacesRemoved(sd_bus_message* m, void* self, sd_bus_error*) {
+    QString path;
+    QStringList interfaces;
+    if (!ObjectManager::readInterfacesRemoved(m, &path, &interfaces)) {
+        Log::logf("BluezCentral: InterfacesRemoved with signature \"%s\" ignored", sdbus::signature(m));
+        return 0;
+    }
+    auto* e = static_cast<BluezEngine*>(self);
+    if (interfaces.contains(kAdapter)) {
+        e->adapters_.remove(path);
+        e->recomputeState();
+    }
+    if (interfaces.contains(kDevice)) e->removeDevice(path, BluezErrorPeripheralDisconnected);
+    if (interfaces.contains(kGattService)) {
+        e->services_.remove(path);
+        e->serviceObjects_.remove(path);
+    }
+    if (interfaces.contains(kGattCharacteristic)) {
+        e->characteristics_.remove(path);
+        e->characteristicObjects_.remove(path);
+    }
+    return 0;
+}
+
+int BluezEngine::onAdapterPropertiesChanged(sd_bus_message* m, void* self, sd_bus_error*) {
+    auto* e = static_cast<BluezEngine*>(self);
+    const QString path = QString::fromUtf8(sd_bus_message_get_path(m));
+    const char* iface = nullptr;
+    QVariantMap changed;
+    QStringList invalidated;
+    if (std::string_view(sdbus::signature(m)) != "sa{sv}as" ||
+        sd_bus_message_read_basic(m, 's', &iface) < 0 || !sdbus::readPropertyMap(m, &changed) ||
+        !sdbus::readStringArray(m, &invalidated)) {
+        Log::logf("BluezCentral: PropertiesChanged with signature \"%s\" on %s ignored", sdbus::signature(m),
+                  utf8(path).constData());
+        return 0;
+    }
+    if (!e->adapters_.contains(path))
+        return 0;  // not announced yet; the snapshot or InterfacesAdded brings it
+    e->logProblems(path, kAdapter, e->adapters_[path].apply(changed, invalidated));
+    e->recomputeState();
+    return 0;
+}
+
+int BluezEngine::onDevicePropertiesChanged(sd_bus_message* m, void* self, sd_bus_error*) {
+    static_cast<BluezEngine*>(self)->devicePropertiesChanged(m);
+    return 0;
+}
+
+void BluezEngine::devicePropertiesChanged(sd_bus_message* m) {
+    const char* rawPath = sd_bus_message_get_path(m);
+    const char* sig = sd_bus_message_get_signature(m, 1);
+    const char* iface = nullptr;
+    if (!rawPath || std::string_view(sig ? sig : "") != "sa{sv}as" ||
+        sd_bus_message_read_basic(m, 's', &iface) < 0) {
+        Log::logf("BluezCentral: PropertiesChanged with signature \"%s\" on %s ignored", sig ? sig : "",
+                  rawPath ? rawPath : "");
+        return;
+    }
+    // A device the filter ignores: its advertisements are skipped unread; only other changes
+    // (a new Name, the connection) are taken.
+    const auto known = paths_.find(std::string_view(rawPath));
+    const bool ignored = known != paths_.end() && known->second.ignored;
+    AdvertisementFields advertisement;
+    QVariantMap changed;
+    QStringList invalidated;
+    if (!readDeviceChanges(m, ignored, &advertisement, &changed) ||
+        !sdbus::readStringArray(m, &invalidated)) {
+        Log::logf("BluezCentral: malformed PropertiesChanged on %s ignored", rawPath);
+        return;
+    }
+    if (ignored && changed.isEmpty() && invalidated.isEmpty()) return;
+    const QString path = known != paths_.end() ? known->second.path : QString::fromUtf8(rawPath);
+    updateDevice(path, changed, invalidated, true, &advertisement);
+    if (advertisement.hasRssi || advertisement.hasManufacturerData ||
+        changed.contains(QStringLiteral("RSSI")) || changed.contains(QStringLiteral("ManufacturerData")))
+        reportAdvertisement(path);
+}
+
+bool BluezEngine::readDeviceChanges(sd_bus_message* m, bool ignored, AdvertisementFields* advertisement,
+                                    QVariantMap* changed) {
+    // RSSI and ManufacturerData are entered with their expected types straight away (a mismatch
+    // leaves the message where it was and takes the general path, which refuses it). Skipping is
+    // for other properties only: sd_bus_message_skip walks arrays byte by byte.
+    if (sd_bus_message_enter_container(m, 'a', "{sv}") < 0) return false;
+    int r;
+    while ((r = sd_bus_message_enter_container(m, 'e', "sv")) > 0) {
+        const char* key = nullptr;
+        if (sd_bus_message_read_basic(m, 's', &key) < 0) return false;
+        const std::string_view k(key);
+        if (k == "RSSI" && sd_bus_message_enter_container(m, 'v', "n") > 0) {
+            int16_t v = 0;
+            if (sd_bus_message_read_basic(m, 'n', &v) < 0 || sd_bus_message_exit_container(m) < 0)
+                return false;
+            advertisement->hasRssi = !ignored;
+            advertisement->rssi = v;
+        } else if (k == "ManufacturerData" && sd_bus_message_enter_container(m, 'v', "a{qv}") > 0) {
+            // The lowest company identifier wins, as the property rules have it.
+            if (sd_bus_message_enter_container(m, 'a', "{qv}") < 0) return false;
+            bool any = false;
+            uint16_t best = 0;
+            const void* bytes = nullptr;
+            size_t size = 0;
+            std::string bestType;
+            int e;
+            while ((e = sd_bus_message_enter_container(m, 'e', "qv")) > 0) {
+                uint16_t company = 0;
+                if (sd_bus_message_read_basic(m, 'q', &company) < 0) return false;
+                const bool lowest = !any || company < best;
+                if (sd_bus_message_enter_container(m, 'v', "ay") > 0) {
+                    const void* data = nullptr;
+                    size_t length = 0;
+                    if (sd_bus_message_read_array(m, 'y', &data, &length) < 0 ||
+                        sd_bus_message_exit_container(m) < 0)
+                        return false;
+                    if (lowest) {
+                        bytes = data;
+                        size = length;
+                        bestType.clear();
+                    }
+                } else {
+                    char vt = 0;
+                    const char* inner = nullptr;
+                    if (sd_bus_message_peek_type(m, &vt, &inner) <= 0 || !inner) return false;
+                    if (lowest) bestType = inner;
+                    if (sd_bus_message_skip(m, "v") < 0) return false;
+                }
+                if (lowest) best = company;
+                any = true;
+                if (sd_bus_message_exit_container(m) < 0) return false;
+            }
+            if (e < 0 || sd_bus_message_exit_container(m) < 0 || sd_bus_message_exit_container(m) < 0)
+                return false;
+            advertisement->hasManufacturerData = !ignored;
+            if (ignored) {
+            } else if (!bestType.empty()) {
+                advertisement->problem =
+                    QStringLiteral("ManufacturerData for company 0x%1 is not a byte array (D-Bus %2)")
+                        .arg(best, 4, 16, QLatin1Char('0'))
+                        .arg(QString::fromStdString(bestType));
+            } else if (any) {
+                QByteArray record;
+                record.reserve(static_cast<qsizetype>(size) + 2);
+                record.append(static_cast<char>(best & 0xFF));
+                record.append(static_cast<char>(best >> 8));
+                record.append(static_cast<const char*>(bytes), static_cast<qsizetype>(size));
+                advertisement->manufacturerData = std::move(record);
+            }
+        } else if (ignored && isAdvertisementProperty(key)) {
+            if (sd_bus_message_skip(m, "v") < 0) return false;
+        } else {
+            QVariant value;
+            if (!sdbus::readVariant(m, &value)) return false;
+            changed->insert(QString::fromUtf8(key), value);
+        }
+        if (sd_bus_message_exit_container(m) < 0) return false;
+    }
+    return r >= 0 && sd_bus_message_exit_container(m) >= 0;
+}
+
+int BluezEngine::onDeviceDisconnected(sd_bus_message* m, void* self, sd_bus_error*) {
+    // Device1.Disconnected(reason, message) comes just before Connected turns false.
+    auto* e = static_cast<BluezEngine*>(self);
+    const QString reason = Device1::disconnectedReason(m);
+    if (reason.isEmpty()) return 0;
+    auto it = e->devices_.find(QString::fromUtf8(sd_bus_message_get_path(m)));
+    if (it != e->devices_.end()) it->disconnectReason = reason;
+    return 0;
+}
+
+// --- the object cache ---------------------------------------------------------------------------
+
+void BluezEngine::addInterfaces(const QString& path, const bluez::InterfaceMap& interfaces, bool fromSignal) {
     for (auto it = interfaces.constBegin(); it != interfaces.constEnd(); ++it) {
         const QString& iface = it.key();
         if (iface == kAdapter) {
@@ -178,12 +503,31 @@ void BluezEngine::addInterfaces(const QString& path, const InterfaceMap& interfa
     if (fromSignal && interfaces.contains(kAdapter)) recomputeState();
 }
 
+void BluezEngine::noteName(const QString& path, const Device& device) {
+    KnownPath& known = paths_[path.toStdString()];
+    known.path = path;
+    known.ignored = onlyLocalName_ && device.props.name && *device.props.name != *onlyLocalName_;
+}
+
 void BluezEngine::updateDevice(const QString& path, const QVariantMap& changed,
-                               const QStringList& invalidated, bool fromSignal) {
+                               const QStringList& invalidated, bool fromSignal,
+                               const AdvertisementFields* advertisement) {
+    const bool isNew = !devices_.contains(path);
     Device& device = devices_[path];
     const bool wasConnected = device.props.connected.value_or(false);
     const bool wasResolved = device.props.servicesResolved.value_or(false);
-    logProblems(path, kDevice, device.props.apply(changed, invalidated));
+    if (!changed.isEmpty() || !invalidated.isEmpty())
+        logProblems(path, kDevice, device.props.apply(changed, invalidated));
+    if (advertisement && advertisement->hasRssi) device.props.rssi = advertisement->rssi;
+    if (advertisement && advertisement->hasManufacturerData) {
+        if (advertisement->problem.isEmpty())
+            device.props.manufacturerData = advertisement->manufacturerData;
+        else
+            logProblems(path, kDevice, {advertisement->problem});
+    }
+    if (isNew || !fromSignal || changed.contains(QStringLiteral("Name")) ||
+        invalidated.contains(QStringLiteral("Name")))
+        noteName(path, device);
     if (device.props.name) peripheralFor(path);  // keeps the peripheral's name current
     if (!fromSignal) return;
 
@@ -206,94 +550,29 @@ void BluezEngine::removeDevice(const QString& path, int disconnectError) {
     if (it == devices_.end()) return;
     const bool connected = it->reportedConnected;
     devices_.erase(it);
+    paths_.erase(path.toStdString());
     if (connected) reportDisconnected(path, disconnectError);
     // Keep the peripheral while an item still holds it, so the device keeps its object if it returns.
     auto p = peripherals_.find(path);
     if (p != peripherals_.end() && p->use_count() == 1) peripherals_.erase(p);
 }
 
-void BluezEngine::onInterfacesAdded(const QDBusMessage& message) {
-    if (message.signature() != QLatin1String("oa{sa{sv}}")) {
-        Log::logf("BluezCentral: InterfacesAdded with signature \"%s\" ignored",
-                  utf8(message.signature()).constData());
-        return;
-    }
-    const QString path = message.arguments().at(0).value<QDBusObjectPath>().path();
-    InterfaceMap interfaces;
-    message.arguments().at(1).value<QDBusArgument>() >> interfaces;
-    addInterfaces(path, interfaces, true);
-}
-
-void BluezEngine::onInterfacesRemoved(const QDBusMessage& message) {
-    if (message.signature() != QLatin1String("oas")) {
-        Log::logf("BluezCentral: InterfacesRemoved with signature \"%s\" ignored",
-                  utf8(message.signature()).constData());
-        return;
-    }
-    const QString path = message.arguments().at(0).value<QDBusObjectPath>().path();
-    const QStringList interfaces = message.arguments().at(1).toStringList();
-    if (interfaces.contains(kAdapter)) {
-        adapters_.remove(path);
-        recomputeState();
-    }
-    if (interfaces.contains(kDevice)) removeDevice(path, BluezErrorPeripheralDisconnected);
-    if (interfaces.contains(kGattService)) {
-        services_.remove(path);
-        serviceObjects_.remove(path);
-    }
-    if (interfaces.contains(kGattCharacteristic)) {
-        characteristics_.remove(path);
-        characteristicObjects_.remove(path);
-    }
-}
-
-void BluezEngine::onPropertiesChanged(const QDBusMessage& message) {
-    if (message.signature() != QLatin1String("sa{sv}as")) {
-        Log::logf("BluezCentral: PropertiesChanged with signature \"%s\" on %s ignored",
-                  utf8(message.signature()).constData(), utf8(message.path()).constData());
-        return;
-    }
-    const QString path = message.path();
-    const QString iface = message.arguments().at(0).toString();
-    QVariantMap changed;
-    message.arguments().at(1).value<QDBusArgument>() >> changed;
-    const QStringList invalidated = message.arguments().at(2).toStringList();
-
-    if (iface == kAdapter) {
-        if (!adapters_.contains(path))
-            return;  // not announced yet; the snapshot or InterfacesAdded brings it
-        logProblems(path, iface, adapters_[path].apply(changed, invalidated));
-        recomputeState();
-    } else if (iface == kDevice) {
-        updateDevice(path, changed, invalidated, true);
-        if (changed.contains(QStringLiteral("RSSI")) || changed.contains(QStringLiteral("ManufacturerData")))
-            reportAdvertisement(path);
-    }
-}
-
-void BluezEngine::onDeviceDisconnected(const QDBusMessage& message) {
-    // Device1.Disconnected(reason, message) comes just before Connected turns false.
-    if (message.arguments().isEmpty() || message.arguments().at(0).typeId() != QMetaType::QString) return;
-    auto it = devices_.find(message.path());
-    if (it != devices_.end()) it->disconnectReason = message.arguments().at(0).toString();
-}
-
-QString BluezEngine::adapterPath() const { return adapters_.isEmpty() ? QString() : adapters_.firstKey(); }
+QString BluezEngine::adapterPath() const { return bluez::defaultAdapterPath(adapters_.keys()); }
 
 void BluezEngine::recomputeState() {
     if (!snapshotDone_) return;
-    std::optional<BluezAdapterProperties> adapter;
-    if (!adapters_.isEmpty()) adapter = adapters_.first();
-    const int state = bluez::centralState(bluezPresent_, accessDenied_, adapter);
-    if (state == 5 && scanning_ && adapterPath() != discoveryAdapter_)
-        beginDiscovery();  // new default adapter
+    const QString adapter = adapterPath();
+    std::optional<BluezAdapterProperties> props;
+    if (!adapter.isEmpty()) props = adapters_.value(adapter);
+    const int state = bluez::centralState(bluezPresent_, accessDenied_, props);
+    if (state == 5 && scanning_ && adapter != discoveryAdapter_) beginDiscovery();  // new default adapter
     if (stateReported_ && state == state_) return;
     if (state != 5) {
         scanning_ = false;
         discoveryActive_ = false;
         discoveryAdapter_.clear();
     }
-    Log::logf("BluezCentral: state %d (%s)", state, utf8(adapterPath()).constData());
+    Log::logf("BluezCentral: state %d (%s)", state, utf8(adapter).constData());
     state_ = state;
     stateReported_ = true;
     if (auto link = link_.lock()) link->state.store(state);
@@ -301,6 +580,8 @@ void BluezEngine::recomputeState() {
     if (!delegate) return;
     deliver([delegate, state] { delegate->centralManagerDidUpdateState(state); });
 }
+
+// --- scanning -----------------------------------------------------------------------------------
 
 void BluezEngine::startScan(bool allowDuplicates) {
     if (state_ != 5) {
@@ -315,31 +596,23 @@ void BluezEngine::startScan(bool allowDuplicates) {
 void BluezEngine::beginDiscovery() {
     const QString adapter = adapterPath();
     discoveryAdapter_ = adapter;
-    QVariantMap filter;
-    filter.insert(QStringLiteral("Transport"), QStringLiteral("le"));
-    filter.insert(QStringLiteral("DuplicateData"), allowDuplicates_);
-    auto setFilter =
-        QDBusMessage::createMethodCall(kService, adapter, kAdapter, QStringLiteral("SetDiscoveryFilter"));
-    setFilter << filter;
-    call(setFilter, [this, adapter](const QDBusMessage& reply) {
-        if (reply.type() == QDBusMessage::ErrorMessage)
-            Log::logf("BluezCentral: SetDiscoveryFilter failed: %s", utf8(errorText(reply)).constData());
-        if (!scanning_ || adapter != adapterPath()) return;
-        auto start =
-            QDBusMessage::createMethodCall(kService, adapter, kAdapter, QStringLiteral("StartDiscovery"));
-        call(start, [this](const QDBusMessage& r) {
-            if (r.type() == QDBusMessage::ErrorMessage &&
-                r.errorName() != QLatin1String("org.bluez.Error.InProgress")) {
-                Log::logf("BluezCentral: StartDiscovery failed: %s", utf8(errorText(r)).constData());
-                if (r.errorName() == QLatin1String("org.freedesktop.DBus.Error.AccessDenied")) {
-                    accessDenied_ = true;  // may read the adapter, may not scan
-                    recomputeState();
+    Adapter1::setDiscoveryFilter(
+        bus_.get(), adapter, allowDuplicates_, [this, adapter](const sdbus::Reply& reply) {
+            if (!reply.ok())
+                Log::logf("BluezCentral: SetDiscoveryFilter failed: %s", utf8(reply.errorText()).constData());
+            if (!scanning_ || adapter != adapterPath()) return;
+            Adapter1::startDiscovery(bus_.get(), adapter, [this](const sdbus::Reply& r) {
+                if (!r.ok() && r.errorName != QLatin1String("org.bluez.Error.InProgress")) {
+                    Log::logf("BluezCentral: StartDiscovery failed: %s", utf8(r.errorText()).constData());
+                    if (r.errorName == QLatin1String("org.freedesktop.DBus.Error.AccessDenied")) {
+                        accessDenied_ = true;  // may read the adapter, may not scan
+                        recomputeState();
+                    }
+                    return;
                 }
-                return;
-            }
-            discoveryActive_ = true;
+                discoveryActive_ = true;
+            });
         });
-    });
 }
 
 void BluezEngine::stopScan() {
@@ -348,11 +621,10 @@ void BluezEngine::stopScan() {
     scanning_ = false;
     discoveryActive_ = false;
     discoveryAdapter_.clear();
-    if (!wasActive || adapter.isEmpty()) return;
-    auto stop = QDBusMessage::createMethodCall(kService, adapter, kAdapter, QStringLiteral("StopDiscovery"));
-    call(stop, [](const QDBusMessage& reply) {
-        if (reply.type() == QDBusMessage::ErrorMessage)
-            Log::logf("BluezCentral: StopDiscovery failed: %s", utf8(errorText(reply)).constData());
+    if (!wasActive || adapter.isEmpty() || !bus_) return;
+    Adapter1::stopDiscovery(bus_.get(), adapter, [](const sdbus::Reply& reply) {
+        if (!reply.ok())
+            Log::logf("BluezCentral: StopDiscovery failed: %s", utf8(reply.errorText()).constData());
     });
 }
 
@@ -368,7 +640,8 @@ std::shared_ptr<BluezPeripheral> BluezEngine::peripheralFor(const QString& path)
         }
         p = std::make_shared<BluezPeripheral>(path, id, link_.lock());
     }
-    if (it != devices_.constEnd() && it->props.name) p->setName(*it->props.name);
+    if (it != devices_.constEnd() && it->props.name && p->name() != *it->props.name)
+        p->setName(*it->props.name);
     return p;
 }
 
@@ -376,26 +649,24 @@ void BluezEngine::reportAdvertisement(const QString& path) {
     if (!scanning_) return;
     auto it = devices_.constFind(path);
     if (it == devices_.constEnd()) return;
+    if (onlyLocalName_ && it->props.name && *it->props.name != *onlyLocalName_) return;
     auto peripheral = peripheralFor(path);
     if (!peripheral) {
         Log::logf("BluezCentral: device %s has no usable address; ignored", utf8(path).constData());
         return;
     }
-    AdvertisementData data;
-    data.localName = it->props.name;
-    data.manufacturerData = it->props.manufacturerData;
     const double rssi = it->props.rssi ? double(*it->props.rssi) : 127.0;  // 127: no reading
-    BleCentralDelegate* delegate = delegate_;
-    if (!delegate) return;
-    deliver([delegate, peripheral, data, rssi] {
-        delegate->centralManagerDidDiscoverPeripheral(peripheral, data, rssi);
-    });
+    if (pending_.empty() || pending_.back().callback) pending_.push_back({});
+    pending_.back().advertisements.push_back(BleDiscovery{
+        std::move(peripheral), AdvertisementData{it->props.name, it->props.manufacturerData}, rssi});
 }
+
+// --- connections and GATT -----------------------------------------------------------------------
 
 void BluezEngine::connectDevice(const QString& path) {
     auto it = devices_.find(path);
     auto peripheral = peripherals_.value(path);
-    if (it == devices_.end() || !peripheral) {
+    if (it == devices_.end() || !peripheral || !bus_) {
         Log::logf("BluezCentral: connect to unknown device %s", utf8(path).constData());
         if (peripheral) {
             BleCentralDelegate* delegate = delegate_;
@@ -409,23 +680,20 @@ void BluezEngine::connectDevice(const QString& path) {
     }
     if (it->reportedConnected) return;
     it->connectPending = true;
-    auto msg = QDBusMessage::createMethodCall(kService, path, kDevice, QStringLiteral("Connect"));
-    call(msg, [this, path](const QDBusMessage& reply) {
+    Device1::connect(bus_.get(), path, [this, path](const sdbus::Reply& reply) {
         auto d = devices_.find(path);
         if (d == devices_.end() || !d->connectPending) return;
-        if (reply.type() != QDBusMessage::ErrorMessage ||
-            reply.errorName() == QLatin1String("org.bluez.Error.AlreadyConnected")) {
+        if (reply.ok() || reply.errorName == QLatin1String("org.bluez.Error.AlreadyConnected")) {
             reportConnected(path);
             return;
         }
         d->connectPending = false;
         Log::logf("BluezCentral: Connect %s failed: %s", utf8(path).constData(),
-                  utf8(errorText(reply)).constData());
+                  utf8(reply.errorText()).constData());
         auto peripheral = peripherals_.value(path);
-        if (!peripheral) return;
         BleCentralDelegate* delegate = delegate_;
-        if (!delegate) return;
-        BleError error{BluezErrorConnectionFailed, errorText(reply)};
+        if (!peripheral || !delegate) return;
+        BleError error{BluezErrorConnectionFailed, reply.errorText()};
         deliver([delegate, peripheral, error] {
             delegate->centralManagerDidFailToConnectPeripheral(peripheral, error);
         });
@@ -434,14 +702,13 @@ void BluezEngine::connectDevice(const QString& path) {
 
 void BluezEngine::disconnectDevice(const QString& path) {
     auto it = devices_.find(path);
-    if (it == devices_.end()) return;
+    if (it == devices_.end() || !bus_) return;
     it->connectPending = false;
     if (!it->reportedConnected && !it->props.connected.value_or(false)) return;
-    auto msg = QDBusMessage::createMethodCall(kService, path, kDevice, QStringLiteral("Disconnect"));
-    call(msg, [path](const QDBusMessage& reply) {
-        if (reply.type() == QDBusMessage::ErrorMessage)
+    Device1::disconnect(bus_.get(), path, [path](const sdbus::Reply& reply) {
+        if (!reply.ok())
             Log::logf("BluezCentral: Disconnect %s failed: %s", utf8(path).constData(),
-                      utf8(errorText(reply)).constData());
+                      utf8(reply.errorText()).constData());
     });
 }
 
@@ -452,9 +719,8 @@ void BluezEngine::reportConnected(const QString& path) {
     d->reportedConnected = true;
     d->lastServicesAnswerMs = -1;
     auto peripheral = peripherals_.value(path);
-    if (!peripheral) return;
     BleCentralDelegate* delegate = delegate_;
-    if (!delegate) return;
+    if (!peripheral || !delegate) return;
     deliver([delegate, peripheral] { delegate->centralManagerDidConnectPeripheral(peripheral); });
 }
 
@@ -500,7 +766,7 @@ void BluezEngine::discoverServices(const QString& path) {
     const double since = monotonicMs() - it->lastServicesAnswerMs;
     if (it->lastServicesAnswerMs >= 0 && since < kRediscoveryIntervalMs) {
         it->servicesPending = true;
-        QTimer::singleShot(static_cast<int>(kRediscoveryIntervalMs - since) + 1, this, [this, path] {
+        after(kRediscoveryIntervalMs - since, [this, path] {
             auto d = devices_.find(path);
             if (d != devices_.end() && d->servicesPending && d->reportedConnected) answerServices(path);
         });
@@ -557,48 +823,32 @@ void BluezEngine::discoverCharacteristics(const QString& devicePath, const QStri
 void BluezEngine::readValue(const QString& devicePath, const QString& characteristicPath) {
     auto peripheral = peripherals_.value(devicePath);
     auto characteristic = characteristicObjects_.value(characteristicPath);
-    if (!peripheral || !characteristic) {
+    if (!peripheral || !characteristic || !bus_) {
         Log::logf("BluezCentral: read of unknown characteristic %s ignored",
                   utf8(characteristicPath).constData());
         return;
     }
-    auto msg = QDBusMessage::createMethodCall(kService, characteristicPath, kGattCharacteristic,
-                                              QStringLiteral("ReadValue"));
-    msg << QVariantMap();
-    call(msg, [this, peripheral, characteristic](const QDBusMessage& reply) {
-        std::optional<BleError> error;
-        if (reply.type() == QDBusMessage::ErrorMessage) {
-            error = BleError{bluez::errorCodeForDBusError(reply.errorName()), errorText(reply)};
-        } else if (reply.signature() != QLatin1String("ay")) {
-            error =
-                BleError{BluezErrorUnknown,
-                         QStringLiteral("ReadValue answered with signature \"%1\"").arg(reply.signature())};
-        } else {
-            characteristic->setValue(reply.arguments().at(0).toByteArray());
-        }
-        if (error)
-            Log::logf("BluezCentral: ReadValue %s failed: %s", utf8(characteristic->path()).constData(),
-                      utf8(error->description).constData());
-        BleCharacteristicRef ref = characteristic;
-        deliver([peripheral, ref, error] {
-            if (auto* d = peripheral->delegate())
-                d->peripheralDidUpdateValueForCharacteristic(*peripheral, ref, error);
-        });
-    });
-}
-
-void BluezEngine::call(const QDBusMessage& message, std::function<void(const QDBusMessage&)> done,
-                       int timeoutMs) {
-    auto* watcher = new QDBusPendingCallWatcher(bus_.asyncCall(message, timeoutMs), this);
-    connect(watcher, &QDBusPendingCallWatcher::finished, this,
-            [done = std::move(done)](QDBusPendingCallWatcher* w) {
-                w->deleteLater();
-                done(w->reply());
+    GattCharacteristic1::readValue(
+        bus_.get(), characteristicPath, [this, peripheral, characteristic](const sdbus::Reply& reply) {
+            std::optional<BleError> error;
+            QByteArray value;
+            QString problem;
+            if (!reply.ok()) {
+                error = BleError{bluez::errorCodeForDBusError(reply.errorName), reply.errorText()};
+            } else if (!GattCharacteristic1::value(reply, &value, &problem)) {
+                error = BleError{BluezErrorUnknown, problem};
+            } else {
+                characteristic->setValue(value);
+            }
+            if (error)
+                Log::logf("BluezCentral: ReadValue %s failed: %s", utf8(characteristic->path()).constData(),
+                          utf8(error->description).constData());
+            BleCharacteristicRef ref = characteristic;
+            deliver([peripheral, ref, error] {
+                if (auto* d = peripheral->delegate())
+                    d->peripheralDidUpdateValueForCharacteristic(*peripheral, ref, error);
             });
-}
-
-void BluezEngine::deliver(std::function<void()> fn) {
-    if (auto link = link_.lock()) link->deliver(std::move(fn));
+        });
 }
 
 void BluezEngine::logProblems(const QString& path, const QString& interface, const QStringList& problems) {
@@ -607,7 +857,7 @@ void BluezEngine::logProblems(const QString& path, const QString& interface, con
                   utf8(p).constData());
 }
 
-double BluezEngine::monotonicMs() const {
+double BluezEngine::monotonicMs() {
     using namespace std::chrono;
     return duration<double, std::milli>(steady_clock::now().time_since_epoch()).count();
 }

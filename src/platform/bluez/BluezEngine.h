@@ -1,33 +1,53 @@
 #pragma once
-// The part of BluezCentral that lives on the scan thread: the system-bus connection, the signal
-// subscriptions, the cache of adapters, devices and GATT objects, and every D-Bus call.
-#include <QDBusConnection>
-#include <QDBusMessage>
+// The part of BluezCentral that lives on the intake thread: the system-bus connection (sd-bus),
+// the signal subscriptions, the cache of adapters, devices and GATT objects, and every D-Bus call.
+//
+// The intake loop drains every message that is waiting, runs the commands posted to it, then
+// hands what the drain produced to the delegate queue in one task, and waits at least
+// kCoalescingIntervalMs after a drain before the next one, so a flood of advertisements costs one
+// wake per interval instead of one per advertisement.
 #include <QHash>
-#include <QObject>
+#include <QMap>
+#include <QString>
 #include <functional>
+#include <map>
 #include <memory>
 #include <optional>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
 
 #include "ble/BleCentral.h"
 #include "platform/bluez/BluezCharacteristic.h"
 #include "platform/bluez/BluezPeripheral.h"
 #include "platform/bluez/BluezProperties.h"
 #include "platform/bluez/BluezService.h"
-
-class QDBusServiceWatcher;
+#include "platform/bluez/ObjectManager.h"
+#include "platform/bluez/SdBus.h"
 
 namespace lumerix {
 
 class BluezLink;
 
-class BluezEngine final : public QObject {
-    Q_OBJECT
+class BluezEngine final {
 public:
-    BluezEngine(BleCentralDelegate* delegate, const std::shared_ptr<BluezLink>& link, QString connectionName);
-    ~BluezEngine() override;
+    // How long the intake thread lets messages gather after a drain.
+    static constexpr double kCoalescingIntervalMs = 20.0;
+    // A drain ends after this many messages even when more wait, so that commands and the
+    // delegate's batches keep moving while the intake is behind.
+    static constexpr int kMaxMessagesPerDrain = 1024;
 
-    void start();
+    // onlyLocalName: advertisements of devices whose Name is known and differs are dropped here.
+    BluezEngine(BleCentralDelegate* delegate, const std::shared_ptr<BluezLink>& link,
+                std::optional<QString> onlyLocalName);
+    ~BluezEngine();
+    BluezEngine(const BluezEngine&) = delete;
+    BluezEngine& operator=(const BluezEngine&) = delete;
+
+    // The intake loop; returns once stop is set (and the link woken).
+    void run(const std::atomic<bool>& stop);
+
     void startScan(bool allowDuplicates);
     void stopScan();
     void connectDevice(const QString& path);
@@ -36,12 +56,6 @@ public:
     void discoverServices(const QString& path);
     void discoverCharacteristics(const QString& devicePath, const QString& servicePath);
     void readValue(const QString& devicePath, const QString& characteristicPath);
-
-private Q_SLOTS:
-    void onInterfacesAdded(const QDBusMessage& message);
-    void onInterfacesRemoved(const QDBusMessage& message);
-    void onPropertiesChanged(const QDBusMessage& message);
-    void onDeviceDisconnected(const QDBusMessage& message);
 
 private:
     struct Device {
@@ -55,14 +69,55 @@ private:
     struct GattObject {
         BluezGattProperties props;
     };
+    // RSSI and ManufacturerData of one PropertiesChanged, read straight from the message.
+    struct AdvertisementFields {
+        bool hasRssi = false;
+        qint16 rssi = 0;
+        bool hasManufacturerData = false;
+        std::optional<QByteArray> manufacturerData;
+        QString problem;  // a ManufacturerData that was refused
+    };
+    struct KnownPath {
+        QString path;
+        bool ignored = false;  // Name known and not onlyLocalName_
+    };
+    struct PathHash {
+        using is_transparent = void;
+        size_t operator()(std::string_view s) const { return std::hash<std::string_view>{}(s); }
+    };
+    struct Delivery {
+        std::function<void()> callback;  // or, when empty, a batch of advertisements
+        std::vector<BleDiscovery> advertisements;
+    };
 
+    void start();
+    bool subscribe();
+    // Processes what is waiting, at most kMaxMessagesPerDrain messages; true when more may be.
+    bool drain();
+    void flush();
+    void runTimers();
+    int waitTimeoutMs() const;
+    void after(double ms, std::function<void()> fn);
+
+    static int onInterfacesAdded(sd_bus_message* m, void* self, sd_bus_error*);
+    static int onInterfacesRemoved(sd_bus_message* m, void* self, sd_bus_error*);
+    static int onDevicePropertiesChanged(sd_bus_message* m, void* self, sd_bus_error*);
+    static int onAdapterPropertiesChanged(sd_bus_message* m, void* self, sd_bus_error*);
+    static int onDeviceDisconnected(sd_bus_message* m, void* self, sd_bus_error*);
+    static int onNameOwnerChanged(sd_bus_message* m, void* self, sd_bus_error*);
+
+    void devicePropertiesChanged(sd_bus_message* m);
     void takeSnapshot();
-    void onSnapshot(quint64 generation, const QDBusMessage& reply);
+    void onSnapshot(quint64 generation, const bluez::Snapshot& snapshot);
+    void bluezGone();
     void clearObjects(int disconnectError);
-    void addInterfaces(const QString& path, const QMap<QString, QVariantMap>& interfaces, bool fromSignal);
+    void addInterfaces(const QString& path, const bluez::InterfaceMap& interfaces, bool fromSignal);
     void updateDevice(const QString& path, const QVariantMap& changed, const QStringList& invalidated,
-                      bool fromSignal);
+                      bool fromSignal, const AdvertisementFields* advertisement = nullptr);
+    bool readDeviceChanges(sd_bus_message* m, bool ignored, AdvertisementFields* advertisement,
+                           QVariantMap* changed);
     void removeDevice(const QString& path, int disconnectError);
+    void noteName(const QString& path, const Device& device);
     void recomputeState();
     QString adapterPath() const;
     void beginDiscovery();
@@ -72,16 +127,17 @@ private:
     void reportConnected(const QString& path);
     void reportDisconnected(const QString& path, std::optional<int> error);
     void answerServices(const QString& path);
-    void call(const QDBusMessage& message, std::function<void(const QDBusMessage&)> done, int timeoutMs = -1);
     void deliver(std::function<void()> fn);
     void logProblems(const QString& path, const QString& interface, const QStringList& problems);
-    double monotonicMs() const;
+    static double monotonicMs();
 
     BleCentralDelegate* const delegate_;
     std::weak_ptr<BluezLink> link_;
-    const QString connectionName_;
-    QDBusConnection bus_;
-    QDBusServiceWatcher* watcher_ = nullptr;
+    const std::optional<QString> onlyLocalName_;
+    sdbus::BusPtr bus_;
+    std::vector<sdbus::SlotPtr> matches_;
+    std::multimap<double, std::function<void()>> timers_;  // deadline (monotonic ms) -> work
+    std::vector<Delivery> pending_;                        // for the delegate queue, in order
 
     quint64 snapshotGeneration_ = 0;
     bool snapshotDone_ = false;
@@ -94,8 +150,11 @@ private:
     bool allowDuplicates_ = true;
     QString discoveryAdapter_;  // the adapter discovery was started on
 
-    QMap<QString, BluezAdapterProperties> adapters_;  // sorted: the first is the default adapter
+    QMap<QString, BluezAdapterProperties> adapters_;
     QHash<QString, Device> devices_;
+    // Device paths as sd-bus gives them. Advertisements of ignored devices are skipped unread (a
+    // Name change still reaches them).
+    std::unordered_map<std::string, KnownPath, PathHash, std::equal_to<>> paths_;
     QMap<QString, GattObject> services_;         // sorted by path = handle order
     QMap<QString, GattObject> characteristics_;  // sorted by path = handle order
     QHash<QString, std::shared_ptr<BluezPeripheral>> peripherals_;

@@ -1,11 +1,14 @@
 #pragma once
 // The bridge between the objects BluezCentral hands out (the central, its peripherals) and the
-// engine that lives on the scan queue's thread. Anything may post to the engine from any thread;
-// once the central is gone the posts are dropped, so a peripheral kept by an item stays harmless.
+// engine on the intake thread. Anything may post to the engine from any thread; a post wakes the
+// intake thread through an eventfd. Delegate callbacks go the other way, to the central's delegate
+// queue, a batch at a time. Once the central is gone both directions are dropped, so a peripheral
+// kept by an item stays harmless.
 #include <atomic>
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <vector>
 
 namespace lumerix {
 
@@ -14,25 +17,33 @@ class BluezEngine;
 
 class BluezLink final : public std::enable_shared_from_this<BluezLink> {
 public:
-    explicit BluezLink(DispatchQueue* queue) : queue_(queue) {}
+    explicit BluezLink(DispatchQueue* queue);
+    ~BluezLink();
+    BluezLink(const BluezLink&) = delete;
+    BluezLink& operator=(const BluezLink&) = delete;
 
-    // Runs fn with the engine on the scan thread, if there still is one.
+    // Runs fn with the engine on the intake thread, if there still is one.
     void post(std::function<void(BluezEngine&)> fn);
-    // Runs fn on the scan thread unless the central is closing (delegate callbacks).
-    void deliver(std::function<void()> fn);
-    // Runs fn on the scan thread (engine creation).
-    void run(std::function<void()> fn);
-    // Stops all further posts; called by the central's destructor.
+    // Runs the callbacks, in order, as one task on the delegate queue unless the central is closing.
+    void deliver(std::vector<std::function<void()>> callbacks);
+    // Stops all further posts and deliveries; called by the central's destructor.
     void detach();
+
+    // Intake-thread side: the fd that becomes readable when commands are waiting, and the commands.
+    int wakeFd() const { return wakeFd_; }
+    std::vector<std::function<void(BluezEngine&)>> takeCommands();
+    // Wakes the intake thread without a command (shutdown).
+    void wake();
 
     std::atomic<int> state{0};
     std::atomic<bool> closing{false};
-    // Touched on the scan thread only.
-    std::shared_ptr<BluezEngine> engine;
 
 private:
     std::mutex mutex_;
     DispatchQueue* queue_;
+    bool attached_ = true;
+    int wakeFd_ = -1;
+    std::vector<std::function<void(BluezEngine&)>> commands_;
 };
 
 }  // namespace lumerix

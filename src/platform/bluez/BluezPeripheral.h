@@ -1,7 +1,7 @@
 #pragma once
 // One Device1 object as a peripheral. BluezCentral makes one per device and reuses it, so the
-// same device is always the same object. Operations hop onto the scan thread; answers reach the
-// delegate there.
+// same device is always the same object. Operations hop onto the intake thread; answers reach the
+// delegate on the central's delegate queue.
 #include <QString>
 #include <atomic>
 #include <memory>

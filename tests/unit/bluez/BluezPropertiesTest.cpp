@@ -2,9 +2,9 @@
 
 #include <QDBusVariant>
 
-#include "dispatch/ManualQueue.h"
-#include "platform/bluez/BluezCentral.h"
+#include "ble/BleTypes.h"
 #include "platform/bluez/BluezProperties.h"
+#include "platform/bluez/ObjectManager.h"
 
 namespace lumerix {
 namespace {
@@ -140,26 +140,40 @@ TEST(BluezObjectTree, BelowMeansAStrictDescendant) {
     EXPECT_FALSE(bluez::isBelow(QStringLiteral("/org/bluez/hci0/dev_AA_BB_CC_DD_EE_011/service0010"), dev));
 }
 
-class RecordingDelegate : public BleCentralDelegate {
-public:
-    void centralManagerDidUpdateState(int state) override { states.push_back(state); }
-    std::vector<int> states;
-};
+TEST(BluezDefaultAdapter, LowestHciNumberFirstOtherNamesLast) {
+    struct Case {
+        QStringList paths;
+        const char* expected;
+    };
+    const Case cases[] = {
+        {{}, ""},
+        {{QStringLiteral("/org/bluez/hci0")}, "/org/bluez/hci0"},
+        {{QStringLiteral("/org/bluez/hci10"), QStringLiteral("/org/bluez/hci2")}, "/org/bluez/hci2"},
+        {{QStringLiteral("/org/bluez/hci2"), QStringLiteral("/org/bluez/hci10")}, "/org/bluez/hci2"},
+        {{QStringLiteral("/org/bluez/usb"), QStringLiteral("/org/bluez/hci7")}, "/org/bluez/hci7"},
+        {{QStringLiteral("/org/bluez/hcix"), QStringLiteral("/org/bluez/usb")}, "/org/bluez/hcix"},
+    };
+    for (const Case& c : cases)
+        EXPECT_EQ(bluez::defaultAdapterPath(c.paths), QString::fromUtf8(c.expected))
+            << c.paths.join(u',').toStdString();
+}
 
-TEST(BluezCentral, WithoutAQtEventQueueReportsUnknownAndStaysInert) {
-    VirtualTime time;
-    ManualQueue queue(time, "scan");
-    RecordingDelegate delegate;
-    {
-        BluezCentral central(&delegate, &queue);
-        central.scanForPeripherals(true);
-        central.stopScan();
-        time.runUntilIdle();
-        EXPECT_EQ(central.state(), BleStateUnknown);
-        EXPECT_EQ(delegate.states, std::vector<int>{BleStateUnknown});
-    }  // must not wait on a queue that nobody runs
-    time.runUntilIdle();
-    EXPECT_EQ(delegate.states.size(), 1u);
+TEST(BluezDefaultAdapter, PoweredIsReadFromTheDefaultAdapterOnly) {
+    auto adapter = [](QVariant powered) {
+        return bluez::InterfaceMap{
+            {QStringLiteral("org.bluez.Adapter1"), {{QStringLiteral("Powered"), powered}}}};
+    };
+    bluez::Snapshot s;
+    s.reached = true;
+    EXPECT_EQ(bluez::defaultAdapterPowered(s), std::nullopt);
+    s.objects.insert(QStringLiteral("/org/bluez/hci10"), adapter(true));
+    s.objects.insert(QStringLiteral("/org/bluez/hci2"), adapter(false));
+    s.objects.insert(QStringLiteral("/org/bluez/hci2/dev_AA_BB_CC_DD_EE_FF"),
+                     {{QStringLiteral("org.bluez.Device1"), {}}});
+    EXPECT_EQ(s.adapterPaths().size(), 2);
+    EXPECT_EQ(bluez::defaultAdapterPowered(s), false);
+    s.objects.insert(QStringLiteral("/org/bluez/hci2"), adapter(QStringLiteral("yes")));
+    EXPECT_EQ(bluez::defaultAdapterPowered(s), std::nullopt);
 }
 
 }  // namespace

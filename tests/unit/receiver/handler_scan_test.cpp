@@ -26,6 +26,32 @@ TEST(HandlerFilter, OnlyTheExactLocalNameLX) {
     EXPECT_EQ(h.handler->discoveredDeviceInfo().size(), 1);
 }
 
+TEST(HandlerBatch, ABurstIsOneEvaluationTaskAndReachesTheDelegateCompleteAndInOrder) {
+    // 10,000 advertisements from 50 devices, one in five not named "LX".
+    HandlerHarness h;
+    std::vector<BleDiscovery> burst;
+    std::vector<QString> expected;
+    for (int i = 0; i < 10000; ++i) {
+        const int device = i % 50;
+        const bool lx = i % 5 != 0;
+        burst.push_back({h.central().peripheral(deviceId(device)),
+                         AdvertisementData{lx ? QStringLiteral("LX") : QStringLiteral("Phone"), kRoomA},
+                         -40.0 - (i % 50)});
+        if (lx) expected.push_back(deviceId(device));
+    }
+    ASSERT_EQ(h.time->pendingCount(), 0u);
+    h.handler->centralManagerDidDiscoverPeripherals(burst);
+    EXPECT_EQ(h.time->pendingCount(), 1u);
+    h.run();
+
+    std::vector<QString> seen;
+    for (const auto& e : h.delegate.events("discover")) {
+        EXPECT_EQ(e.queue, "main");
+        seen.push_back(e.item->peripheral()->identifier());
+    }
+    EXPECT_EQ(seen, expected);
+}
+
 TEST(HandlerTable, OneItemPerIdentifierKeepingTheLastTenAdvertisements) {
     HandlerHarness h;
     for (int i = 0; i < 12; ++i)

@@ -1,0 +1,44 @@
+#pragma once
+// The org.bluez interfaces the central uses, one thin class each: their names and the method
+// calls made on them. Calls are asynchronous; completions run on the bus's thread.
+#include <QByteArray>
+#include <QString>
+
+#include "platform/bluez/SdBus.h"
+
+namespace lumerix::bluez {
+
+class Adapter1 {
+public:
+    static constexpr const char* kInterface = "org.bluez.Adapter1";
+    // Transport "le", DuplicateData as given.
+    static bool setDiscoveryFilter(sd_bus* bus, const QString& path, bool duplicateData,
+                                   sdbus::Completion done);
+    static bool startDiscovery(sd_bus* bus, const QString& path, sdbus::Completion done);
+    static bool stopDiscovery(sd_bus* bus, const QString& path, sdbus::Completion done);
+};
+
+class Device1 {
+public:
+    static constexpr const char* kInterface = "org.bluez.Device1";
+    static bool connect(sd_bus* bus, const QString& path, sdbus::Completion done);
+    static bool disconnect(sd_bus* bus, const QString& path, sdbus::Completion done);
+    // Device1.Disconnected(reason, message): the reason, or empty when the signal has another shape.
+    static QString disconnectedReason(sd_bus_message* m);
+};
+
+class GattService1 {
+public:
+    static constexpr const char* kInterface = "org.bluez.GattService1";
+};
+
+class GattCharacteristic1 {
+public:
+    static constexpr const char* kInterface = "org.bluez.GattCharacteristic1";
+    // ReadValue({}); the completion reads the value with value().
+    static bool readValue(sd_bus* bus, const QString& path, sdbus::Completion done);
+    // The ay of a ReadValue reply; false (with the signature in *problem) for another shape.
+    static bool value(const sdbus::Reply& reply, QByteArray* out, QString* problem);
+};
+
+}  // namespace lumerix::bluez
