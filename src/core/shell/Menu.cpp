@@ -48,4 +48,10 @@ void Menu::removeAllItems() {
     ++revision_;
 }
 
+void Menu::setItems(const std::vector<MenuItemRef>& items) {
+    if (items == items_) return;
+    items_ = items;
+    ++revision_;
+}
+
 }  // namespace lumerix
