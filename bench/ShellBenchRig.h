@@ -92,8 +92,7 @@ struct ShellBenchRig {
         return central && shell->discoveredDeviceAry().size() == static_cast<size_t>(receivers);
     }
 
-    // Not inlined, so that a profiler can count the work of one advertisement: valgrind
-    // --tool=callgrind "--toggle-collect=lumerix::bench::ShellBenchRig::hear(*".
+    // Not inlined, so that a callgrind profile of run() counts one call per advertisement.
     [[gnu::noinline]] void hear(size_t index, double rssi) {
         central->injectAdvertisement(adverts[index].identifier, adverts[index].data, rssi);
         time->runUntilIdle();
