@@ -5,14 +5,19 @@
 //   AllRenamed  every receiver row changes: the worst case of the row-by-row edit.
 //   FullRebuild baseline: clearing the QMenu and adding every action again, what a naive adapter
 //               does on every advertisement.
+// AdvertisementToTray is the whole path of one advertisement at 50 receivers: the real handler
+// decodes it, the shell merges it and refreshes its menu, and this adapter shows the result; with
+// steady signals (the order holds) and drifting ones (the order changes nearly every time).
 // Runs on QT_QPA_PLATFORM=offscreen unless a platform is set.
 #include <benchmark/benchmark.h>
 
 #include <QAction>
 #include <QApplication>
+#include <QFile>
 #include <QMenu>
 #include <vector>
 
+#include "ShellBenchRig.h"
 #include "app/QtStatusItem.h"
 
 namespace {
@@ -112,6 +117,32 @@ void BM_TrayMenu_FullRebuild(benchmark::State& state) {
     }
 }
 BENCHMARK(BM_TrayMenu_FullRebuild);
+
+void BM_AdvertisementToTray(benchmark::State& state) {
+    bench::ShellBenchRig rig(kReceivers, [](const QString& resources) {
+        // Tiny icons, so the adapter loads and switches real images as in production.
+        for (const char* name : {"Normal_Icon", "Normal_Disable_Icon"}) {
+            QFile f(resources + QLatin1Char('/') + QLatin1String(name) + QStringLiteral(".svg"));
+            if (f.open(QIODevice::WriteOnly))
+                f.write(
+                    "<svg xmlns='http://www.w3.org/2000/svg' width='22' height='22'>"
+                    "<rect width='22' height='22'/></svg>");
+        }
+        return std::make_shared<QtStatusBar>(resources);
+    });
+    auto* item = dynamic_cast<QtStatusItem*>(rig.shell->statusItem().get());
+    if (!item || !rig.ready(kReceivers)) {
+        state.SkipWithError("receivers were not listed in the tray");
+        return;
+    }
+    const uint64_t before = item->menuUpdates();
+    rig.run(state,
+            state.range(0) ? bench::ShellBenchRig::Signal::Drifting : bench::ShellBenchRig::Signal::Steady);
+    state.counters["edited"] = benchmark::Counter(static_cast<double>(item->menuUpdates() - before),
+                                                  benchmark::Counter::kAvgIterations);
+}
+// Argument: 0 steady signals, 1 drifting ones (see ShellBenchRig::run).
+BENCHMARK(BM_AdvertisementToTray)->Arg(0)->Arg(1)->Repetitions(5)->ReportAggregatesOnly(true);
 
 }  // namespace
 

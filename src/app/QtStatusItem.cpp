@@ -62,6 +62,10 @@ QtStatusItem::~QtStatusItem() {
 }
 
 void QtStatusItem::setImage(const StatusImageRef& image) {
+    // The shell passes the same image object on every refresh.
+    if (image == lastImage_ && (!image || image->isTemplate() == lastImageTemplate_)) return;
+    lastImage_ = image;
+    lastImageTemplate_ = image && image->isTemplate();
     const QString key = image ? imageKey(*image) : QString();
     if (key == shownImage_) return;
     shownImage_ = key;

@@ -47,6 +47,8 @@ private:
     MenuActionTarget* target_ = nullptr;
     bool menuOpen_ = false;
     QString shownImage_;  // key of the image shown, empty for none
+    StatusImageRef lastImage_;
+    bool lastImageTemplate_ = false;
     QHash<QString, QIcon> icons_;
     uint64_t menuUpdates_ = 0;
     uint64_t iconUpdates_ = 0;

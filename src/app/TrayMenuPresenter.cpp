@@ -10,6 +10,9 @@ TrayEntry TrayEntry::of(const MenuItem& item) {
 }
 
 bool TrayMenuPresenter::apply(const MenuRef& menu) {
+    if (menu && menu == menu_ && menu->revision() == revision_) return false;
+    menu_ = menu;
+    revision_ = menu ? menu->revision() : 0;
     std::vector<MenuItemRef> items;
     std::vector<TrayEntry> wanted;
     if (menu) {

@@ -1,8 +1,9 @@
 #pragma once
 // Keeps a tray menu in step with the shell's Menu while touching it as little as possible. The
-// shell rebuilds its Menu from new item objects on every advertisement; the desktop should only
-// see a change when a title, the order or a separator changed. An unchanged menu costs no view
-// call at all: only the item objects that a click resolves to are swapped.
+// shell attaches its Menu again on every advertisement; the desktop should only see a change when
+// a title, the order or a separator changed. The same Menu at the same revision costs nothing; an
+// edited or different Menu is compared row by row and only differing rows reach the view (the
+// item objects that a click resolves to are always those of the menu applied last).
 #include <QString>
 #include <vector>
 
@@ -42,6 +43,8 @@ private:
     TrayMenuView& view_;
     std::vector<TrayEntry> shown_;
     std::vector<MenuItemRef> items_;
+    MenuRef menu_;  // applied last, held so that its address is not reused
+    uint64_t revision_ = 0;
 };
 
 }  // namespace lumerix

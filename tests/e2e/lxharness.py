@@ -181,6 +181,11 @@ class Bluez:
         """Method names called on the adapter, in order."""
         return [str(c[1]) for c in self.mock('/org/bluez/' + name).GetCalls()]
 
+    def last_call_time(self, method, name='hci0'):
+        """When the adapter's method was last called, in whole time.time() seconds; 0 if never."""
+        return max((float(c[0]) for c in self.mock('/org/bluez/' + name).GetCalls() if str(c[1]) == method),
+                   default=0.0)
+
     def device_calls(self, address, adapter='hci0'):
         return [str(c[1]) for c in self.mock(self.device_path(address, adapter)).GetCalls()]
 

@@ -22,6 +22,8 @@ FIXED_TAIL = ['---', 'About', 'Exit']
 ROOM_A = ('AA:BB:CC:DD:EE:01', '10.0.0.5', 12, 34, 'Room A')
 ROOM_B = ('AA:BB:CC:DD:EE:02', '10.0.0.6', 56, 7, 'Room B')
 ROOM_C = ('AA:BB:CC:DD:EE:03', '10.0.0.7', 99, 1, 'Room C')
+# While scanning, the handler stops and starts discovery this often.
+RESCAN_SECONDS = 15
 
 
 class Advertiser:
@@ -29,6 +31,7 @@ class Advertiser:
 
     def __init__(self, desktop):
         self.desktop = desktop
+        self.receivers = {}
         self.rssi = {}
         self.lock = threading.Lock()
         self.stopping = threading.Event()
@@ -38,7 +41,16 @@ class Advertiser:
     def add(self, receiver, rssi):
         with self.lock:
             self.desktop.bluez.add_receiver(receiver, rssi)
+            self.receivers[receiver[0]] = receiver
             self.rssi[receiver[0]] = rssi
+
+    def pause_while(self, disrupt, readd):
+        """Runs disrupt() with advertising paused, then adds the receivers again when readd is set."""
+        with self.lock:
+            disrupt()
+            if readd:
+                for address, receiver in self.receivers.items():
+                    self.desktop.bluez.add_receiver(receiver, self.rssi[address])
 
     def set_rssi(self, receiver, rssi):
         with self.lock:
@@ -259,6 +271,44 @@ class TrayTest(TrayCase):
         self.assertEqual(self.exit_status(), 0)
         self.assertEqual(self.saved_references(), lab)
 
+    def test_scanning_resumes_when_bluetooth_comes_back(self):
+        def restart_bluetoothd(desktop, outage):
+            desktop.bluez.stop()
+            outage()
+            desktop.bluez = lxharness.Bluez(desktop.system)
+            desktop.bluez.add_adapter()
+
+        def replug_adapter(desktop, outage):
+            desktop.bluez.remove_adapter()
+            outage()
+            desktop.bluez.add_adapter()
+
+        def power_cycle(desktop, outage):
+            # bluetoothd ends discovery when the adapter powers off.
+            desktop.bluez.mock('/org/bluez/hci0').UpdateProperties(lxharness.ADAPTER_IFACE, {
+                'Powered': dbus.Boolean(False), 'Discovering': dbus.Boolean(False)})
+            outage()
+            desktop.bluez.set_powered(True)
+
+        # (what happens, whether the model comes back without the receivers' objects)
+        cases = [(restart_bluetoothd, True), (replug_adapter, True), (power_cycle, False)]
+        menu, ads = self.tray_showing([], [(ROOM_A, -70), (ROOM_B, -50)], ['Room B', 'Room A'])
+        for disrupt, readd in cases:
+            with self.subTest(disrupt.__name__):
+                # The outage outlasts the handler's periodic rescan, so only the return itself can
+                # start discovery again.
+                back_at = self.desktop.bluez.last_call_time('StartDiscovery') + RESCAN_SECONDS + 2
+                outage = lambda: time.sleep(max(1.0, back_at - time.time()))  # pylint: disable=cell-var-from-loop
+                # A fresh model counts its calls from zero; the same one goes on counting.
+                starts = 0 if readd else self.desktop.adapter_calls('StartDiscovery')
+                ads.pause_while(lambda: disrupt(self.desktop, outage), readd)  # pylint: disable=cell-var-from-loop
+                self.wait_for_scanning(starts + 1, timeout=20)
+                # Advertisements heard after the return reach the menu: the two swap places.
+                stronger, weaker = (ROOM_A, ROOM_B) if menu.titles()[0] == 'Room B' else (ROOM_B, ROOM_A)
+                ads.set_rssi(stronger, -30)
+                ads.set_rssi(weaker, -80)
+                self.wait_for_titles(menu, [stronger[4], weaker[4]] + FIXED_TAIL, timeout=20)
+                self.assertIsNone(self.program.poll())
 
 class InstalledTrayTest(TrayCase):
     def test_installed_binary_finds_its_resources_and_shows_the_demo(self):

@@ -254,6 +254,19 @@ double QVLumerixItem::aveRssi() const { return aveRssi_.load(std::memory_order_a
     }
 // NOLINTEND(bugprone-macro-parentheses)
 
+// A connection detail: an actual change moves detailsRevision().
+#define LX_ITEM_DETAIL(getter, setter, member)                    \
+    std::optional<QString> QVLumerixItem::getter() const {        \
+        std::lock_guard lock(mutex_);                             \
+        return member;                                            \
+    }                                                             \
+    void QVLumerixItem::setter(std::optional<QString> v) {        \
+        std::lock_guard lock(mutex_);                             \
+        if (member == v) return;                                  \
+        member = std::move(v);                                    \
+        detailsRevision_.fetch_add(1, std::memory_order_release); \
+    }
+
 LX_ITEM_PROPERTY(double, rssiSum, setRssiSum, rssiSum_)
 LX_ITEM_PROPERTY(std::shared_ptr<QVQueue<double>>, rssiQueue, setRssiQueue, rssiQueue_)
 LX_ITEM_PROPERTY(uint64_t, rssiTotalCount, setRssiTotalCount, rssiTotalCount_)
@@ -269,12 +282,13 @@ LX_ITEM_PROPERTY(QByteArray, dataBuffer, setDataBuffer, dataBuffer_)
 LX_ITEM_PROPERTY(CharacteristicMap, characteristicInfo, setCharacteristicInfo, characteristicInfo_)
 LX_ITEM_PROPERTY(int8_t, hasAllCharacteristics, setHasAllCharacteristics, hasAllCharacteristics_)
 LX_ITEM_PROPERTY(bool, hasResolved, setHasResolved, hasResolved_)
-LX_ITEM_PROPERTY(std::optional<QString>, ipAddress, setIpAddress, ipAddress_)
-LX_ITEM_PROPERTY(std::optional<QString>, loginCode, setLoginCode, loginCode_)
+LX_ITEM_DETAIL(ipAddress, setIpAddress, ipAddress_)
+LX_ITEM_DETAIL(loginCode, setLoginCode, loginCode_)
 LX_ITEM_PROPERTY(std::optional<QString>, wifiSSID, setWifiSSID, wifiSSID_)
-LX_ITEM_PROPERTY(std::optional<QString>, receiverName, setReceiverName, receiverName_)
+LX_ITEM_DETAIL(receiverName, setReceiverName, receiverName_)
 
 #undef LX_ITEM_PROPERTY
+#undef LX_ITEM_DETAIL
 
 // The records are copied whole under the lock, so a reader never sees half of one.
 LumerixHeaderStruct QVLumerixItem::lumerixHeader() const {

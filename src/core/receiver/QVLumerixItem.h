@@ -128,6 +128,9 @@ public:
         std::optional<QString> receiverName;
     };
     ConnectionDetails connectionDetails() const;
+    // Moves whenever one of the three details changes value, so that a reader holding an earlier
+    // copy can tell without reading them again.
+    uint64_t detailsRevision() const { return detailsRevision_.load(std::memory_order_acquire); }
 
     const Clock& clock() const { return *clock_; }
 
@@ -162,6 +165,7 @@ private:
     std::optional<QString> loginCode_;
     std::optional<QString> wifiSSID_;
     std::optional<QString> receiverName_;
+    std::atomic<uint64_t> detailsRevision_{0};
 };
 using QVLumerixItemRef = std::shared_ptr<QVLumerixItem>;
 

@@ -35,6 +35,12 @@ bool sameText(const std::optional<QString>& a, const std::optional<QString>& b) 
     return *a == *b;
 }
 
+// Same object, told by its control block: a weak reference keeps that block, so no other item
+// can take its place at the same address.
+bool sameObject(const std::weak_ptr<QVLumerixItem>& seen, const QVLumerixItemRef& item) {
+    return !seen.owner_before(item) && !item.owner_before(seen);
+}
+
 }  // namespace
 
 AppDelegate::AppDelegate(ShellEnvironment env) : env_(std::move(env)) {
@@ -72,6 +78,10 @@ void AppDelegate::awakeFromNib() {
     m_pMenuList.clear();
     m_pDiscoveredDevice.clear();
     m_pDiscoveredDeviceAry.clear();
+    fixedItemsStale_ = true;
+    shownRows_.clear();
+    receiverTitles_.clear();
+    receiverItems_.clear();
 
     // Aging goes on whatever the user is doing, menu open or alert up.
     if (m_pCheckTimeoutTimer) m_pCheckTimeoutTimer->cancel();
@@ -126,6 +136,7 @@ void AppDelegate::applicationWillTerminate() {
     StopScanBeacon();
     m_pLumerix.reset();
     m_pReferenceTable.reset();
+    fixedItemsStale_ = true;
 }
 
 void AppDelegate::StartScanBeacon() {
@@ -136,11 +147,13 @@ void AppDelegate::StartScanBeacon() {
         env_.sleeper(QVLumerixHandler::kScanRetryPause);
         started = m_pLumerix->scanForLumerixService(true);
     }
+    scanning_ = started;
     m_pLumerix->setDelegate(this);
 }
 
 void AppDelegate::StopScanBeacon() {
     if (!m_pLumerix) return;
+    scanning_ = false;
     m_pLumerix->setDelegate(nullptr);
     m_pLumerix->scanForLumerixService(false);
 }
@@ -152,6 +165,26 @@ void AppDelegate::receiveSleepNote() {
 
 void AppDelegate::receiveWakeNote() {
     if (!m_pLumerix && env_.makeHandler) m_pLumerix = env_.makeHandler();
+    StartScanBeacon();
+}
+
+void AppDelegate::lumerixStateDidChange(int state) {
+    // The central's queue: the shell's state lives on the main queue.
+    env_.mainQueue->async([this, alive = std::weak_ptr<bool>(alive_), state] {
+        if (alive.lock()) centralStateChanged(state);
+    });
+}
+
+void AppDelegate::centralStateChanged(int state) {
+    // Discovery ends with the power, the adapter or bluetoothd, and so does the handler's rescan
+    // cycle: only a new start brings the receivers back.
+    if (state != BleStatePoweredOn) {
+        scanning_ = false;
+        return;
+    }
+    // Asleep (no handler), closing or already scanning: nothing to start.
+    if (scanning_ || !m_pLumerix || m_bAppIsClosing) return;
+    Log::write(QStringLiteral("Bluetooth is on again: scanning for receivers"));
     StartScanBeacon();
 }
 
@@ -207,6 +240,7 @@ bool AppDelegate::LoadReferenceTable() {
         m_pReferenceTable->append(*m_pDefaultReferenceTable);
     }
     m_pDefaultReferenceTable.reset();
+    fixedItemsStale_ = true;
     return true;
 }
 
@@ -266,71 +300,127 @@ void AppDelegate::InitStatusBar() {
     m_pStatusItem->setImage(m_pNormal_Disable_IconImage);
 }
 
-void AppDelegate::AddFixedMenuItems() {
-    if (!m_pStatusMenu) return;
+std::vector<MenuItemRef> AppDelegate::makeFixedMenuItems() const {
+    std::vector<MenuItemRef> items;
     if (m_pReferenceTable) {
+        items.reserve(static_cast<size_t>(m_pReferenceTable->size()) + 3);
         for (const QVariant& entry : *m_pReferenceTable) {
             const QVariant device = entry.toMap().value(kKeyDevice);
             std::optional<QString> title;
             if (device.isValid()) title = device.toString();
-            auto item = MenuItem::initWithTitle(std::move(title), MenuAction::DeviceConnect, QString());
-            m_pStatusMenu->addItem(item);
-            m_pMenuList.push_back(std::move(item));
+            items.push_back(MenuItem::initWithTitle(std::move(title), MenuAction::DeviceConnect, QString()));
         }
     }
-    m_pStatusMenu->addItem(MenuItem::separatorItem());
-    m_pStatusMenu->addItem(
-        MenuItem::initWithTitle(QStringLiteral("About"), MenuAction::ShowAbout, QString()));
-    m_pStatusMenu->addItem(MenuItem::initWithTitle(QStringLiteral("Exit"), MenuAction::QuitApp, QString()));
+    items.push_back(MenuItem::separatorItem());
+    items.push_back(MenuItem::initWithTitle(QStringLiteral("About"), MenuAction::ShowAbout, QString()));
+    items.push_back(MenuItem::initWithTitle(QStringLiteral("Exit"), MenuAction::QuitApp, QString()));
+    return items;
+}
+
+void AppDelegate::AddFixedMenuItems() {
+    if (!m_pStatusMenu) return;
+    fixedItems_ = makeFixedMenuItems();
+    fixedReferenceCount_ = fixedItems_.size() - 3;
+    fixedItemsStale_ = false;
+    for (size_t i = 0; i < fixedItems_.size(); ++i) {
+        m_pStatusMenu->addItem(fixedItems_[i]);
+        if (i < fixedReferenceCount_) m_pMenuList.push_back(fixedItems_[i]);
+    }
 }
 
 void AppDelegate::UpdateMenuOfStatusBar() {
-    // A dictionary depends on its item's four values only, so one whose values are unchanged is
-    // shared from the last refresh instead of being built again.
-    if (dictionaryCache_.size() > 2 * m_pDiscoveredDeviceAry.size() + 16) dictionaryCache_.clear();
-    m_pDiscoveredDevice.clear();
-    m_pDiscoveredDevice.reserve(static_cast<qsizetype>(m_pDiscoveredDeviceAry.size()));
-    for (const QVLumerixItemRef& item : m_pDiscoveredDeviceAry) {
-        QVLumerixItem::ConnectionDetails details = item->connectionDetails();
-        CachedDictionary fresh{item->shortenedUUID(),
-                               std::move(details.ipAddress),
-                               std::move(details.loginCode),
-                               std::move(details.receiverName),
-                               {}};
+    // A dictionary depends on its item's four values only: a row showing the same item at the same
+    // details revision as last time is left as it is, and an item that moved rows shares the
+    // dictionary built for it before.
+    const size_t n = m_pDiscoveredDeviceAry.size();
+    if (dictionaryCache_.size() > 2 * n + 16) dictionaryCache_.clear();
+    m_pDiscoveredDevice.resize(static_cast<qsizetype>(n));
+    receiverTitles_.resize(n);
+    shownRows_.resize(n);
+    for (size_t i = 0; i < n; ++i) {
+        const QVLumerixItemRef& item = m_pDiscoveredDeviceAry[i];
+        const uint64_t revision = item->detailsRevision();
+        ShownRow& row = shownRows_[i];
+        if (sameObject(row.item, item) && row.revision == revision) continue;
+
         CachedDictionary& cached = dictionaryCache_[item.get()];
-        if (cached.dict.isEmpty() || !sameText(cached.uuid, fresh.uuid) || !sameText(cached.ip, fresh.ip) ||
-            !sameText(cached.loginCode, fresh.loginCode) || !sameText(cached.name, fresh.name)) {
-            ReceiverDictionary& dict = fresh.dict;
-            if (fresh.uuid) dict.insert(kKeyUUID, *fresh.uuid);
-            if (fresh.ip) dict.insert(kKeyIP, *fresh.ip);
-            if (fresh.loginCode) dict.insert(kKeyLoginCode, *fresh.loginCode);
-            if (fresh.name) dict.insert(kKeyDevice, *fresh.name);
-            cached = std::move(fresh);
+        if (!sameObject(cached.item, item) || cached.revision != revision) {
+            QVLumerixItem::ConnectionDetails details = item->connectionDetails();
+            const std::optional<QString> uuid = item->shortenedUUID();
+            ReceiverDictionary dict;
+            if (uuid) dict.insert(kKeyUUID, *uuid);
+            if (details.ipAddress) dict.insert(kKeyIP, *details.ipAddress);
+            if (details.loginCode) dict.insert(kKeyLoginCode, *details.loginCode);
+            if (details.receiverName) dict.insert(kKeyDevice, *details.receiverName);
+            cached = {item, revision, std::move(details.receiverName), std::move(dict)};
         }
-        m_pDiscoveredDevice.append(cached.dict);
+        m_pDiscoveredDevice[static_cast<qsizetype>(i)] = cached.dict;
+        // The "Device" value of the dictionary, without looking it up again.
+        receiverTitles_[i] = cached.name;
+        row = {item, revision};
     }
     UpdateMenu();
 }
 
 void AppDelegate::UpdateMenu() {
-    m_pMenuList.clear();
-    if (m_pStatusMenu) m_pStatusMenu->removeAllItems();
-    AddFixedMenuItems();
-
-    const qsizetype n = m_pDiscoveredDevice.size();
-    if (n == 0) {
-        if (m_pStatusItem) m_pStatusItem->setImage(m_pNormal_Disable_IconImage);
-    } else {
-        if (m_pStatusItem) m_pStatusItem->setImage(m_pNormal_IconImage);
-        for (qsizetype i = 0; i < n; ++i) {
-            const auto device = m_pDiscoveredDevice[i].constFind(kKeyDevice);
-            if (device == m_pDiscoveredDevice[i].constEnd()) continue;  // no entry, and no closing up
-            auto item = MenuItem::initWithTitle(*device, MenuAction::DeviceConnect, QString());
-            if (m_pStatusMenu) m_pStatusMenu->insertItem(item, static_cast<int>(i));
-            m_pMenuList.push_back(std::move(item));
+    // The menu shows the receivers that have a name at the rows of their list positions, the fixed
+    // entries filling the rows between them in order, and receivers past the fixed entries last:
+    // the same rows as inserting each named receiver at its list position into the fixed menu.
+    const size_t n = static_cast<size_t>(m_pDiscoveredDevice.size());
+    receiverTitles_.resize(n);
+    bool changed = fixedItemsStale_ || receiverItems_.size() != n;
+    if (fixedItemsStale_ && m_pStatusMenu) {
+        fixedItems_ = makeFixedMenuItems();
+        fixedReferenceCount_ = fixedItems_.size() - 3;
+        fixedItemsStale_ = false;
+    }
+    receiverItems_.resize(n);
+    for (size_t i = 0; i < n; ++i) {
+        const std::optional<QString>& title = receiverTitles_[i];
+        MenuItemRef& entry = receiverItems_[i];
+        if (!title) {
+            changed = changed || entry != nullptr;
+            entry.reset();
+        } else if (!entry || !sameText(entry->title(), title)) {
+            entry = MenuItem::initWithTitle(*title, MenuAction::DeviceConnect, QString());
+            changed = true;
         }
     }
-    if (m_pStatusItem) m_pStatusItem->setMenu(m_pStatusMenu);
+
+    if (changed) {
+        // Reference entries first, then the named receivers in list order: DeviceConnectAction
+        // indexes the receivers with positions in this list.
+        m_pMenuList.clear();
+        const size_t references = m_pStatusMenu ? fixedReferenceCount_ : 0;
+        m_pMenuList.insert(m_pMenuList.end(), fixedItems_.begin(),
+                           fixedItems_.begin() + static_cast<std::ptrdiff_t>(references));
+        for (const MenuItemRef& entry : receiverItems_) {
+            if (entry) m_pMenuList.push_back(entry);
+        }
+        if (m_pStatusMenu) {
+            rows_.clear();
+            size_t fixed = 0;
+            size_t next = 0;
+            for (;;) {
+                while (next < n && !receiverItems_[next]) ++next;
+                if (next < n && next == rows_.size()) {
+                    rows_.push_back(receiverItems_[next++]);
+                } else if (fixed < fixedItems_.size()) {
+                    rows_.push_back(fixedItems_[fixed++]);
+                } else if (next < n) {
+                    rows_.push_back(receiverItems_[next++]);
+                } else {
+                    break;
+                }
+            }
+            m_pStatusMenu->setItems(rows_);
+        }
+    }
+
+    if (m_pStatusItem) {
+        m_pStatusItem->setImage(n == 0 ? m_pNormal_Disable_IconImage : m_pNormal_IconImage);
+        m_pStatusItem->setMenu(m_pStatusMenu);
+    }
 }
 
 void AppDelegate::OnTimer(const DispatchTimerRef& timer) {

@@ -3,6 +3,10 @@
 // sleep and wake, the receiver list and the status menu built from it, the reference table, the
 // connect action and the sender command listener. Everything except the listener thread runs on
 // the main queue; the desktop is reached only through ShellPorts.
+//
+// When the central's state returns to powered on while the shell is awake and not scanning (power
+// switched back on, the adapter plugged back, bluetoothd restarted), scanning starts again as at
+// launch.
 #include <QByteArray>
 #include <QVariantList>
 #include <atomic>
@@ -64,7 +68,8 @@ public:
     void OnTimer(const DispatchTimerRef& timer);
 
     // LumerixHandler_Delegate.
-    void lumerixStateDidChange(int state) override {}
+    // Called on the handler's scan queue; handled on the main queue.
+    void lumerixStateDidChange(int state) override;
     void lumerixDidDiscoverItem(const QVLumerixItemRef& item) override;
     void lumerixClosestItemDidChange(const QVLumerixItemRef& item) override {}
     void lumerixItem(const QVLumerixItemRef& item, int status) override {}
@@ -81,6 +86,8 @@ public:
 
     // State, for the desktop adapter and tests.
     bool connectFlag() const { return m_bConnect; }
+    // True once StartScanBeacon got scanning going, until sleep, a stop or a state other than on.
+    bool isScanning() const { return scanning_; }
     LumerixScanning* lumerix() const { return m_pLumerix.get(); }
     bool appIsClosing() const { return m_bAppIsClosing.load(); }
     PendingConnectionSlot& dictTargetDevice() { return m_pDictTargetDevice; }
@@ -96,10 +103,15 @@ public:
     CommandListener* commandListener() const { return m_listener.get(); }
 
 private:
+    void centralStateChanged(int state);
+    std::vector<MenuItemRef> makeFixedMenuItems() const;
     void deliverFrame(const ConnectionInfo& info);
     void keepUnreadableReferenceTable(const QString& path);
 
     ShellEnvironment env_;
+    // Tasks posted to the main queue from other threads hold it weakly. Declared before the
+    // handler so that it outlives the handler's threads.
+    std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
 
     bool m_bConnect = false;
     std::unique_ptr<LumerixScanning> m_pLumerix;
@@ -116,13 +128,30 @@ private:
     MenuRef m_pStatusMenu;
     StatusItemRef m_pStatusItem;
 
+    // Weak references tell an item from a later one at the same address.
     struct CachedDictionary {
-        std::optional<QString> uuid, ip, loginCode, name;
+        std::weak_ptr<QVLumerixItem> item;
+        uint64_t revision = 0;  // the item's detailsRevision() the dictionary was built at
+        std::optional<QString> name;
         ReceiverDictionary dict;
     };
-    // Keyed by item address; entries are only reused when all four values match.
+    struct ShownRow {
+        std::weak_ptr<QVLumerixItem> item;
+        uint64_t revision = 0;
+    };
+    // Keyed by item address.
     std::unordered_map<const QVLumerixItem*, CachedDictionary> dictionaryCache_;
+    // The menu is patched, not rebuilt: the fixed entries (references, separator, About, Exit) and
+    // each receiver's entry keep their objects while their titles stay the same.
+    std::vector<MenuItemRef> fixedItems_;
+    size_t fixedReferenceCount_ = 0;
+    bool fixedItemsStale_ = true;      // the reference table changed since fixedItems_ was made
+    std::vector<ShownRow> shownRows_;  // what each m_pDiscoveredDevice entry was built from
+    std::vector<std::optional<QString>> receiverTitles_;  // per m_pDiscoveredDevice entry
+    std::vector<MenuItemRef> receiverItems_;              // per entry; null for an unnamed one
+    std::vector<MenuItemRef> rows_;                       // scratch for the menu's new rows
     DispatchTimerRef menuRebuildTimer_;
+    bool scanning_ = false;
     bool observingWorkspace_ = false;
     bool listenerStarted_ = false;
     // The saved table could not be read at launch; it is kept aside before being overwritten.

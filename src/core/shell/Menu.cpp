@@ -45,4 +45,10 @@ void Menu::removeAllItems() {
     items_.clear();
 }
 
+void Menu::setItems(const std::vector<MenuItemRef>& items) {
+    if (items == items_) return;
+    items_ = items;
+    ++revision_;
+}
+
 }  // namespace lumerix

@@ -1,6 +1,7 @@
 #pragma once
-// The status menu as plain data: the shell rebuilds it from scratch on every refresh and the
-// desktop adapter shows it. Items are shared objects so a chosen item can be found by identity.
+// The status menu as plain data: the shell keeps one and patches it on every refresh, and the
+// desktop adapter shows it. Items are shared objects so a chosen item can be found by identity;
+// an entry whose title stays the same keeps its object.
 #include <QString>
 #include <memory>
 #include <optional>
@@ -53,6 +54,11 @@ public:
     // and that happens on every refresh, so it is not logged.
     void insertItem(MenuItemRef item, int index);
     void removeAllItems();
+    // Replaces every item; leaves the menu and its revision alone when the items are the same objects.
+    void setItems(const std::vector<MenuItemRef>& items);
+
+    // Bumped on every change, so a viewer can tell an unchanged menu from an edited one at once.
+    uint64_t revision() const { return revision_; }
 
 private:
     QString title_;

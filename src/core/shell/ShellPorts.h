@@ -7,9 +7,10 @@
 // Notes for implementers:
 // - Every call from the shell happens on the main queue, and every call into the shell (menu
 //   actions, sleep/wake notices) must be made on the main queue too.
-// - The shell rebuilds its Menu from new MenuItem objects on every refresh and attaches it again
-//   with setMenu(); show only what changed. A chosen entry is reported back with the very
-//   MenuItemRef object of the menu currently attached.
+// - The shell keeps one Menu, patches it on every refresh (an entry whose title is unchanged keeps
+//   its MenuItem object; Menu::revision() moves with every edit) and attaches it again with
+//   setMenu(); show only what changed, and an unchanged revision means nothing did. A chosen entry
+//   is reported back with the very MenuItemRef object of the menu currently attached.
 #include <QByteArray>
 #include <QString>
 #include <QStringList>

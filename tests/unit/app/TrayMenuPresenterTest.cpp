@@ -121,6 +121,22 @@ TEST(TrayMenuPresenter, ClicksResolveToTheItemsOfTheLatestMenu) {
     EXPECT_EQ(presenter.itemAt(second->numberOfItems()), nullptr);
 }
 
+TEST(TrayMenuPresenter, TheSameMenuPatchedInPlaceIsShownAgain) {
+    // The shell keeps one Menu: an unchanged revision costs nothing, a new one is compared.
+    RecordingView view;
+    TrayMenuPresenter presenter(view);
+    const MenuRef menu = menuOf(fixed({QStringLiteral("Room A")}));
+    presenter.apply(menu);
+    view.edits.clear();
+    EXPECT_FALSE(presenter.apply(menu));
+    std::vector<MenuItemRef> items = menu->items();
+    items[0] = MenuItem::initWithTitle(QStringLiteral("Room B"), MenuAction::DeviceConnect);
+    menu->setItems(items);
+    EXPECT_TRUE(presenter.apply(menu));
+    EXPECT_EQ(view.edits.join(QStringLiteral(", ")), QStringLiteral("update 0"));
+    EXPECT_EQ(presenter.itemAt(0), items[0]);
+}
+
 TEST(TrayMenuPresenter, TitleLessEntriesAndNullMenu) {
     RecordingView view;
     TrayMenuPresenter presenter(view);

@@ -2,6 +2,8 @@
 
 #include <QFile>
 #include <QFileInfo>
+#include <algorithm>
+#include <string>
 
 #include "ShellFakes.h"
 #include "log/Log.h"
@@ -118,6 +120,61 @@ TEST(AppDelegateLifecycle, SleepDropsTheHandlerAndWakeMakesAFreshOne) {
     EXPECT_EQ(rig.handlers[1]->calls, (std::vector<bool>{true, true}));
 }
 
+// The central's state arrives on the scan queue; the shell acts on the main queue. Power back on
+// while awake and not scanning starts scanning again, with the launch's retries.
+TEST(AppDelegateLifecycle, ScanningStartsAgainWhenBluetoothIsBackOn) {
+    struct Case {
+        const char* name;
+        int scanFailures;  // of the fake handler, counted from launch
+        std::vector<const char*> events;
+        size_t handlers;
+        size_t starts;  // scanForLumerixService(true) calls on the last handler
+        int pauses;
+    };
+    const Case cases[] = {
+        {"off and on again", 0, {"4", "5"}, 1, 2, 0},
+        {"adapter gone, bluetoothd gone, back", 0, {"2", "0", "5"}, 1, 2, 0},
+        {"on while scanning: nothing", 0, {"5"}, 1, 1, 0},
+        {"two reports of on after one off: one start", 0, {"4", "5", "5"}, 1, 2, 0},
+        {"each off-on pair restarts", 0, {"4", "5", "4", "5"}, 1, 3, 0},
+        {"off at launch, then on", 51, {"5"}, 1, 52, 50},
+        {"the restart retries as the launch does", 53, {"4", "5"}, 1, 54, 52},
+        {"asleep: nothing until wake", 0, {"sleep", "4", "5"}, 1, 1, 0},
+        {"after wake, a power cycle restarts the new handler", 0, {"sleep", "wake", "4", "5"}, 2, 2, 0},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        ShellRig rig;
+        rig.scanFailures = c.scanFailures;
+        AppDelegate& shell = rig.launch();
+        for (const std::string event : c.events) {
+            if (event == "sleep") {
+                shell.receiveSleepNote();
+            } else if (event == "wake") {
+                shell.receiveWakeNote();
+            } else {
+                const size_t before = rig.handlers.back()->calls.size();
+                shell.lumerixStateDidChange(std::stoi(event));
+                EXPECT_EQ(rig.handlers.back()->calls.size(), before) << "acted on the caller's thread";
+                rig.time->runUntilIdle();
+            }
+        }
+        ASSERT_EQ(rig.handlers.size(), c.handlers);
+        const auto& calls = rig.handlers.back()->calls;
+        EXPECT_EQ(static_cast<size_t>(std::count(calls.begin(), calls.end(), true)), c.starts);
+        EXPECT_EQ(rig.pauses, c.pauses);
+    }
+}
+
+TEST(AppDelegateLifecycle, StateReportLeftOnTheMainQueueOutlivesTheShell) {
+    ShellRig rig;
+    rig.launch().lumerixStateDidChange(4);
+    rig.shell->lumerixStateDidChange(5);
+    rig.shell.reset();
+    rig.time->runUntilIdle();  // the sanitizer builds catch a use after free here
+    EXPECT_EQ(rig.handlers[0]->calls, std::vector<bool>{true});
+}
+
 TEST(AppDelegateMenu, LayoutAndIcon) {
     const std::optional<QString> none;
     struct Case {
@@ -216,6 +273,86 @@ TEST(AppDelegateMenu, RebuildTickSkippedWhileMenuOpenButAgingGoesOn) {
     EXPECT_EQ(item.menuAttachCount, attached + 1);
     EXPECT_EQ(rig.menuRows().first(), QStringLiteral("---"));
     EXPECT_EQ(item.image->name(), QStringLiteral("Normal_Disable_Icon"));
+}
+
+// Inserting each named receiver at its list position into the fixed entries, the way the menu
+// has always been laid out; the shell patches its menu instead and must end up the same.
+QStringList insertedLayout(QStringList fixed, const std::vector<std::optional<QString>>& names) {
+    for (size_t i = 0; i < names.size(); ++i) {
+        if (names[i]) fixed.insert(std::min(static_cast<qsizetype>(i), fixed.size()), *names[i]);
+    }
+    return fixed;
+}
+
+TEST(AppDelegateMenu, PatchedMenuMatchesTheInsertedLayoutAfterAnyChange) {
+    uint32_t seed = 2024;
+    auto next = [&seed](uint32_t n) { return (seed = seed * 1103515245u + 12345u) / 65536u % n; };
+    for (int references : {0, 2, 5}) {
+        ShellRig rig;
+        QVariantList table;
+        QStringList fixed;
+        for (int r = 0; r < references; ++r) {
+            table << QVariantMap{{QStringLiteral("Device"), QStringLiteral("Ref %1").arg(r)}};
+            fixed << QStringLiteral("Ref %1").arg(r);
+        }
+        fixed << QStringLiteral("---") << QStringLiteral("About") << QStringLiteral("Exit");
+        writeDefaultTable(rig, table);
+        AppDelegate& shell = rig.launch();
+        std::vector<QVLumerixItemRef> items;
+        for (int round = 0; round < 200; ++round) {
+            // Receivers come, change name or lose it, move, or age out.
+            const uint32_t id = next(12);
+            const uint32_t pick = next(4);
+            const std::optional<QString> name =
+                pick == 0 ? std::nullopt : std::optional<QString>(QStringLiteral("R%1").arg(next(6)));
+            if (next(5) == 0) {
+                rig.time->advance(25000.0);
+            } else {
+                rig.discover({uuidFor(static_cast<int>(id)), -40.0 - next(40), name});
+            }
+            std::vector<std::optional<QString>> names;
+            for (const ReceiverDictionary& d : shell.discoveredDevice()) {
+                const auto it = d.constFind(QStringLiteral("Device"));
+                names.push_back(it == d.constEnd() ? std::nullopt : std::optional<QString>(*it));
+            }
+            ASSERT_EQ(rig.menuRows(), insertedLayout(fixed, names))
+                << "references " << references << " round " << round;
+            // The connect list: the reference entries, then the named receivers in list order.
+            const auto named =
+                std::count_if(names.begin(), names.end(), [](const auto& n) { return n.has_value(); });
+            ASSERT_EQ(shell.menuList().size(), static_cast<size_t>(references + named));
+        }
+    }
+}
+
+TEST(AppDelegateMenu, UnchangedEntriesKeepTheirObjectsAndTheMenuItsRevision) {
+    ShellRig rig;
+    writeDefaultTable(rig, twoReferenceEntries());
+    AppDelegate& shell = rig.launch();
+    const QVLumerixItemRef a = rig.discover({uuidFor(1), -40, QStringLiteral("A")});
+    rig.discover({uuidFor(2), -50, QStringLiteral("B")});
+    const std::vector<MenuItemRef> before = shell.statusMenu()->items();
+    const uint64_t revision = shell.statusMenu()->revision();
+
+    // Heard again with the same details: nothing in the menu moves.
+    a->addNewRssi(-42);
+    shell.lumerixDidDiscoverItem(a);
+    a->setReceiverName(QStringLiteral("A"));  // the same name decoded again
+    shell.UpdateMenuOfStatusBar();
+    EXPECT_EQ(shell.statusMenu()->revision(), revision);
+    EXPECT_EQ(shell.statusMenu()->items(), before);
+
+    // Renamed in place: only its row gets a new object, and the dictionary follows.
+    a->setReceiverName(QStringLiteral("A2"));
+    shell.UpdateMenuOfStatusBar();
+    EXPECT_NE(shell.statusMenu()->revision(), revision);
+    const std::vector<MenuItemRef>& after = shell.statusMenu()->items();
+    ASSERT_EQ(after.size(), before.size());
+    EXPECT_EQ(after[0]->title(), QStringLiteral("A2"));
+    EXPECT_NE(after[0], before[0]);
+    for (size_t i = 1; i < after.size(); ++i) EXPECT_EQ(after[i], before[i]) << i;
+    EXPECT_EQ(shell.discoveredDevice()[0].value(QStringLiteral("Device")), QStringLiteral("A2"));
+    EXPECT_EQ(shell.menuList()[2], after[0]) << "the connect list holds the new object";
 }
 
 TEST(AppDelegateConnect, LaunchOrSendWithTheReferenceIndexQuirk) {
