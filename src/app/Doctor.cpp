@@ -456,7 +456,12 @@ int runDoctorMode(int argc, char** argv, bool json) {
                               : qEnvironmentVariable("LUMERIX_SYSFS");
     checks.insert(checks.size() - 1, Doctor::rfkillCheck(sysfs));
 
-    QDBusConnection session = QDBusConnection::sessionBus();
+    // No session bus is started for the occasion (libdbus would launch one for a display).
+    const bool sessionConfigured =
+        !qEnvironmentVariableIsEmpty("DBUS_SESSION_BUS_ADDRESS") ||
+        QFileInfo::exists(qEnvironmentVariable("XDG_RUNTIME_DIR") + QLatin1String("/bus"));
+    QDBusConnection session =
+        sessionConfigured ? QDBusConnection::sessionBus() : QDBusConnection(QStringLiteral("no session bus"));
     const bool sni = nameOwned(session, QStringLiteral("org.kde.StatusNotifierWatcher"), false);
     checks << Doctor::trayHostCheck(sni, sni ? std::nullopt : probeXEmbedTray());
     checks << Doctor::notificationCheck(

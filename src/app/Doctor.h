@@ -8,6 +8,7 @@
 // Essential (the tray cannot work without them, exit 1): the system bus, bluetoothd, an adapter,
 // its power, no rfkill block, the discovery filter, the sender port. Advisory: a tray host (Lumerix
 // keeps running without one), a notification server, the sender application, the saved receivers.
+// LUMERIX_SYSFS, when set, stands for /sys (tests give their own rfkill switches).
 #include <QList>
 #include <QMap>
 #include <QString>

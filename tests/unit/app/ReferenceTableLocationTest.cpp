@@ -67,11 +67,5 @@ TEST(ReferenceTableLocationTest, DefaultListComesFromDemoSiteOrShippedFolder) {
     }
 }
 
-TEST(ReferenceTableLocationTest, DemoTableStaysApartFromTheUsersTable) {
-    const QString demo = ReferenceTableLocation::savedTable(ReferenceTableLocation::demoSupportFolder());
-    EXPECT_NE(demo, ReferenceTableLocation::savedTable(QDir::homePath() + QLatin1String("/.local/share")));
-    EXPECT_TRUE(demo.endsWith(QLatin1String("/Tavik/Lumerix/ReferenceTable.plist")));
-}
-
 }  // namespace
 }  // namespace lumerix
