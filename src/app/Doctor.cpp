@@ -114,8 +114,9 @@ BluetoothFindings probeBluetooth() {
     found.adapters = adaptersOf(reply.arguments().constFirst().value<QDBusArgument>());
 
     // The filter the scan sets, tried and then cleared with an empty one; nothing else is called.
+    // bluetoothd refuses filters while the adapter is off, so an adapter that is off is left alone.
     const QString adapter = Doctor::defaultAdapterPath(found.adapters.keys());
-    if (adapter.isEmpty()) return found;
+    if (adapter.isEmpty() || !found.adapters.value(adapter).value_or(false)) return found;
     const QDBusMessage set = callAdapter(
         bus, adapter,
         {{QStringLiteral("Transport"), QStringLiteral("le")}, {QStringLiteral("DuplicateData"), true}});
@@ -284,7 +285,7 @@ QList<DoctorCheck> Doctor::bluetoothChecks(const BluetoothFindings& found) {
                          QStringLiteral("turn Bluetooth on: bluetoothctl power on"));
     }
     if (!found.filterError) {
-        checks << failed(filter, true, unchecked, QStringLiteral("needs an adapter"));
+        checks << failed(filter, true, unchecked, QStringLiteral("needs the adapter on"));
     } else if (found.filterError->isEmpty()) {
         checks << passed(filter, true, QStringLiteral("Transport le with DuplicateData accepted"));
     } else {
