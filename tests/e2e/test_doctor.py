@@ -2,6 +2,7 @@
 import json
 import os
 import shutil
+import subprocess
 import tempfile
 import unittest
 
@@ -24,8 +25,22 @@ class DoctorTest(lxharness.LumerixTestCase):
             with open(os.path.join(entry, file), 'w', encoding='utf-8') as f:
                 f.write(value + '\n')
 
-    def doctor(self, *args):
+    def session_with(self, *mocks):
+        """A session bus with dbusmock servers: each a list of dbusmock arguments."""
+        session = lxharness.PrivateBus(kind='session')
+        self.addCleanup(session.stop)
+        env = dict(os.environ, DBUS_SESSION_BUS_ADDRESS=session.address)
+        for args in mocks:
+            # pylint: disable=consider-using-with
+            proc = subprocess.Popen([lxharness.PYTHON, '-m', 'dbusmock', '--session', *args], env=env,
+                                    stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+            self.addCleanup(lxharness.stop_process, proc)
+        return session
+
+    def doctor(self, *args, session=None):
         env = {k: v for k, v in os.environ.items() if k not in ('DISPLAY', 'WAYLAND_DISPLAY', 'DBUS_SESSION_BUS_ADDRESS')}
+        if session:
+            env['DBUS_SESSION_BUS_ADDRESS'] = session.address
         env.update(DBUS_SYSTEM_BUS_ADDRESS=self.bus.address, LUMERIX_SYSFS=self.sysfs, LUMERIX_LOG='stderr',
                    XDG_DATA_HOME=os.path.join(self.sysfs, 'data'), XDG_CONFIG_HOME=os.path.join(self.sysfs, 'config'))
         run = lxharness.Run(['--doctor', *args], env)
@@ -63,20 +78,30 @@ class DoctorTest(lxharness.LumerixTestCase):
                     self.assertEqual(bool(props['Powered']), powered)
                     self.assertEqual(dict(props.get('DiscoveryFilter', {})), {})
 
-    def test_json_lists_every_check(self):
+    def test_desktop_checks_read_the_session_bus(self):
         self.use_bus('', True)
         self.bluez.add_adapter()
-        rc, out, _ = self.doctor('--json')
-        report = json.loads(out)
-        self.assertEqual(rc, 0)
-        self.assertTrue(report['ok'])
-        names = [c['check'] for c in report['checks']]
-        self.assertEqual(names[:6], ['System bus', 'bluetoothd', 'Bluetooth adapter', 'Adapter powered', 'rfkill',
-                                     'Discovery filter'])
-        # No session bus here: the advisory checks fail without failing the run.
-        tray = next(c for c in report['checks'] if c['check'] == 'Tray host')
-        self.assertEqual((tray['ok'], tray['essential']), (False, False))
-        self.assertIn('remedy', tray)
+        watcher = 'org.kde.StatusNotifierWatcher'
+        # (session services, tray host and notification server found)
+        cases = [
+            ([], False),
+            ([['-t', 'notification_daemon'], [watcher, '/StatusNotifierWatcher', watcher]], True),
+        ]
+        for mocks, found in cases:
+            with self.subTest(found=found):
+                session = self.session_with(*mocks)
+                for args in mocks:
+                    lxharness.wait_for(lambda a=args: session.connection.name_has_owner(
+                        watcher if a[0] == watcher else 'org.freedesktop.Notifications'), 15, 'a session service')
+                rc, out, _ = self.doctor('--json', session=session)
+                report = json.loads(out)
+                # The desktop checks are advice: they never fail the run.
+                self.assertEqual(rc, 0)
+                self.assertTrue(report['ok'])
+                checks = {c['check']: c for c in report['checks']}
+                for name in ('Tray host', 'Notification server'):
+                    self.assertEqual((checks[name]['ok'], checks[name]['essential']), (found, False), out)
+                    self.assertEqual('remedy' in checks[name], not found)
 
 
 if __name__ == '__main__':
