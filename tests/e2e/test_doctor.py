@@ -38,7 +38,8 @@ class DoctorTest(lxharness.LumerixTestCase):
         return session
 
     def doctor(self, *args, session=None):
-        env = {k: v for k, v in os.environ.items() if k not in ('DISPLAY', 'WAYLAND_DISPLAY', 'DBUS_SESSION_BUS_ADDRESS')}
+        env = {k: v for k, v in os.environ.items()
+               if k not in ('DISPLAY', 'WAYLAND_DISPLAY', 'DBUS_SESSION_BUS_ADDRESS')}
         if session:
             env['DBUS_SESSION_BUS_ADDRESS'] = session.address
         env.update(DBUS_SYSTEM_BUS_ADDRESS=self.bus.address, LUMERIX_SYSFS=self.sysfs, LUMERIX_LOG='stderr',
