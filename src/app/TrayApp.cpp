@@ -12,6 +12,7 @@
 #include "app/ProductionEnvironment.h"
 #include "app/QtShellApplication.h"
 #include "app/QtStatusItem.h"
+#include "app/ReferenceTableLocation.h"
 #include "app/UnixSignalWatcher.h"
 #include "dispatch/QtQueues.h"
 #include "log/Log.h"
@@ -78,6 +79,8 @@ int runTrayApp(int argc, char** argv, const CommandLine& options) {
     env.makeHandler = makeHandlerFactory(handlerEnv);
     env.statusBar = QtStatusBar::makeStatusBar(PathManager::GetResourcePath());
     env.application = application;
+    env.resourcePath = ReferenceTableLocation::defaultFolder(demo, PathManager::GetResourcePath());
+    if (demo) env.applicationSupportPath = ReferenceTableLocation::demoSupportFolder();
     env.workspace = std::make_shared<LogindWorkspace>(QDBusConnection::systemBus());
     env.launcher = &SenderLauncher::launchApplication;
     env.processLookup = &GetAllPIDsForProcessName;

@@ -3,6 +3,7 @@
 #include <cstdio>
 
 #include "app/CommandLine.h"
+#include "app/Doctor.h"
 #include "app/GattReadMode.h"
 #include "app/ScanMode.h"
 #include "app/TrayApp.h"
@@ -41,8 +42,7 @@ int main(int argc, char** argv) {
         case Mode::GattRead:
             return lumerix::runGattReadMode(argc, argv, options);
         case Mode::Doctor:
-            print(stderr, QStringLiteral("lumerix: --doctor is not available in this build\n"));
-            return 1;
+            return lumerix::runDoctorMode(argc, argv, options.json);
         case Mode::Tray:
             break;
     }

@@ -17,7 +17,9 @@ import trayharness
 from lxharness import stop_process, wait_for
 
 FAKE_SENDER = os.path.join(os.path.dirname(os.path.abspath(__file__)), 'fake_sender.py')
+# The site-wide default list, and the demo's example rooms: the same two names.
 DEFAULT_REFERENCES = ['Boardroom', 'Training Room']
+SITE_DEFAULT = [{'Device': 'Boardroom', 'IP': '192.168.10.20'}, {'Device': 'Training Room', 'IP': '192.168.10.21'}]
 FIXED_TAIL = ['---', 'About', 'Exit']
 ROOM_A = ('AA:BB:CC:DD:EE:01', '10.0.0.5', 12, 34, 'Room A')
 ROOM_B = ('AA:BB:CC:DD:EE:02', '10.0.0.6', 56, 7, 'Room B')
@@ -132,6 +134,13 @@ class TrayCase(unittest.TestCase):
         self.addCleanup(advertiser.stop)
         return advertiser
 
+    def seed_site_default(self, entries):
+        """An administrator's DefaultReferenceTable.plist in the XDG config directories."""
+        path = os.path.join(self.desktop.env['XDG_CONFIG_DIRS'], 'lumerix', 'DefaultReferenceTable.plist')
+        os.makedirs(os.path.dirname(path), exist_ok=True)
+        with open(path, 'wb') as f:
+            plistlib.dump(entries, f)
+
     def seed_reference_table(self, entries):
         path = self.desktop.reference_table_path()
         os.makedirs(os.path.dirname(path), exist_ok=True)
@@ -186,6 +195,7 @@ class TrayCase(unittest.TestCase):
 
 class TrayTest(TrayCase):
     def test_menu_orders_receivers_and_exit_saves_the_reference_table(self):
+        self.seed_site_default(SITE_DEFAULT)
         self.start_tray()
         menu = self.desktop.tray_menu()
         self.wait_for_titles(menu, DEFAULT_REFERENCES + FIXED_TAIL)
@@ -207,7 +217,7 @@ class TrayTest(TrayCase):
         self.assertIsNone(self.program.poll())
         menu.click('Exit')
         self.assertEqual(self.exit_status(), 0)
-        # The first run copies the default list into the saved table.
+        # The first run copies the site-wide default list into the saved table.
         saved = self.saved_references()
         self.assertEqual([entry['Device'] for entry in saved], DEFAULT_REFERENCES)
         self.assertEqual(saved[0]['IP'], '192.168.10.20')
@@ -315,9 +325,15 @@ class InstalledTrayTest(TrayCase):
         prefix = os.path.join(self.desktop.root, 'prefix')
         subprocess.run(['cmake', '--install', os.environ['LUMERIX_BUILD_DIR'], '--prefix', prefix],
                        check=True, stdout=subprocess.DEVNULL, timeout=60)
-        for installed in ('share/lumerix/DefaultReferenceTable.plist', 'share/lumerix/Normal_Icon.svg',
-                          'share/lumerix/Normal_Disable_Icon.svg', 'share/applications/lumerix.desktop'):
+        for installed in ('share/lumerix/DefaultReferenceTable.plist',
+                          'share/lumerix/demo/DefaultReferenceTable.plist', 'share/lumerix/Normal_Icon.svg',
+                          'share/lumerix/Normal_Disable_Icon.svg', 'share/applications/lumerix.desktop',
+                          'share/man/man1/lumerix.1.gz'):
             self.assertTrue(os.path.exists(os.path.join(prefix, installed)), installed)
+        # No made-up rooms for real users; the autostart entry is the package's alone.
+        with open(os.path.join(prefix, 'share/lumerix/DefaultReferenceTable.plist'), 'rb') as f:
+            self.assertEqual(plistlib.load(f), [])
+        self.assertFalse(os.path.exists(os.path.join(prefix, 'etc')))
         self.start_tray('--demo', binary=os.path.join(prefix, 'bin', 'lumerix'))
         menu = self.desktop.tray_menu()
         # Simulated receivers above the default references read from <prefix>/share/lumerix.
@@ -326,6 +342,8 @@ class InstalledTrayTest(TrayCase):
         self.assertNotIn('could not be loaded', self.desktop.program_log())
         menu.click('Exit')
         self.assertEqual(self.exit_status(), 0)
+        # The demo's rooms stay out of the user's own table.
+        self.assertFalse(os.path.exists(self.desktop.reference_table_path()))
 
 
 class DegradedDesktopTest(TrayCase):
@@ -337,6 +355,7 @@ class DegradedDesktopTest(TrayCase):
         for powered, tray, line in cases:
             with self.subTest(line):
                 self.start_desktop(powered, tray)
+                self.seed_site_default(SITE_DEFAULT)
                 self.start_tray()
                 wait_for(lambda: line in self.desktop.program_log(), 10, line)  # pylint: disable=cell-var-from-loop
                 if powered:

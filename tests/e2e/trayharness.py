@@ -76,6 +76,8 @@ class TrayDesktop:
             'XDG_CACHE_HOME': os.path.join(home, '.cache'),
             'XDG_RUNTIME_DIR': os.path.join(self.root, 'runtime'),
             'XDG_DATA_DIRS': '/usr/share',
+            # The site-wide configuration (/etc/xdg on a real system), empty unless a test writes there.
+            'XDG_CONFIG_DIRS': os.path.join(self.root, 'xdg'),
             'QT_QPA_PLATFORM': 'xcb',
             'QT_ACCESSIBILITY': '0',
             'NO_AT_BRIDGE': '1',

@@ -1,0 +1,488 @@
+#include "app/Doctor.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+#include <xcb/xcb.h>
+
+#include <QCoreApplication>
+#include <QDBusArgument>
+#include <QDBusConnection>
+#include <QDBusConnectionInterface>
+#include <QDBusMessage>
+#include <QDBusObjectPath>
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QRegularExpression>
+#include <QStandardPaths>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "app/ReferenceTableLocation.h"
+#include "sender/ConnectionInfo.h"
+#include "sender/GetPID.h"
+#include "shell/AppDelegate.h"
+#include "shell/PathManager.h"
+#include "shell/ReferenceTable.h"
+
+namespace lumerix {
+namespace {
+
+constexpr int kCallTimeoutMs = 2000;
+const QString kBluez = QStringLiteral("org.bluez");
+const QString kAdapterInterface = QStringLiteral("org.bluez.Adapter1");
+
+DoctorCheck passed(const QString& name, bool essential, const QString& detail) {
+    return {name, true, essential, detail, QString()};
+}
+
+DoctorCheck failed(const QString& name, bool essential, const QString& detail, const QString& remedy) {
+    return {name, false, essential, detail, remedy};
+}
+
+QString adapterName(const QString& path) { return path.section(QLatin1Char('/'), -1); }
+
+// ---- probes: what the system says ----------------------------------------------------------------
+
+QMap<QString, std::optional<bool>> adaptersOf(const QDBusArgument& objects) {
+    QMap<QString, std::optional<bool>> adapters;
+    objects.beginMap();
+    while (!objects.atEnd()) {
+        QDBusObjectPath path;
+        objects.beginMapEntry();
+        objects >> path;
+        objects.beginMap();
+        while (!objects.atEnd()) {
+            QString interface;
+            QVariantMap properties;
+            objects.beginMapEntry();
+            objects >> interface >> properties;
+            objects.endMapEntry();
+            if (interface != kAdapterInterface) continue;
+            const QVariant powered = properties.value(QStringLiteral("Powered"));
+            adapters.insert(path.path(), powered.typeId() == QMetaType::Bool
+                                             ? std::optional<bool>(powered.toBool())
+                                             : std::nullopt);
+        }
+        objects.endMap();
+        objects.endMapEntry();
+    }
+    objects.endMap();
+    return adapters;
+}
+
+QDBusMessage callAdapter(QDBusConnection& bus, const QString& path, const QVariantMap& filter) {
+    QDBusMessage call =
+        QDBusMessage::createMethodCall(kBluez, path, kAdapterInterface, QStringLiteral("SetDiscoveryFilter"));
+    call << filter;
+    return bus.call(call, QDBus::Block, kCallTimeoutMs);
+}
+
+BluetoothFindings probeBluetooth() {
+    BluetoothFindings found;
+    QDBusConnection bus = QDBusConnection::systemBus();
+    found.busReachable = bus.isConnected();
+    if (!found.busReachable) {
+        found.busError = bus.lastError().message();
+        return found;
+    }
+    // Only a running bluetoothd is asked: a call to an activatable name would start it.
+    found.bluetoothdRunning = bus.interface()->isServiceRegistered(kBluez).value();
+    if (!found.bluetoothdRunning) return found;
+
+    const QDBusMessage reply =
+        bus.call(QDBusMessage::createMethodCall(kBluez, QStringLiteral("/"),
+                                                QStringLiteral("org.freedesktop.DBus.ObjectManager"),
+                                                QStringLiteral("GetManagedObjects")),
+                 QDBus::Block, kCallTimeoutMs);
+    if (reply.type() != QDBusMessage::ReplyMessage) {
+        found.accessDenied = reply.errorName() == QLatin1String("org.freedesktop.DBus.Error.AccessDenied");
+        found.error = reply.errorMessage();
+        return found;
+    }
+    if (reply.signature() != QLatin1String("a{oa{sa{sv}}}") || reply.arguments().size() != 1) {
+        found.error = QStringLiteral("unexpected reply of signature %1").arg(reply.signature());
+        return found;
+    }
+    found.adapters = adaptersOf(reply.arguments().constFirst().value<QDBusArgument>());
+
+    // The filter the scan sets, tried and then cleared with an empty one; nothing else is called.
+    // bluetoothd refuses filters while the adapter is off, so an adapter that is off is left alone.
+    const QString adapter = Doctor::defaultAdapterPath(found.adapters.keys());
+    if (adapter.isEmpty() || !found.adapters.value(adapter).value_or(false)) return found;
+    const QDBusMessage set = callAdapter(
+        bus, adapter,
+        {{QStringLiteral("Transport"), QStringLiteral("le")}, {QStringLiteral("DuplicateData"), true}});
+    if (set.type() != QDBusMessage::ReplyMessage) {
+        found.filterError = set.errorName() + QStringLiteral(": ") + set.errorMessage();
+        return found;
+    }
+    found.filterError = QString();
+    callAdapter(bus, adapter, QVariantMap());
+    return found;
+}
+
+bool nameOwned(QDBusConnection& bus, const QString& name, bool orActivatable) {
+    if (!bus.isConnected()) return false;
+    if (bus.interface()->isServiceRegistered(name).value()) return true;
+    if (!orActivatable) return false;
+    const QDBusMessage reply =
+        bus.call(QDBusMessage::createMethodCall(
+                     QStringLiteral("org.freedesktop.DBus"), QStringLiteral("/org/freedesktop/DBus"),
+                     QStringLiteral("org.freedesktop.DBus"), QStringLiteral("ListActivatableNames")),
+                 QDBus::Block, kCallTimeoutMs);
+    return reply.type() == QDBusMessage::ReplyMessage && !reply.arguments().isEmpty() &&
+           reply.arguments().constFirst().toStringList().contains(name);
+}
+
+// Whether the X server's default screen has a system tray (its selection has an owner); unset
+// without a display to ask.
+std::optional<bool> probeXEmbedTray() {
+    if (qEnvironmentVariableIsEmpty("DISPLAY")) return std::nullopt;
+    int screen = 0;
+    xcb_connection_t* c = xcb_connect(nullptr, &screen);
+    if (xcb_connection_has_error(c)) {
+        xcb_disconnect(c);
+        return std::nullopt;
+    }
+    const QByteArray atomName = "_NET_SYSTEM_TRAY_S" + QByteArray::number(screen);
+    xcb_intern_atom_reply_t* atom = xcb_intern_atom_reply(
+        c, xcb_intern_atom(c, 0, static_cast<uint16_t>(atomName.size()), atomName.constData()), nullptr);
+    bool owned = false;
+    if (atom) {
+        xcb_get_selection_owner_reply_t* owner =
+            xcb_get_selection_owner_reply(c, xcb_get_selection_owner(c, atom->atom), nullptr);
+        owned = owner && owner->owner != XCB_NONE;
+        std::free(owner);
+        std::free(atom);
+    }
+    xcb_disconnect(c);
+    return owned;
+}
+
+QList<int> processes(const char* name, bool excludingSelf) {
+    int32_t pids[64];
+    uint32_t count = 0;
+    int error = 0;
+    QList<int> out;
+    if (GetAllPIDsForProcessName(name, static_cast<uint32_t>(getuid()), pids, 64, &count, &error) != 0)
+        return out;
+    for (uint32_t i = 0; i < count; ++i) {
+        if (!excludingSelf || pids[i] != getpid()) out << pids[i];
+    }
+    return out;
+}
+
+PortState probePort(quint16 port, QString* problem) {
+    const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (fd < 0) {
+        *problem = QString::fromLocal8Bit(std::strerror(errno));
+        return PortState::Unusable;
+    }
+    const int on = 1;
+    ::setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(port);
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    PortState state = PortState::Free;
+    if (::bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+        state = errno == EADDRINUSE ? PortState::InUse : PortState::Unusable;
+        *problem = QString::fromLocal8Bit(std::strerror(errno));
+    }
+    ::close(fd);
+    return state;
+}
+
+QString pidList(const QList<int>& pids) {
+    QStringList parts;
+    for (int pid : pids) parts << QString::number(pid);
+    return parts.join(QStringLiteral(", "));
+}
+
+}  // namespace
+
+// ---- checks: what the findings mean ------------------------------------------------------------------
+
+QString Doctor::defaultAdapterPath(const QList<QString>& adapterPaths) {
+    static const QRegularExpression hci(QStringLiteral("/hci(\\d+)$"));
+    QString best;
+    qlonglong bestIndex = -1;
+    for (const QString& path : adapterPaths) {
+        const QRegularExpressionMatch m = hci.match(path);
+        const qlonglong index = m.hasMatch() ? m.captured(1).toLongLong() : -1;
+        const bool better = best.isEmpty() || (index >= 0 && (bestIndex < 0 || index < bestIndex)) ||
+                            (index < 0 && bestIndex < 0 && path < best);
+        if (better) {
+            best = path;
+            bestIndex = index;
+        }
+    }
+    return best;
+}
+
+QList<DoctorCheck> Doctor::bluetoothChecks(const BluetoothFindings& found) {
+    const QString bus = QStringLiteral("System bus");
+    const QString daemon = QStringLiteral("bluetoothd");
+    const QString adapter = QStringLiteral("Bluetooth adapter");
+    const QString power = QStringLiteral("Adapter powered");
+    const QString filter = QStringLiteral("Discovery filter");
+    const QString unchecked = QStringLiteral("not checked");
+
+    QList<DoctorCheck> checks;
+    if (!found.busReachable) {
+        const QString why = found.busError.isEmpty() ? QStringLiteral("cannot connect") : found.busError;
+        checks << failed(bus, true, why, QStringLiteral("start the system bus: sudo systemctl start dbus"));
+        for (const QString& name : {daemon, adapter, power, filter})
+            checks << failed(name, true, unchecked, QStringLiteral("needs the system bus"));
+        return checks;
+    }
+    checks << passed(bus, true, QStringLiteral("reachable"));
+    if (!found.bluetoothdRunning) {
+        checks << failed(daemon, true, QStringLiteral("org.bluez is not on the system bus"),
+                         QStringLiteral("install bluez and start it: sudo systemctl enable --now bluetooth"));
+        for (const QString& name : {adapter, power, filter})
+            checks << failed(name, true, unchecked, QStringLiteral("needs bluetoothd"));
+        return checks;
+    }
+    checks << passed(daemon, true, QStringLiteral("running"));
+
+    const QString path = defaultAdapterPath(found.adapters.keys());
+    if (found.accessDenied) {
+        checks << failed(adapter, true, QStringLiteral("bluetoothd refused to answer: ") + found.error,
+                         QStringLiteral("allow this user to use Bluetooth (the bluetooth group or the D-Bus "
+                                        "policy of org.bluez)"));
+    } else if (!found.error.isEmpty()) {
+        checks << failed(adapter, true, QStringLiteral("bluetoothd did not answer: ") + found.error,
+                         QStringLiteral("restart it: sudo systemctl restart bluetooth"));
+    } else if (path.isEmpty()) {
+        checks << failed(
+            adapter, true, QStringLiteral("none"),
+            QStringLiteral("plug in a Bluetooth adapter, or check that its driver is loaded (dmesg)"));
+    } else {
+        checks << passed(adapter, true, adapterName(path));
+    }
+    if (path.isEmpty()) {
+        for (const QString& name : {power, filter})
+            checks << failed(name, true, unchecked, QStringLiteral("needs an adapter"));
+        return checks;
+    }
+
+    const std::optional<bool> powered = found.adapters.value(path);
+    if (powered.value_or(false)) {
+        checks << passed(power, true, QStringLiteral("%1 is on").arg(adapterName(path)));
+    } else {
+        checks << failed(power, true,
+                         powered ? QStringLiteral("%1 is off").arg(adapterName(path))
+                                 : QStringLiteral("%1 does not say").arg(adapterName(path)),
+                         QStringLiteral("turn Bluetooth on: bluetoothctl power on"));
+    }
+    if (!found.filterError) {
+        checks << failed(filter, true, unchecked, QStringLiteral("needs the adapter on"));
+    } else if (found.filterError->isEmpty()) {
+        checks << passed(filter, true, QStringLiteral("Transport le with DuplicateData accepted"));
+    } else {
+        checks << failed(filter, true, QStringLiteral("refused: ") + *found.filterError,
+                         QStringLiteral("update BlueZ (5.50 or later) and make sure no other program holds a "
+                                        "different filter"));
+    }
+    return checks;
+}
+
+DoctorCheck Doctor::rfkillCheck(const QString& sysfsRoot) {
+    const QString name = QStringLiteral("rfkill");
+    const QDir dir(sysfsRoot + QLatin1String("/class/rfkill"));
+    const auto read = [&dir](const QString& entry, const char* file) {
+        QFile f(dir.filePath(entry + QLatin1Char('/') + QLatin1String(file)));
+        return f.open(QIODevice::ReadOnly) ? QString::fromUtf8(f.readAll()).trimmed() : QString();
+    };
+    QStringList soft, hard;
+    int switches = 0;
+    for (const QString& entry : dir.entryList(QDir::Dirs | QDir::NoDotAndDotDot, QDir::Name)) {
+        if (read(entry, "type") != QLatin1String("bluetooth")) continue;
+        ++switches;
+        const QString label = read(entry, "name").isEmpty() ? entry : read(entry, "name");
+        if (read(entry, "hard") == QLatin1String("1")) hard << label;
+        if (read(entry, "soft") == QLatin1String("1")) soft << label;
+    }
+    if (!hard.isEmpty()) {
+        return failed(
+            name, true, QStringLiteral("hard-blocked: ") + hard.join(QStringLiteral(", ")),
+            QStringLiteral("turn on the wireless switch or key of this computer (or its firmware setting)"));
+    }
+    if (!soft.isEmpty()) {
+        return failed(name, true, QStringLiteral("soft-blocked: ") + soft.join(QStringLiteral(", ")),
+                      QStringLiteral("rfkill unblock bluetooth"));
+    }
+    return passed(
+        name, true,
+        switches == 0 ? QStringLiteral("no Bluetooth switch") : QStringLiteral("Bluetooth not blocked"));
+}
+
+DoctorCheck Doctor::trayHostCheck(bool sniWatcher, std::optional<bool> xembedTray) {
+    const QString name = QStringLiteral("Tray host");
+    if (sniWatcher) return passed(name, false, QStringLiteral("StatusNotifierWatcher on the session bus"));
+    if (xembedTray.value_or(false)) return passed(name, false, QStringLiteral("X11 system tray"));
+    return failed(
+        name, false, QStringLiteral("no StatusNotifierWatcher and no X11 system tray"),
+        QStringLiteral("enable a tray (on GNOME the AppIndicator extension); lumerix --scan works without "
+                       "one"));
+}
+
+DoctorCheck Doctor::notificationCheck(bool available) {
+    const QString name = QStringLiteral("Notification server");
+    if (available) return passed(name, false, QStringLiteral("org.freedesktop.Notifications"));
+    return failed(name, false, QStringLiteral("none on the session bus"),
+                  QStringLiteral("install or start one (the desktop's own, or dunst or mako)"));
+}
+
+DoctorCheck Doctor::senderCheck(const QString& desktopEntry, const QList<int>& senderPids) {
+    const QString name = QStringLiteral("Sender application");
+    const QString running = senderPids.isEmpty()
+                                ? QStringLiteral("not running")
+                                : QStringLiteral("running (pid %1)").arg(pidList(senderPids));
+    if (!desktopEntry.isEmpty()) {
+        return passed(
+            name, false,
+            QStringLiteral("installed, ") + running +
+                (senderPids.isEmpty() ? QStringLiteral(": Lumerix starts it when you pick a receiver")
+                                      : QString()));
+    }
+    return failed(name, false,
+                  QStringLiteral("no %1 in the applications folders, %2")
+                      .arg(QLatin1String(kSenderDesktopEntry), running),
+                  QStringLiteral("install the sender application (Sharvane)"));
+}
+
+DoctorCheck Doctor::portCheck(quint16 port, PortState state, const QString& problem,
+                              const QList<int>& otherLumerixPids) {
+    const QString name = QStringLiteral("Port 127.0.0.1:%1").arg(port);
+    switch (state) {
+        case PortState::Free:
+            return passed(name, true, QStringLiteral("free"));
+        case PortState::InUse:
+            if (!otherLumerixPids.isEmpty())
+                return passed(
+                    name, true,
+                    QStringLiteral("held by the running Lumerix (pid %1)").arg(pidList(otherLumerixPids)));
+            return failed(name, true, QStringLiteral("held by another program"),
+                          QStringLiteral("find it with: ss -ltnp 'sport = :%1'").arg(port));
+        case PortState::Unusable:
+            break;
+    }
+    return failed(name, true, QStringLiteral("cannot be opened: ") + problem,
+                  QStringLiteral("check that the loopback interface is up"));
+}
+
+DoctorCheck Doctor::referenceTableCheck(const QString& savedTable, const QString& defaultTable) {
+    const QString name = QStringLiteral("Reference table");
+    if (QFileInfo::exists(savedTable)) {
+        const auto saved = ReferenceTable::arrayWithContentsOfFile(savedTable);
+        if (saved)
+            return passed(name, false,
+                          QStringLiteral("%1 saved receiver(s) in %2").arg(saved->size()).arg(savedTable));
+        return failed(
+            name, false,
+            savedTable + QStringLiteral(" is not a readable list (Lumerix keeps it aside and starts empty)"),
+            QStringLiteral("repair it (plistutil -i) or remove it"));
+    }
+    if (!QFileInfo::exists(defaultTable))
+        return passed(name, false,
+                      QStringLiteral("none saved yet; the first start begins with an empty list"));
+    const auto seed = ReferenceTable::arrayWithContentsOfFile(defaultTable);
+    if (seed && seed->isEmpty())
+        return passed(name, false,
+                      QStringLiteral("none saved yet; the first start begins with an empty list"));
+    if (seed) {
+        return passed(name, false,
+                      QStringLiteral("none saved yet; the first start takes %1 receiver(s) from %2")
+                          .arg(seed->size())
+                          .arg(defaultTable));
+    }
+    return failed(name, false, defaultTable + QStringLiteral(" is not a readable list"),
+                  QStringLiteral("repair the default list (plistutil -i) or remove it"));
+}
+
+int Doctor::exitCode(const QList<DoctorCheck>& checks) {
+    for (const DoctorCheck& c : checks) {
+        if (c.essential && !c.ok) return 1;
+    }
+    return 0;
+}
+
+QString Doctor::text(const QList<DoctorCheck>& checks) {
+    QString out;
+    for (const DoctorCheck& c : checks) {
+        out +=
+            (c.ok ? QStringLiteral("✓ ") : QStringLiteral("✗ ")) + c.name + QStringLiteral(": ") + c.detail;
+        if (!c.ok) out += QStringLiteral(" — ") + c.remedy;
+        out += QLatin1Char('\n');
+    }
+    out += exitCode(checks) == 0
+               ? QStringLiteral("The tray can work.\n")
+               : QStringLiteral("The tray cannot work until the essential checks marked ✗ pass.\n");
+    return out;
+}
+
+QString Doctor::json(const QList<DoctorCheck>& checks) {
+    QJsonArray array;
+    for (const DoctorCheck& c : checks) {
+        QJsonObject o;
+        o.insert(QStringLiteral("check"), c.name);
+        o.insert(QStringLiteral("ok"), c.ok);
+        o.insert(QStringLiteral("essential"), c.essential);
+        o.insert(QStringLiteral("detail"), c.detail);
+        if (!c.ok) o.insert(QStringLiteral("remedy"), c.remedy);
+        array.append(o);
+    }
+    QJsonObject root;
+    root.insert(QStringLiteral("ok"), exitCode(checks) == 0);
+    root.insert(QStringLiteral("checks"), array);
+    return QString::fromUtf8(QJsonDocument(root).toJson(QJsonDocument::Indented));
+}
+
+int runDoctorMode(int argc, char** argv, bool json) {
+    QCoreApplication app(argc, argv);
+    QList<DoctorCheck> checks = Doctor::bluetoothChecks(probeBluetooth());
+    // rfkill goes right after the power check, the filter after it.
+    const QString sysfs = qEnvironmentVariableIsEmpty("LUMERIX_SYSFS")
+                              ? QStringLiteral("/sys")
+                              : qEnvironmentVariable("LUMERIX_SYSFS");
+    checks.insert(checks.size() - 1, Doctor::rfkillCheck(sysfs));
+
+    // No session bus is started for the occasion (libdbus would launch one for a display).
+    const bool sessionConfigured =
+        !qEnvironmentVariableIsEmpty("DBUS_SESSION_BUS_ADDRESS") ||
+        QFileInfo::exists(qEnvironmentVariable("XDG_RUNTIME_DIR") + QLatin1String("/bus"));
+    QDBusConnection session =
+        sessionConfigured ? QDBusConnection::sessionBus() : QDBusConnection(QStringLiteral("no session bus"));
+    const bool sni = nameOwned(session, QStringLiteral("org.kde.StatusNotifierWatcher"), false);
+    checks << Doctor::trayHostCheck(sni, sni ? std::nullopt : probeXEmbedTray());
+    checks << Doctor::notificationCheck(
+        nameOwned(session, QStringLiteral("org.freedesktop.Notifications"), true));
+    checks << Doctor::senderCheck(QStandardPaths::locate(QStandardPaths::ApplicationsLocation,
+                                                         QLatin1String(Doctor::kSenderDesktopEntry)),
+                                  processes(Doctor::kSenderProcess, false));
+    QString problem;
+    const PortState port = probePort(kSenderCommandPort, &problem);
+    checks << Doctor::portCheck(kSenderCommandPort, port, problem, processes("lumerix", true));
+    const QString support = PathManager::GetApplicationSupportPath().value_or(QString());
+    checks << Doctor::referenceTableCheck(
+        ReferenceTableLocation::savedTable(support),
+        ReferenceTableLocation::defaultFolder(false, PathManager::GetResourcePath()) + QLatin1Char('/') +
+            QLatin1String(AppDelegate::kDefaultReferenceTableFileName));
+
+    const QString out = json ? Doctor::json(checks) : Doctor::text(checks);
+    std::fputs(out.toUtf8().constData(), stdout);
+    std::fflush(stdout);
+    return Doctor::exitCode(checks);
+}
+
+}  // namespace lumerix
