@@ -12,6 +12,8 @@
 #include "dispatch/QtQueues.h"
 #include "log/Log.h"
 #include "platform/linux/BluezPowerCheck.h"
+#include "platform/linux/DesktopEntry.h"
+#include "platform/linux/DesktopNotifier.h"
 #include "platform/linux/LogindWorkspace.h"
 #include "shell/AppDelegate.h"
 #include "shell/PathManager.h"
@@ -63,6 +65,11 @@ int runTrayApp(int argc, char** argv) {
     env.statusBar = QtStatusBar::makeStatusBar(PathManager::GetResourcePath());
     env.application = application;
     env.workspace = std::make_shared<LogindWorkspace>(QDBusConnection::systemBus());
+    env.notifier = std::make_shared<DesktopNotifier>(QDBusConnection::sessionBus(), QStringLiteral("Lumerix"),
+                                                     QStringLiteral("lumerix"));
+    env.senderInstalled = [] {
+        return !desktopEntryPath(QLatin1String(AppDelegate::kSenderBundleIdentifier)).isEmpty();
+    };
     if (demo) {
         // The simulated receivers need no adapter.
         env.bluetoothPowered = [] { return true; };

@@ -60,10 +60,13 @@ class Advertiser:
 
 
 class TrayCase(unittest.TestCase):
-    """A private desktop per case."""
+    """A private desktop per case; cases that need another kind of desktop start their own."""
+
+    START_DESKTOP = True
 
     def setUp(self):
-        self.start_desktop()
+        if self.START_DESKTOP:
+            self.start_desktop()
 
     def start_desktop(self, powered=True, tray=True):
         self.desktop = trayharness.TrayDesktop(powered=powered, tray=tray)
@@ -235,6 +238,7 @@ class TrayTest(TrayCase):
         frames = wait_for(self.frames_received, 20, 'the launched sender to fetch its receiver')
         self.assertEqual(frames[0]['via'], 'fetch')
         self.assertEqual(frames[0]['fields'], ['10.0.0.6', 'Room B', '5607', 'Room B', ''], frames[0]['hex'])
+        self.assertEqual([summary for summary, _ in self.desktop.notifications()], ['Starting Sharvane for Room B\u2026'])
 
     def test_sleep_stops_scanning_wake_restarts_it_and_sigterm_saves(self):
         lab = [{'Device': 'Lab', 'Note': 'kept as is'}]
@@ -273,6 +277,8 @@ class InstalledTrayTest(TrayCase):
 
 
 class DegradedDesktopTest(TrayCase):
+    START_DESKTOP = False
+
     def test_bluetooth_off_alert_or_no_tray_still_ends_cleanly_and_saves(self):
         cases = [(False, True, 'is not powered on'), (True, False, 'No system tray on this desktop')]
         for powered, tray, line in cases:
@@ -288,6 +294,53 @@ class DegradedDesktopTest(TrayCase):
                 self.program.send_signal(signal.SIGTERM)
                 self.assertEqual(self.exit_status(), 0)
                 self.assertEqual([e['Device'] for e in self.saved_references()], DEFAULT_REFERENCES)
+
+
+class NoTrayHostTest(TrayCase):
+    START_DESKTOP = False
+
+    def test_no_tray_host_notifies_once_then_the_icon_comes_with_a_current_menu_and_tooltip(self):
+        self.start_desktop(tray=False)
+        self.start_tray()
+        self.wait_for_scanning()
+        ads = self.advertiser()
+        ads.add(ROOM_A, -55)
+        shown = wait_for(self.desktop.notifications, 10, 'the missing-tray notification')
+        self.assertEqual(len(shown), 1, shown)
+        self.assertIn('lumerix --scan', shown[0][1])
+        self.assertIn('StatusNotifierItem', shown[0][1])
+
+        self.desktop.start_watcher()
+        menu = self.desktop.tray_menu()
+        self.wait_for_titles(menu, ['Room A'] + DEFAULT_REFERENCES + FIXED_TAIL)
+
+        def tooltip():
+            _, _, title, text = self.desktop.tray_item_property('ToolTip')
+            return str(title) + str(text)
+
+        wait_for(lambda: 'Room A \u2014 \u221255 dBm, ' in tooltip(), 10, 'the receiver in the tooltip')
+        self.assertEqual(len(self.desktop.notifications()), 1)
+
+
+class SenderNotificationTest(TrayCase):
+    def test_sender_not_installed_then_running_without_its_port(self):
+        menu, _ = self.tray_showing([], [(ROOM_A, -55)], ['Room A'])
+        steps = [
+            # No desktop entry in the XDG data directories, no process.
+            (None, 'Sharvane is not installed'),
+            # A process named Sharvane, but nothing listening on 127.0.0.1:19314.
+            (self.start_sender, 'Could not reach Sharvane'),
+        ]
+        for prepare, summary in steps:
+            with self.subTest(summary):
+                if prepare:
+                    prepare()
+                before = len(self.desktop.notifications())
+                menu.click('Room A')
+                shown = wait_for(lambda: self.desktop.notifications()[before:], 10, summary)  # pylint: disable=cell-var-from-loop
+                self.assertEqual([s for s, _ in shown], [summary])
+                self.assertIn('Room A', shown[0][1])
+        self.assertEqual(self.frames_received(), [])
 
 
 if __name__ == '__main__':

@@ -16,6 +16,7 @@
 #include "receiver/QVLumerixItem.h"
 #include "sender/CommandListener.h"
 #include "sender/ConnectionInfo.h"
+#include "shell/ReceiverToolTip.h"
 #include "shell/ShellPorts.h"
 
 namespace lumerix {
@@ -34,6 +35,7 @@ public:
     static constexpr const char* kReferenceTableFileName = "ReferenceTable.plist";
     static constexpr const char* kDefaultReferenceTableFileName = "DefaultReferenceTable.plist";
     static constexpr const char* kUnreadableSuffix = ".unreadable";
+    static constexpr const char* kSenderDisplayName = "Sharvane";
 
     // The shell command that starts the sender by its bundle identifier on this platform.
     static QByteArray SenderLaunchCommand();
@@ -103,6 +105,10 @@ public:
 
 private:
     void deliverFrame(const ConnectionInfo& info);
+    void notify(QString summary, QString body);
+    void reportLaunch(const ConnectionInfo& info, int launcherStatus);
+    void reportDeliveryFailure(const QString& receiver);
+    std::vector<ReceiverToolTip::Line> toolTipLines() const;
     void keepUnreadableReferenceTable(const QString& path);
 
     ShellEnvironment env_;
@@ -134,6 +140,9 @@ private:
     bool listenerStarted_ = false;
     // The saved table could not be read at launch; it is kept aside before being overwritten.
     bool referenceTableUnreadable_ = false;
+    std::unique_ptr<ReceiverToolTip> toolTip_;
+    // Delivery outcomes hop to the main queue and check this first: the shell may be gone.
+    std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
     // Declared last: its thread reads the slot and the closing flag above until it is joined.
     std::unique_ptr<CommandListener> m_listener;
 };

@@ -1,0 +1,57 @@
+#include "app/TrayHost.h"
+
+#include <xcb/xcb.h>
+
+#include <QByteArray>
+#include <QDBusConnection>
+#include <QDBusConnectionInterface>
+#include <QDBusServiceWatcher>
+#include <QGuiApplication>
+#include <cstdlib>
+
+namespace lumerix {
+
+TrayHost::TrayHost(std::function<void()> appeared) : appeared_(std::move(appeared)) {
+    watcher_ =
+        std::make_unique<QDBusServiceWatcher>(QLatin1String(kWatcherService), QDBusConnection::sessionBus(),
+                                              QDBusServiceWatcher::WatchForRegistration);
+    QObject::connect(watcher_.get(), &QDBusServiceWatcher::serviceRegistered, this, [this] {
+        if (!appeared_) return;
+        auto appeared = std::move(appeared_);
+        appeared_ = nullptr;
+        appeared();
+    });
+}
+
+TrayHost::~TrayHost() = default;
+
+bool TrayHost::isRunning() { return statusNotifierWatcherRunning() || xembedTrayRunning(); }
+
+bool TrayHost::statusNotifierWatcherRunning() {
+    const QDBusConnectionInterface* bus = QDBusConnection::sessionBus().interface();
+    return bus && bus->isServiceRegistered(QLatin1String(kWatcherService)).value();
+}
+
+bool TrayHost::xembedTrayRunning() {
+    // Qt shows XEmbed icons on its xcb platform only.
+    if (QGuiApplication::platformName() != QLatin1String("xcb")) return false;
+    int screen = 0;
+    xcb_connection_t* x = xcb_connect(nullptr, &screen);
+    bool running = false;
+    if (!xcb_connection_has_error(x)) {
+        const QByteArray name = "_NET_SYSTEM_TRAY_S" + QByteArray::number(screen);
+        xcb_intern_atom_reply_t* atom = xcb_intern_atom_reply(
+            x, xcb_intern_atom(x, 1, static_cast<uint16_t>(name.size()), name.constData()), nullptr);
+        if (atom && atom->atom != XCB_ATOM_NONE) {
+            xcb_get_selection_owner_reply_t* owner =
+                xcb_get_selection_owner_reply(x, xcb_get_selection_owner(x, atom->atom), nullptr);
+            running = owner && owner->owner != XCB_WINDOW_NONE;
+            std::free(owner);
+        }
+        std::free(atom);
+    }
+    xcb_disconnect(x);
+    return running;
+}
+
+}  // namespace lumerix
