@@ -5,25 +5,53 @@
 #include <QByteArray>
 #include <QDBusConnection>
 #include <QDBusConnectionInterface>
+#include <QDBusMessage>
+#include <QDBusPendingCallWatcher>
+#include <QDBusPendingReply>
 #include <QDBusServiceWatcher>
+#include <QDBusVariant>
 #include <QGuiApplication>
 #include <cstdlib>
 
 namespace lumerix {
 
+namespace {
+
+const QString kHostRegisteredProperty = QStringLiteral("IsStatusNotifierHostRegistered");
+
+}  // namespace
+
 TrayHost::TrayHost(std::function<void()> appeared) : appeared_(std::move(appeared)) {
-    watcher_ =
-        std::make_unique<QDBusServiceWatcher>(QLatin1String(kWatcherService), QDBusConnection::sessionBus(),
-                                              QDBusServiceWatcher::WatchForRegistration);
-    QObject::connect(watcher_.get(), &QDBusServiceWatcher::serviceRegistered, this, [this] {
-        if (!appeared_) return;
-        auto appeared = std::move(appeared_);
-        appeared_ = nullptr;
-        appeared();
-    });
+    QDBusConnection bus = QDBusConnection::sessionBus();
+    watcher_ = std::make_unique<QDBusServiceWatcher>(QLatin1String(kWatcherService), bus,
+                                                     QDBusServiceWatcher::WatchForRegistration);
+    QObject::connect(watcher_.get(), &QDBusServiceWatcher::serviceRegistered, this, [this] { askWatcher(); });
+    // A watcher may come up before any host has registered with it.
+    bus.connect(QLatin1String(kWatcherService), QLatin1String(kWatcherPath), QLatin1String(kWatcherService),
+                QStringLiteral("StatusNotifierHostRegistered"), this, SLOT(hostRegistered()));
 }
 
 TrayHost::~TrayHost() = default;
+
+void TrayHost::askWatcher() {
+    QDBusMessage get = QDBusMessage::createMethodCall(
+        QLatin1String(kWatcherService), QLatin1String(kWatcherPath),
+        QStringLiteral("org.freedesktop.DBus.Properties"), QStringLiteral("Get"));
+    get << QLatin1String(kWatcherService) << kHostRegisteredProperty;
+    auto* call = new QDBusPendingCallWatcher(QDBusConnection::sessionBus().asyncCall(get), this);
+    QObject::connect(call, &QDBusPendingCallWatcher::finished, this, [this](QDBusPendingCallWatcher* w) {
+        const QDBusPendingReply<QDBusVariant> reply = *w;
+        w->deleteLater();
+        if (!reply.isError() && reply.value().variant().toBool()) hostRegistered();
+    });
+}
+
+void TrayHost::hostRegistered() {
+    if (!appeared_) return;
+    auto appeared = std::move(appeared_);
+    appeared_ = nullptr;
+    appeared();
+}
 
 bool TrayHost::isRunning() { return statusNotifierWatcherRunning() || xembedTrayRunning(); }
 

@@ -1,7 +1,8 @@
 #pragma once
-// Whether the desktop runs a tray host, and word when a StatusNotifierWatcher comes up later.
+// Whether the desktop runs a tray host, and word when one comes up later on the session bus.
 // Asked without Qt's own tray check on purpose: Qt decides once per process whether its tray icons
-// go through D-Bus, so asking it before a watcher runs would keep the icon off that watcher for good.
+// go through D-Bus, so asking it before a StatusNotifierWatcher runs would keep the icon off that
+// watcher for good. A watcher counts once it says a host is registered, as Qt requires.
 #include <QObject>
 #include <functional>
 #include <memory>
@@ -11,10 +12,12 @@ class QDBusServiceWatcher;
 namespace lumerix {
 
 class TrayHost final : public QObject {
+    Q_OBJECT
 public:
     static constexpr const char* kWatcherService = "org.kde.StatusNotifierWatcher";
+    static constexpr const char* kWatcherPath = "/StatusNotifierWatcher";
 
-    // appeared runs once, on the main thread, when a watcher registers after start-up.
+    // appeared runs once, on the main thread, when a tray host comes up after start-up.
     explicit TrayHost(std::function<void()> appeared);
     ~TrayHost() override;
 
@@ -23,7 +26,12 @@ public:
     static bool statusNotifierWatcherRunning();
     static bool xembedTrayRunning();
 
+private Q_SLOTS:
+    void hostRegistered();
+
 private:
+    void askWatcher();
+
     std::unique_ptr<QDBusServiceWatcher> watcher_;
     std::function<void()> appeared_;
 };

@@ -136,10 +136,12 @@ class TrayDesktop:
         return log
 
     def start_watcher(self):
-        """Brings up the tray host (at start, or later for a desktop that had none)."""
-        proc, self.watcher = dbusmock.DBusTestCase.spawn_server_template(WATCHER_TEMPLATE, {},
-                                                                          stdout=self._log('watcher.log'))
-        self.procs.append(proc)
+        """Brings up the tray host (at start, or later for a desktop that had none). Its template is
+        loaded before it answers anything: a program waiting for a host calls it at once."""
+        self.procs.append(subprocess.Popen([lxharness.PYTHON, '-m', 'dbusmock', '--session', '--template',
+                                            WATCHER_TEMPLATE], stdout=self._log('watcher.log')))
+        wait_for(lambda: self.session_bus.name_has_owner(WATCHER), 10, 'the tray watcher')
+        self.watcher = self.session_bus.get_object(WATCHER, WATCHER_PATH)
 
     def stop(self):
         for proc in reversed(self.procs):
