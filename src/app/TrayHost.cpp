@@ -4,7 +4,6 @@
 
 #include <QByteArray>
 #include <QDBusConnection>
-#include <QDBusConnectionInterface>
 #include <QDBusMessage>
 #include <QDBusPendingCallWatcher>
 #include <QDBusPendingReply>
@@ -17,7 +16,17 @@ namespace lumerix {
 
 namespace {
 
-const QString kHostRegisteredProperty = QStringLiteral("IsStatusNotifierHostRegistered");
+constexpr int kStartupQueryTimeoutMs = 2000;
+
+// Qt puts its icon on a watcher only once the watcher says a host has registered with it.
+QDBusMessage hostRegisteredQuery() {
+    QDBusMessage get = QDBusMessage::createMethodCall(
+        QLatin1String(TrayHost::kWatcherService), QLatin1String(TrayHost::kWatcherPath),
+        QStringLiteral("org.freedesktop.DBus.Properties"), QStringLiteral("Get"));
+    get << QLatin1String(TrayHost::kWatcherService) << QStringLiteral("IsStatusNotifierHostRegistered");
+    get.setAutoStartService(false);
+    return get;
+}
 
 }  // namespace
 
@@ -34,11 +43,8 @@ TrayHost::TrayHost(std::function<void()> appeared) : appeared_(std::move(appeare
 TrayHost::~TrayHost() = default;
 
 void TrayHost::askWatcher() {
-    QDBusMessage get = QDBusMessage::createMethodCall(
-        QLatin1String(kWatcherService), QLatin1String(kWatcherPath),
-        QStringLiteral("org.freedesktop.DBus.Properties"), QStringLiteral("Get"));
-    get << QLatin1String(kWatcherService) << kHostRegisteredProperty;
-    auto* call = new QDBusPendingCallWatcher(QDBusConnection::sessionBus().asyncCall(get), this);
+    auto* call =
+        new QDBusPendingCallWatcher(QDBusConnection::sessionBus().asyncCall(hostRegisteredQuery()), this);
     QObject::connect(call, &QDBusPendingCallWatcher::finished, this, [this](QDBusPendingCallWatcher* w) {
         const QDBusPendingReply<QDBusVariant> reply = *w;
         w->deleteLater();
@@ -53,11 +59,13 @@ void TrayHost::hostRegistered() {
     appeared();
 }
 
-bool TrayHost::isRunning() { return statusNotifierWatcherRunning() || xembedTrayRunning(); }
+bool TrayHost::isRunning() { return statusNotifierHostRegistered() || xembedTrayRunning(); }
 
-bool TrayHost::statusNotifierWatcherRunning() {
-    const QDBusConnectionInterface* bus = QDBusConnection::sessionBus().interface();
-    return bus && bus->isServiceRegistered(QLatin1String(kWatcherService)).value();
+bool TrayHost::statusNotifierHostRegistered() {
+    const QDBusMessage reply =
+        QDBusConnection::sessionBus().call(hostRegisteredQuery(), QDBus::Block, kStartupQueryTimeoutMs);
+    return reply.type() == QDBusMessage::ReplyMessage && !reply.arguments().isEmpty() &&
+           reply.arguments().constFirst().value<QDBusVariant>().variant().toBool();
 }
 
 bool TrayHost::xembedTrayRunning() {

@@ -21,9 +21,9 @@ public:
     explicit TrayHost(std::function<void()> appeared);
     ~TrayHost() override;
 
-    // A StatusNotifierWatcher on the session bus, or an XEmbed tray on the X11 screen.
+    // A StatusNotifierWatcher with a host on the session bus, or an XEmbed tray on the X11 screen.
     static bool isRunning();
-    static bool statusNotifierWatcherRunning();
+    static bool statusNotifierHostRegistered();
     static bool xembedTrayRunning();
 
 private Q_SLOTS:

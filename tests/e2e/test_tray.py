@@ -68,8 +68,8 @@ class TrayCase(unittest.TestCase):
         if self.START_DESKTOP:
             self.start_desktop()
 
-    def start_desktop(self, powered=True, tray=True):
-        self.desktop = trayharness.TrayDesktop(powered=powered, tray=tray)
+    def start_desktop(self, powered=True, tray=True, host=True):
+        self.desktop = trayharness.TrayDesktop(powered=powered, tray=tray, host=host)
         self.desktop.start()
         self.addCleanup(self.desktop.stop)
         self.frames = os.path.join(self.desktop.root, 'frames.jsonl')
@@ -300,26 +300,32 @@ class NoTrayHostTest(TrayCase):
     START_DESKTOP = False
 
     def test_no_tray_host_notifies_once_then_the_icon_comes_with_a_current_menu_and_tooltip(self):
-        self.start_desktop(tray=False)
-        self.start_tray()
-        self.wait_for_scanning()
-        ads = self.advertiser()
-        ads.add(ROOM_A, -55)
-        shown = wait_for(self.desktop.notifications, 10, 'the missing-tray notification')
-        self.assertEqual(len(shown), 1, shown)
-        self.assertIn('lumerix --scan', shown[0][1])
-        self.assertIn('StatusNotifierItem', shown[0][1])
+        # A watcher coming up later, or one that runs from the start but has no host until later.
+        for late_watcher in (True, False):
+            with self.subTest(late_watcher=late_watcher):
+                self.start_desktop(tray=not late_watcher, host=late_watcher)
+                self.start_tray()
+                self.wait_for_scanning()
+                ads = self.advertiser()
+                ads.add(ROOM_A, -55)
+                shown = wait_for(self.desktop.notifications, 10, 'the missing-tray notification')
+                self.assertEqual(len(shown), 1, shown)
+                self.assertIn('lumerix --scan', shown[0][1])
+                self.assertIn('StatusNotifierItem', shown[0][1])
 
-        self.desktop.start_watcher()
-        menu = self.desktop.tray_menu()
-        self.wait_for_titles(menu, ['Room A'] + DEFAULT_REFERENCES + FIXED_TAIL)
+                if late_watcher:
+                    self.desktop.start_watcher()
+                else:
+                    self.desktop.register_host()
+                menu = self.desktop.tray_menu()
+                self.wait_for_titles(menu, ['Room A'] + DEFAULT_REFERENCES + FIXED_TAIL)
 
-        def tooltip():
-            _, _, title, text = self.desktop.tray_item_property('ToolTip')
-            return str(title) + str(text)
+                def tooltip():
+                    _, _, title, text = self.desktop.tray_item_property('ToolTip')
+                    return str(title) + str(text)
 
-        wait_for(lambda: 'Room A \u2014 \u221255 dBm, ' in tooltip(), 10, 'the receiver in the tooltip')
-        self.assertEqual(len(self.desktop.notifications()), 1)
+                wait_for(lambda: 'Room A \u2014 \u221255 dBm, ' in tooltip(), 10, 'the receiver in the tooltip')
+                self.assertEqual(len(self.desktop.notifications()), 1)
 
 
 class SenderNotificationTest(TrayCase):

@@ -1,5 +1,6 @@
 """A private desktop for tray tests: Xvfb, private buses, a StatusNotifierWatcher, a notification
 server, logind and BlueZ models."""
+import json
 import os
 import shutil
 import signal
@@ -50,9 +51,11 @@ class TrayMenu:
 class TrayDesktop:
     """The private desktop, all under one temporary directory; a context manager or start()/stop()."""
 
-    def __init__(self, powered=True, tray=True):
+    def __init__(self, powered=True, tray=True, host=True):
+        """tray: a StatusNotifierWatcher runs from the start; host: it has a host registered."""
         self.powered = powered
         self.tray = tray
+        self.host = host
         self.watcher = self.notification_server = None
         self.procs = []
         self.files = []
@@ -139,7 +142,8 @@ class TrayDesktop:
         """Brings up the tray host (at start, or later for a desktop that had none). Its template is
         loaded before it answers anything: a program waiting for a host calls it at once."""
         self.procs.append(subprocess.Popen([lxharness.PYTHON, '-m', 'dbusmock', '--session', '--template',
-                                            WATCHER_TEMPLATE], stdout=self._log('watcher.log')))
+                                            WATCHER_TEMPLATE, '--parameters', json.dumps({'host': self.host})],
+                                           stdout=self._log('watcher.log')))
         wait_for(lambda: self.session_bus.name_has_owner(WATCHER), 10, 'the tray watcher')
         self.watcher = self.session_bus.get_object(WATCHER, WATCHER_PATH)
 
@@ -183,6 +187,12 @@ class TrayDesktop:
         path = wait_for(lambda: str(item.Get(SNI_IFACE, 'Menu', dbus_interface=dbus.PROPERTIES_IFACE)),
                         timeout, 'the tray menu path')
         return TrayMenu(self.session_bus, service, path)
+
+    def register_host(self):
+        """A host registers with the running watcher, as a tray applet does once it is loaded."""
+        mock = dbus.Interface(self.watcher, MOCK_IFACE)
+        mock.UpdateProperties(WATCHER, {'IsStatusNotifierHostRegistered': dbus.Boolean(True)})
+        mock.EmitSignal(WATCHER, 'StatusNotifierHostRegistered', '', [])
 
     def notifications(self):
         """(summary, body) of every notification shown so far, oldest first."""

@@ -8,13 +8,14 @@ MAIN_IFACE = 'org.kde.StatusNotifierWatcher'
 SYSTEM_BUS = False
 
 
-def load(mock, parameters):  # pylint: disable=unused-argument
+def load(mock, parameters):
+    """parameters: {'host': False} for a watcher that no tray host has registered with yet."""
     mock.AddMethods(MAIN_IFACE, [
         ('RegisterStatusNotifierItem', 's', '', ''),
         ('RegisterStatusNotifierHost', 's', '', ''),
     ])
     mock.AddProperties(MAIN_IFACE, {
-        'IsStatusNotifierHostRegistered': dbus.Boolean(True),
+        'IsStatusNotifierHostRegistered': dbus.Boolean(parameters.get('host', True)),
         'ProtocolVersion': dbus.Int32(0),
         'RegisteredStatusNotifierItems': dbus.Array([], signature='s'),
     })

@@ -30,7 +30,6 @@ bool sameReceiver(const std::optional<QString>& a, const std::optional<QString>&
     return a && b && !a->isEmpty() && *a == *b;
 }
 
-// Items hand out copies of their own strings, so shared data settles most comparisons at once.
 // The receiver's name for a notification, as the menu shows it.
 QString receiverLabel(const ConnectionInfo& info) {
     const auto name = info.constFind(QStringLiteral("DeviceName"));
@@ -40,6 +39,7 @@ QString receiverLabel(const ConnectionInfo& info) {
     return QStringLiteral("the receiver");
 }
 
+// Items hand out copies of their own strings, so shared data settles most comparisons at once.
 bool sameText(const std::optional<QString>& a, const std::optional<QString>& b) {
     if (a.has_value() != b.has_value()) return false;
     if (!a) return true;
@@ -550,8 +550,7 @@ void AppDelegate::reportDeliveryFailure(const QString& receiver) {
     notify(QStringLiteral("Could not reach %1").arg(sender),
            QStringLiteral("%1 did not take %2: nothing answered on 127.0.0.1:%3. Restart %1 and choose %2 "
                           "again.")
-               .arg(sender, receiver)
-               .arg(kSenderDataPort));
+               .arg(sender, receiver, QString::number(kSenderDataPort)));
 }
 
 bool AppDelegate::ListenCmdFromSenderThread() { return m_listener->ListenCmdFromSenderThread(); }
