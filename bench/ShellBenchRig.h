@@ -66,7 +66,7 @@ struct ShellBenchRig {
         env.statusBar = makeStatusBar(dir.path());
         env.application = std::make_shared<BenchApplication>();
         env.launcher = [](const QByteArray&) { return 0; };
-        env.delivery = [](QByteArray) {};
+        env.delivery = [](QByteArray, DeliveryDone) {};
         env.sleeper = [this](std::chrono::microseconds) { time->runUntilIdle(); };
         env.listenerPort = std::nullopt;
         env.resourcePath = dir.path();

@@ -27,9 +27,9 @@
 
 #include "app/ReferenceTableLocation.h"
 #include "sender/ConnectionInfo.h"
-#include "sender/GetPID.h"
+#include "platform/linux/GetPID.h"
 #include "shell/AppDelegate.h"
-#include "shell/PathManager.h"
+#include "platform/linux/PathManager.h"
 #include "shell/ReferenceTable.h"
 
 namespace lumerix {

@@ -6,6 +6,7 @@
 #include <QMenu>
 #include <QSystemTrayIcon>
 
+#include "app/TrayHost.h"
 #include "log/Log.h"
 
 namespace lumerix {
@@ -35,17 +36,27 @@ void show(QAction* action, const TrayEntry& entry) {
 
 }  // namespace
 
-QtStatusItem::QtStatusItem(QString resourcesDir)
-    : resourcesDir_(std::move(resourcesDir)),
-      menu_(std::make_unique<QMenu>()),
-      tray_(std::make_unique<QSystemTrayIcon>()),
-      presenter_(*this) {
+QtStatusItem::QtStatusItem(QString resourcesDir, bool inTray)
+    : resourcesDir_(std::move(resourcesDir)), menu_(std::make_unique<QMenu>()), presenter_(*this) {
     menu_->setTitle(QStringLiteral("Lumerix"));
     QObject::connect(menu_.get(), &QMenu::aboutToShow, menu_.get(), [this] { menuOpen_ = true; });
     QObject::connect(menu_.get(), &QMenu::aboutToHide, menu_.get(), [this] { menuOpen_ = false; });
     QObject::connect(menu_.get(), &QMenu::triggered, menu_.get(),
                      [this](QAction* action) { activate(action); });
-    tray_->setToolTip(QStringLiteral("Lumerix"));
+    if (inTray) attachToTray();
+}
+
+QtStatusItem::~QtStatusItem() {
+    if (!tray_) return;
+    tray_->hide();
+    tray_->setContextMenu(nullptr);
+    tray_.reset();
+}
+
+void QtStatusItem::attachToTray() {
+    if (tray_) return;
+    tray_ = std::make_unique<QSystemTrayIcon>();
+    tray_->setToolTip(toolTip_);
     tray_->setContextMenu(menu_.get());
     // A left click opens the same menu, as a menu-bar item does.
     QObject::connect(tray_.get(), &QSystemTrayIcon::activated, menu_.get(),
@@ -53,12 +64,10 @@ QtStatusItem::QtStatusItem(QString resourcesDir)
                          if (reason == QSystemTrayIcon::Trigger && !menu_->isVisible())
                              menu_->popup(QCursor::pos());
                      });
-}
-
-QtStatusItem::~QtStatusItem() {
-    tray_->hide();
-    tray_->setContextMenu(nullptr);
-    tray_.reset();
+    if (!shownIcon_.isNull()) {
+        tray_->setIcon(shownIcon_);
+        tray_->show();
+    }
 }
 
 void QtStatusItem::setImage(const StatusImageRef& image) {
@@ -70,9 +79,17 @@ void QtStatusItem::setImage(const StatusImageRef& image) {
     if (key == shownImage_) return;
     shownImage_ = key;
     ++iconUpdates_;
-    tray_->setIcon(image ? iconFor(*image) : QIcon());
+    shownIcon_ = image ? iconFor(*image) : QIcon();
+    if (!tray_) return;
+    tray_->setIcon(shownIcon_);
     // Shown with its first icon: an icon-less tray item would be an empty slot.
     if (image && !tray_->isVisible()) tray_->show();
+}
+
+void QtStatusItem::setToolTip(const QString& text) {
+    if (text == toolTip_) return;
+    toolTip_ = text;
+    if (tray_) tray_->setToolTip(text);
 }
 
 QIcon QtStatusItem::iconFor(const StatusImage& image) {
@@ -124,16 +141,32 @@ void QtStatusItem::activate(QObject* action) {
     if (target_) target_->performMenuAction(item);
 }
 
+QtStatusBar::~QtStatusBar() = default;
+
 std::shared_ptr<QtStatusBar> QtStatusBar::makeStatusBar(const QString& resourcesDir) {
-    if (!QSystemTrayIcon::isSystemTrayAvailable()) {
-        Log::logf("No system tray on this desktop: running without a tray icon");
-        return nullptr;
+    if (TrayHost::isRunning()) return std::make_shared<QtStatusBar>(resourcesDir);
+    Log::logf("No system tray on this desktop: running without a tray icon");
+    auto bar = std::make_shared<QtStatusBar>(resourcesDir, false);
+    bar->hostWatch_ = std::make_unique<TrayHost>([weak = std::weak_ptr<QtStatusBar>(bar)] {
+        if (auto self = weak.lock()) self->trayHostAppeared();
+    });
+    return bar;
+}
+
+void QtStatusBar::trayHostAppeared() {
+    if (trayAvailable_) return;
+    trayAvailable_ = true;
+    Log::logf("A system tray came up: showing the tray icon");
+    for (const auto& waiting : waiting_) {
+        if (auto item = waiting.lock()) item->attachToTray();
     }
-    return std::make_shared<QtStatusBar>(resourcesDir);
+    waiting_.clear();
 }
 
 StatusItemRef QtStatusBar::statusItemWithLength(double) {
-    return std::make_shared<QtStatusItem>(resourcesDir_);
+    auto item = std::make_shared<QtStatusItem>(resourcesDir_, trayAvailable_);
+    if (!trayAvailable_) waiting_.push_back(item);
+    return item;
 }
 
 StatusImageRef QtStatusBar::imageNamed(const QString& name) {

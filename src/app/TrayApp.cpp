@@ -18,6 +18,8 @@
 #include "log/Log.h"
 #include "platform/linux/BluezPowerCheck.h"
 #include "platform/linux/GetPID.h"
+#include "platform/linux/DesktopEntry.h"
+#include "platform/linux/DesktopNotifier.h"
 #include "platform/linux/LogindWorkspace.h"
 #include "platform/linux/PathManager.h"
 #include "platform/linux/SenderLauncher.h"
@@ -80,17 +82,23 @@ int runTrayApp(int argc, char** argv, const CommandLine& options) {
     env.statusBar = QtStatusBar::makeStatusBar(PathManager::GetResourcePath());
     env.application = application;
     env.resourcePath = ReferenceTableLocation::defaultFolder(demo, PathManager::GetResourcePath());
-    if (demo) env.applicationSupportPath = ReferenceTableLocation::demoSupportFolder();
+    env.applicationSupportPath = demo ? ReferenceTableLocation::demoSupportFolder()
+                                      : PathManager::GetApplicationSupportPath().value_or(QString());
     env.workspace = std::make_shared<LogindWorkspace>(QDBusConnection::systemBus());
     env.launcher = &SenderLauncher::launchApplication;
     env.processLookup = &GetAllPIDsForProcessName;
-    env.delivery = [&delivery](QByteArray frame) { delivery.deliver(std::move(frame)); };
-    env.resourcePath = PathManager::GetResourcePath();
-    env.applicationSupportPath = PathManager::GetApplicationSupportPath().value_or(QString());
+    env.delivery = [&delivery](QByteArray frame, DeliveryDone done) {
+        delivery.deliver(std::move(frame), std::move(done));
+    };
     // The start-up Bluetooth check runs on a worker while the event loop starts; launching
     // finishes once it has answered, and the shell reads that answer.
     auto powered = std::make_shared<std::atomic<bool>>(true);
     env.bluetoothPowered = [powered] { return powered->load(); };
+    env.notifier = std::make_shared<DesktopNotifier>(QDBusConnection::sessionBus(), QStringLiteral("Lumerix"),
+                                                     QStringLiteral("lumerix"));
+    env.senderInstalled = [] {
+        return !desktopEntryPath(QLatin1String(AppDelegate::kSenderBundleIdentifier)).isEmpty();
+    };
 
     AppDelegate delegate(std::move(env));
     application->setWillTerminate([&delegate] { delegate.applicationWillTerminate(); });

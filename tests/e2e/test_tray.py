@@ -74,18 +74,21 @@ class Advertiser:
 
 
 class TrayCase(unittest.TestCase):
-    """A private desktop per case."""
+    """A private desktop per case; cases that need another kind of desktop start their own."""
+
+    START_DESKTOP = True
 
     def setUp(self):
-        self.start_desktop()
+        if self.START_DESKTOP:
+            self.start_desktop()
 
     def run(self, result=None):
         # Kept so that the clean-up below can tell whether this case failed.
         self.run_result = result
         return super().run(result)
 
-    def start_desktop(self, powered=True, tray=True):
-        self.desktop = trayharness.TrayDesktop(powered=powered, tray=tray)
+    def start_desktop(self, powered=True, tray=True, host=True):
+        self.desktop = trayharness.TrayDesktop(powered=powered, tray=tray, host=host)
         self.desktop.start()
         self.addCleanup(self.desktop.stop)
         self.frames = os.path.join(self.desktop.root, 'frames.jsonl')
@@ -263,6 +266,7 @@ class TrayTest(TrayCase):
         frames = wait_for(self.frames_received, 20, 'the launched sender to fetch its receiver')
         self.assertEqual(frames[0]['via'], 'fetch')
         self.assertEqual(frames[0]['fields'], ['10.0.0.6', 'Room B', '5607', 'Room B', ''], frames[0]['hex'])
+        self.assertEqual([summary for summary, _ in self.desktop.notifications()], ['Starting Sharvane for Room B\u2026'])
 
     def test_sleep_stops_scanning_wake_restarts_it_and_sigterm_saves(self):
         lab = [{'Device': 'Lab', 'Note': 'kept as is'}]
@@ -347,8 +351,7 @@ class InstalledTrayTest(TrayCase):
 
 
 class DegradedDesktopTest(TrayCase):
-    def setUp(self):
-        """Each case starts the desktop it needs."""
+    START_DESKTOP = False
 
     def test_bluetooth_off_alert_or_no_tray_still_ends_cleanly_and_saves(self):
         cases = [(False, True, 'is not powered on'), (True, False, 'No system tray on this desktop')]
@@ -366,6 +369,59 @@ class DegradedDesktopTest(TrayCase):
                 self.program.send_signal(signal.SIGTERM)
                 self.assertEqual(self.exit_status(), 0)
                 self.assertEqual([e['Device'] for e in self.saved_references()], DEFAULT_REFERENCES)
+
+
+class NoTrayHostTest(TrayCase):
+    START_DESKTOP = False
+
+    def test_no_tray_host_notifies_once_then_the_icon_comes_with_a_current_menu_and_tooltip(self):
+        # A watcher coming up later, or one that runs from the start but has no host until later.
+        for late_watcher in (True, False):
+            with self.subTest(late_watcher=late_watcher):
+                self.start_desktop(tray=not late_watcher, host=late_watcher)
+                self.start_tray()
+                self.wait_for_scanning()
+                ads = self.advertiser()
+                ads.add(ROOM_A, -55)
+                shown = wait_for(self.desktop.notifications, 10, 'the missing-tray notification')
+                self.assertEqual(len(shown), 1, shown)
+                self.assertIn('lumerix --scan', shown[0][1])
+                self.assertIn('StatusNotifierItem', shown[0][1])
+
+                if late_watcher:
+                    self.desktop.start_watcher()
+                else:
+                    self.desktop.register_host()
+                menu = self.desktop.tray_menu()
+                self.wait_for_titles(menu, ['Room A'] + DEFAULT_REFERENCES + FIXED_TAIL)
+
+                def tooltip():
+                    _, _, title, text = self.desktop.tray_item_property('ToolTip')
+                    return str(title) + str(text)
+
+                wait_for(lambda: 'Room A \u2014 \u221255 dBm, ' in tooltip(), 10, 'the receiver in the tooltip')
+                self.assertEqual(len(self.desktop.notifications()), 1)
+
+
+class SenderNotificationTest(TrayCase):
+    def test_sender_not_installed_then_running_without_its_port(self):
+        menu, _ = self.tray_showing([], [(ROOM_A, -55)], ['Room A'])
+        steps = [
+            # No desktop entry in the XDG data directories, no process.
+            (None, 'Sharvane is not installed'),
+            # A process named Sharvane, but nothing listening on 127.0.0.1:19314.
+            (self.start_sender, 'Could not reach Sharvane'),
+        ]
+        for prepare, summary in steps:
+            with self.subTest(summary):
+                if prepare:
+                    prepare()
+                before = len(self.desktop.notifications())
+                menu.click('Room A')
+                shown = wait_for(lambda: self.desktop.notifications()[before:], 10, summary)  # pylint: disable=cell-var-from-loop
+                self.assertEqual([s for s, _ in shown], [summary])
+                self.assertIn('Room A', shown[0][1])
+        self.assertEqual(self.frames_received(), [])
 
 
 if __name__ == '__main__':

@@ -1,4 +1,6 @@
-"""A private desktop for tray tests: Xvfb, private buses, a StatusNotifierWatcher, logind and BlueZ models."""
+"""A private desktop for tray tests: Xvfb, private buses, a StatusNotifierWatcher, a notification
+server, logind and BlueZ models."""
+import json
 import os
 import shutil
 import signal
@@ -15,6 +17,8 @@ from lxharness import MOCK_IFACE, stop_process, wait_for
 
 WATCHER = 'org.kde.StatusNotifierWatcher'
 WATCHER_PATH = '/StatusNotifierWatcher'
+WATCHER_TEMPLATE = os.path.join(os.path.dirname(os.path.abspath(__file__)), 'watcher_template.py')
+NOTIFICATIONS = 'org.freedesktop.Notifications'
 SNI_IFACE = 'org.kde.StatusNotifierItem'
 MENU_IFACE = 'com.canonical.dbusmenu'
 
@@ -47,9 +51,12 @@ class TrayMenu:
 class TrayDesktop:
     """The private desktop, all under one temporary directory; a context manager or start()/stop()."""
 
-    def __init__(self, powered=True, tray=True):
+    def __init__(self, powered=True, tray=True, host=True):
+        """tray: a StatusNotifierWatcher runs from the start; host: it has a host registered."""
         self.powered = powered
         self.tray = tray
+        self.host = host
+        self.watcher = self.notification_server = None
         self.procs = []
         self.files = []
         self.root = self.system = self.session = self.bluez = None
@@ -98,7 +105,10 @@ class TrayDesktop:
         os.environ.update(DBUS_SYSTEM_BUS_ADDRESS=self.system.address, DBUS_SESSION_BUS_ADDRESS=self.session.address)
         self.session_bus = self.session.connection
         if self.tray:
-            self._start_watcher()
+            self.start_watcher()
+        proc, self.notification_server = dbusmock.DBusTestCase.spawn_server_template(
+            'notification_daemon', {}, stdout=self._log('notifications.log'))
+        self.procs.append(proc)
         proc, self.logind = dbusmock.DBusTestCase.spawn_server_template('logind', {}, stdout=self._log('logind.log'))
         self.procs.append(proc)
         self.bluez = lxharness.Bluez(self.system)
@@ -130,18 +140,14 @@ class TrayDesktop:
         self.files.append(log)
         return log
 
-    def _start_watcher(self):
-        self.procs.append(dbusmock.DBusTestCase.spawn_server(WATCHER, WATCHER_PATH, WATCHER, system_bus=False,
-                                                             stdout=self._log('watcher.log')))
+    def start_watcher(self):
+        """Brings up the tray host (at start, or later for a desktop that had none). Its template is
+        loaded before it answers anything: a program waiting for a host calls it at once."""
+        self.procs.append(subprocess.Popen([lxharness.PYTHON, '-m', 'dbusmock', '--session', '--template',
+                                            WATCHER_TEMPLATE, '--parameters', json.dumps({'host': self.host})],
+                                           stdout=self._log('watcher.log')))
+        wait_for(lambda: self.session_bus.name_has_owner(WATCHER), 10, 'the tray watcher')
         self.watcher = self.session_bus.get_object(WATCHER, WATCHER_PATH)
-        mock = dbus.Interface(self.watcher, MOCK_IFACE)
-        mock.AddMethod(WATCHER, 'RegisterStatusNotifierItem', 's', '', '')
-        mock.AddMethod(WATCHER, 'RegisterStatusNotifierHost', 's', '', '')
-        mock.AddProperties(WATCHER, {
-            'IsStatusNotifierHostRegistered': dbus.Boolean(True),
-            'ProtocolVersion': dbus.Int32(0),
-            'RegisteredStatusNotifierItems': dbus.Array([], signature='s'),
-        })
 
     def stop(self):
         for proc in reversed(self.procs):
@@ -183,6 +189,17 @@ class TrayDesktop:
         path = wait_for(lambda: str(item.Get(SNI_IFACE, 'Menu', dbus_interface=dbus.PROPERTIES_IFACE)),
                         timeout, 'the tray menu path')
         return TrayMenu(self.session_bus, service, path)
+
+    def register_host(self):
+        """A host registers with the running watcher, as a tray applet does once it is loaded."""
+        mock = dbus.Interface(self.watcher, MOCK_IFACE)
+        mock.UpdateProperties(WATCHER, {'IsStatusNotifierHostRegistered': dbus.Boolean(True)})
+        mock.EmitSignal(WATCHER, 'StatusNotifierHostRegistered', '', [])
+
+    def notifications(self):
+        """(summary, body) of every notification shown so far, oldest first."""
+        calls = dbus.Interface(self.notification_server, MOCK_IFACE).GetMethodCalls('Notify')
+        return [(str(args[3]), str(args[4])) for _, args in calls]
 
     def tray_item_property(self, name):
         return self.tray_item()[1].Get(SNI_IFACE, name, dbus_interface=dbus.PROPERTIES_IFACE)

@@ -4,6 +4,7 @@
 // hands deliver() to the shell as its SenderDelivery.
 #include <QByteArray>
 #include <cstdint>
+#include <functional>
 
 #include "dispatch/ThreadQueue.h"
 #include "sender/ConnectionInfo.h"
@@ -18,8 +19,9 @@ public:
     DeliveryWorker(const DeliveryWorker&) = delete;
     DeliveryWorker& operator=(const DeliveryWorker&) = delete;
 
-    // Returns at once; SendDataToOndrel runs on the worker thread.
-    void deliver(QByteArray frame);
+    // Returns at once; SendDataToOndrel runs on the worker thread, which then tells done (when set)
+    // whether the whole frame was sent.
+    void deliver(QByteArray frame, std::function<void(bool delivered)> done = nullptr);
 
 private:
     uint16_t port_;

@@ -122,11 +122,11 @@ uint64_t MainController::GeneralPacket(uint8_t* buffer, uint64_t bufferLength,
     return length + 2;
 }
 
-void MainController::SendDataToOndrel(const uint8_t* buffer, uint64_t bufferLength, uint16_t port) {
+bool MainController::SendDataToOndrel(const uint8_t* buffer, uint64_t bufferLength, uint16_t port) {
     const int fd = ::socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
     if (fd == -1) {
         printAndFlush("create socket fail");
-        return;  // every later step would only fail on the invalid descriptor
+        return false;  // every later step would only fail on the invalid descriptor
     }
 
     sockaddr_in address{};
@@ -140,6 +140,7 @@ void MainController::SendDataToOndrel(const uint8_t* buffer, uint64_t bufferLeng
     }
     ::fcntl(fd, F_SETFL, O_NONBLOCK);
 
+    bool connected = true;
     if (::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == -1) {
         // poll rather than select: a descriptor beyond FD_SETSIZE must not overflow an fd_set.
         pollfd waitFor{fd, POLLOUT, 0};
@@ -147,7 +148,7 @@ void MainController::SendDataToOndrel(const uint8_t* buffer, uint64_t bufferLeng
         do {
             ready = ::poll(&waitFor, 1, kTimeoutSeconds * 1000);
         } while (ready == -1 && errno == EINTR);
-        bool connected = false;
+        connected = false;
         if (ready > 0) {
             int32_t error = 0;
             socklen_t errorLength = sizeof error;
@@ -159,8 +160,9 @@ void MainController::SendDataToOndrel(const uint8_t* buffer, uint64_t bufferLeng
     int blocking = 0;
     ::ioctl(fd, FIONBIO, &blocking);
     ::setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &sendTimeout, sizeof sendTimeout);
-    ::send(fd, buffer, static_cast<size_t>(bufferLength), kSendFlags);
+    const ssize_t sent = ::send(fd, buffer, static_cast<size_t>(bufferLength), kSendFlags);
     ::close(fd);
+    return connected && sent >= 0 && static_cast<uint64_t>(sent) == bufferLength;
 }
 
 }  // namespace lumerix

@@ -16,8 +16,9 @@ struct MainController {
     static uint64_t GeneralPacket(uint8_t* buffer, uint64_t bufferLength, const ConnectionInfo& userInfo);
 
     // One TCP connection to 127.0.0.1:port per frame: connect (30 s), send once, close.
-    // Failures are printed to standard output, never returned. The program must ignore SIGPIPE.
-    static void SendDataToOndrel(const uint8_t* buffer, uint64_t bufferLength,
+    // Failures are printed to standard output; true when the whole frame was sent. The program
+    // must ignore SIGPIPE.
+    static bool SendDataToOndrel(const uint8_t* buffer, uint64_t bufferLength,
                                  uint16_t port = kSenderDataPort);
 };
 

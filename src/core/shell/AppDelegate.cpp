@@ -27,6 +27,15 @@ bool sameReceiver(const std::optional<QString>& a, const std::optional<QString>&
     return a && b && !a->isEmpty() && *a == *b;
 }
 
+// The receiver's name for a notification, as the menu shows it.
+QString receiverLabel(const ConnectionInfo& info) {
+    const auto name = info.constFind(QStringLiteral("DeviceName"));
+    if (name != info.constEnd() && !name->isEmpty()) return *name;
+    const auto ip = info.constFind(QStringLiteral("IP"));
+    if (ip != info.constEnd() && !ip->isEmpty()) return *ip;
+    return QStringLiteral("the receiver");
+}
+
 // Items hand out copies of their own strings, so shared data settles most comparisons at once.
 bool sameText(const std::optional<QString>& a, const std::optional<QString>& b) {
     if (a.has_value() != b.has_value()) return false;
@@ -48,11 +57,13 @@ AppDelegate::AppDelegate(ShellEnvironment env) : env_(std::move(env)) {
     if (!env_.bluetoothPowered) env_.bluetoothPowered = [] { return true; };
     if (!env_.sleeper)
         env_.sleeper = [](std::chrono::microseconds pause) { std::this_thread::sleep_for(pause); };
+    if (!env_.senderInstalled) env_.senderInstalled = [] { return true; };
     m_listener = std::make_unique<CommandListener>(m_pDictTargetDevice, m_bAppIsClosing,
                                                    env_.listenerPort.value_or(kSenderCommandPort));
 }
 
 AppDelegate::~AppDelegate() {
+    toolTip_.reset();
     if (m_pCheckTimeoutTimer) m_pCheckTimeoutTimer->cancel();
     m_pCheckTimeoutTimer.reset();
     if (menuRebuildTimer_) menuRebuildTimer_->cancel();
@@ -107,6 +118,13 @@ void AppDelegate::applicationDidFinishLaunching() {
 
     LoadReferenceTable();
     InitStatusBar();
+    if (env_.statusBar && !env_.statusBar->isTrayAvailable()) {
+        notify(QStringLiteral("Lumerix has no tray icon on this desktop"),
+               QStringLiteral(
+                   "This desktop runs no system tray. Install one, such as the AppIndicator extension "
+                   "on GNOME or any StatusNotifierItem host, and the Lumerix icon appears at once. "
+                   "Meanwhile \"lumerix --scan\" lists the receivers nearby in a terminal."));
+    }
     StartScanBeacon();
     UpdateMenuOfStatusBar();
 
@@ -298,6 +316,24 @@ void AppDelegate::InitStatusBar() {
     if (!m_pStatusItem) return;
     m_pStatusItem->setTarget(this);
     m_pStatusItem->setImage(m_pNormal_Disable_IconImage);
+    if (!toolTip_) {
+        toolTip_ = std::make_unique<ReceiverToolTip>(
+            env_.mainQueue, [this] { return toolTipLines(); },
+            [this](const QString& text) {
+                if (m_pStatusItem) m_pStatusItem->setToolTip(text);
+            });
+    }
+}
+
+std::vector<ReceiverToolTip::Line> AppDelegate::toolTipLines() const {
+    std::vector<ReceiverToolTip::Line> lines;
+    lines.reserve(m_pDiscoveredDeviceAry.size());
+    for (const QVLumerixItemRef& item : m_pDiscoveredDeviceAry) {
+        std::optional<QString> name = item->receiverName();
+        if (!name) continue;  // not in the menu either
+        lines.push_back({std::move(*name), item->aveRssi(), item->aliveDuration()});
+    }
+    return lines;
 }
 
 std::vector<MenuItemRef> AppDelegate::makeFixedMenuItems() const {
@@ -421,6 +457,7 @@ void AppDelegate::UpdateMenu() {
         m_pStatusItem->setImage(n == 0 ? m_pNormal_Disable_IconImage : m_pNormal_IconImage);
         m_pStatusItem->setMenu(m_pStatusMenu);
     }
+    if (toolTip_) toolTip_->setNeedsUpdate();
 }
 
 void AppDelegate::OnTimer(const DispatchTimerRef& timer) {
@@ -519,8 +556,9 @@ void AppDelegate::DeviceConnectAction(const MenuItemRef& sender) {
     if (count == 0) {
         // The sender asks for the receiver on the command listener once it is up. Parked before
         // the launch so that a sender quicker than the launcher's return still finds it.
-        m_pDictTargetDevice.park(std::move(info));
-        if (env_.launcher) env_.launcher(QByteArray(kSenderBundleIdentifier));
+        m_pDictTargetDevice.park(info);
+        const int status = env_.launcher ? env_.launcher(QByteArray(kSenderBundleIdentifier)) : -1;
+        reportLaunch(info, status);
         return;
     }
     deliverFrame(info);
@@ -536,8 +574,46 @@ void AppDelegate::deliverFrame(const ConnectionInfo& info) {
             QStringLiteral("DeviceConnectAction: the receiver's details do not fit a frame; nothing sent"));
         return;
     }
-    if (env_.delivery)
-        env_.delivery(QByteArray(reinterpret_cast<const char*>(buffer), static_cast<qsizetype>(length)));
+    if (!env_.delivery) return;
+    DeliveryDone done = [this, queue = env_.mainQueue, alive = std::weak_ptr<bool>(alive_),
+                         receiver = receiverLabel(info)](bool delivered) {
+        if (delivered || !queue) return;
+        queue->async([this, alive, receiver] {
+            if (alive.lock()) reportDeliveryFailure(receiver);
+        });
+    };
+    env_.delivery(QByteArray(reinterpret_cast<const char*>(buffer), static_cast<qsizetype>(length)),
+                  std::move(done));
+}
+
+void AppDelegate::notify(QString summary, QString body) {
+    if (env_.notifier) env_.notifier->notify({std::move(summary), std::move(body)});
+}
+
+void AppDelegate::reportLaunch(const ConnectionInfo& info, int launcherStatus) {
+    const QString sender = QLatin1String(kSenderDisplayName);
+    const QString receiver = receiverLabel(info);
+    if (!env_.senderInstalled()) {
+        notify(sender + QStringLiteral(" is not installed"),
+               QStringLiteral("Install %1 to share your screen with %2.").arg(sender, receiver));
+    } else if (launcherStatus != 0) {
+        Log::logf("DeviceConnectAction: the launcher ended with status %d", launcherStatus);
+        notify(QStringLiteral("%1 could not be started").arg(sender),
+               QStringLiteral("Start %1 yourself, then choose %2 again.").arg(sender, receiver));
+    } else {
+        notify(QStringLiteral("Starting %1 for %2").arg(sender, receiver) + QChar(0x2026),
+               QStringLiteral("%1 connects to %2 as soon as it is up.").arg(sender, receiver));
+    }
+}
+
+void AppDelegate::reportDeliveryFailure(const QString& receiver) {
+    const QString sender = QLatin1String(kSenderDisplayName);
+    Log::logf("DeviceConnectAction: %s did not take the connection details on port %u",
+              qUtf8Printable(sender), static_cast<unsigned>(kSenderDataPort));
+    notify(QStringLiteral("Could not reach %1").arg(sender),
+           QStringLiteral("%1 did not take %2: nothing answered on 127.0.0.1:%3. Restart %1 and choose %2 "
+                          "again.")
+               .arg(sender, receiver, QString::number(kSenderDataPort)));
 }
 
 bool AppDelegate::ListenCmdFromSenderThread() { return m_listener->ListenCmdFromSenderThread(); }

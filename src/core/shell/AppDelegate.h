@@ -19,6 +19,7 @@
 #include "receiver/QVLumerixItem.h"
 #include "sender/CommandListener.h"
 #include "sender/ConnectionInfo.h"
+#include "shell/ReceiverToolTip.h"
 #include "shell/ShellPorts.h"
 
 namespace lumerix {
@@ -35,6 +36,7 @@ public:
     static constexpr const char* kReferenceTableFileName = "ReferenceTable.plist";
     static constexpr const char* kDefaultReferenceTableFileName = "DefaultReferenceTable.plist";
     static constexpr const char* kUnreadableSuffix = ".unreadable";
+    static constexpr const char* kSenderDisplayName = "Sharvane";
 
     explicit AppDelegate(ShellEnvironment env);
     // dealloc: stops the timers and the listener, lets go of the handler.
@@ -106,6 +108,10 @@ private:
     void centralStateChanged(int state);
     std::vector<MenuItemRef> makeFixedMenuItems() const;
     void deliverFrame(const ConnectionInfo& info);
+    void notify(QString summary, QString body);
+    void reportLaunch(const ConnectionInfo& info, int launcherStatus);
+    void reportDeliveryFailure(const QString& receiver);
+    std::vector<ReceiverToolTip::Line> toolTipLines() const;
     void keepUnreadableReferenceTable(const QString& path);
 
     ShellEnvironment env_;
@@ -156,6 +162,7 @@ private:
     bool listenerStarted_ = false;
     // The saved table could not be read at launch; it is kept aside before being overwritten.
     bool referenceTableUnreadable_ = false;
+    std::unique_ptr<ReceiverToolTip> toolTip_;
     // Declared last: its thread reads the slot and the closing flag above until it is joined.
     std::unique_ptr<CommandListener> m_listener;
 };

@@ -32,17 +32,20 @@ int Menu::indexOfItem(const MenuItemRef& item) const {
 void Menu::addItem(MenuItemRef item) {
     if (!item) return;
     items_.push_back(std::move(item));
+    ++revision_;
 }
 
 void Menu::insertItem(MenuItemRef item, int index) {
     if (!item) return;
     if (index < 0 || index > numberOfItems()) index = numberOfItems();
     items_.insert(items_.begin() + index, std::move(item));
+    ++revision_;
 }
 
 void Menu::removeAllItems() {
     if (items_.empty()) return;
     items_.clear();
+    ++revision_;
 }
 
 void Menu::setItems(const std::vector<MenuItemRef>& items) {

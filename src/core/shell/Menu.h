@@ -63,6 +63,7 @@ public:
 private:
     QString title_;
     std::vector<MenuItemRef> items_;
+    uint64_t revision_ = 0;
 };
 using MenuRef = std::shared_ptr<Menu>;
 

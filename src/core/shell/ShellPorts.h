@@ -1,8 +1,8 @@
 #pragma once
 // The desktop as the shell sees it. AppDelegate reaches the status bar, alerts, the application
-// object, sleep/wake notices, the Bluetooth power check, the sender launcher and delivery, and the
-// scanning handler only through these small interfaces; the tray adapter implements them for real
-// and unit tests implement them in-process.
+// object, sleep/wake notices, desktop notifications, the Bluetooth power check, the sender launcher
+// and delivery, and the scanning handler only through these small interfaces; the tray adapter implements
+// them for real and unit tests implement them in-process.
 //
 // Notes for implementers:
 // - Every call from the shell happens on the main queue, and every call into the shell (menu
@@ -60,15 +60,20 @@ public:
     virtual void setMenu(const MenuRef& menu) = 0;           // called on every rebuild
     // True while the user has the menu open; the periodic rebuild skips its tick then.
     virtual bool isMenuOpen() const = 0;
+    // Plain text shown when the pointer rests on the icon.
+    virtual void setToolTip(const QString& text) {}
 };
 using StatusItemRef = std::shared_ptr<StatusItem>;
 
 inline constexpr double kVariableStatusItemLength = -1.0;
 
-// The system tray. A desktop without one is represented by a null StatusBar pointer.
+// The system tray. A null StatusBar pointer stands for a session with no desktop at all.
 class StatusBar {
 public:
     virtual ~StatusBar() = default;
+    // False while the desktop runs no tray host: items made meanwhile stay hidden and appear, with
+    // what they were last given, once a host comes up.
+    virtual bool isTrayAvailable() const { return true; }
     // Null when no item can be created.
     virtual StatusItemRef statusItemWithLength(double length) = 0;
     // Null when the resource is missing.
@@ -96,6 +101,20 @@ public:
     virtual int runModal(const Alert& alert) = 0;
     // The standard About box from the application's own name and version.
     virtual void orderFrontStandardAboutPanel() = 0;
+};
+
+// A desktop notification: a one-line summary and a plain-text body.
+struct Notification {
+    QString summary;
+    QString body;
+};
+
+// Desktop notifications (org.freedesktop.Notifications on Linux). Fire and forget: never blocks,
+// and shows nothing when the desktop has no notification server.
+class Notifier {
+public:
+    virtual ~Notifier() = default;
+    virtual void notify(const Notification& notification) = 0;
 };
 
 // Sleep and wake notices of the session (logind PrepareForSleep on Linux).
@@ -137,9 +156,14 @@ using Launcher = std::function<int(const QByteArray& bundleIdentifier)>;
 // Same contract as GetAllPIDsForProcessName.
 using ProcessLookup = std::function<int(const char* name, uint32_t uid, int32_t* pids, uint32_t capacity,
                                         uint32_t* count, int* error)>;
+// True when the sender application is installed (Linux: its desktop entry is found).
+using SenderInstallCheck = std::function<bool()>;
+// Told once whether a frame reached the sender; may be called on any thread.
+using DeliveryDone = std::function<void(bool delivered)>;
 // Delivers one frame to the sender's data port. Frames must arrive in the order given; the call
-// should return at once (production sends from a DeliveryWorker's thread).
-using SenderDelivery = std::function<void(QByteArray frame)>;
+// should return at once (production sends from a DeliveryWorker's thread) and call done when
+// the outcome is known.
+using SenderDelivery = std::function<void(QByteArray frame, DeliveryDone done)>;
 // Pauses the calling thread (usleep); tests count the calls instead.
 using Sleeper = std::function<void(std::chrono::microseconds)>;
 
@@ -152,8 +176,10 @@ struct ShellEnvironment {
     std::shared_ptr<StatusBar> statusBar;           // null: no tray
     std::shared_ptr<ShellApplication> application;  // required
     std::shared_ptr<Workspace> workspace;           // null: no sleep/wake notices
+    std::shared_ptr<Notifier> notifier;             // null: no desktop notifications
     BluetoothPowerCheck bluetoothPowered;           // default: always true
     Launcher launcher;                              // null: the sender is never launched
+    SenderInstallCheck senderInstalled;             // null: taken as installed
     ProcessLookup processLookup;                    // null: the sender never counts as running
     SenderDelivery delivery;                        // null: frames are dropped
     Sleeper sleeper;                                // default: std::this_thread::sleep_for

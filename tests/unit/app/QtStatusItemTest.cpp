@@ -134,5 +134,35 @@ TEST_F(QtStatusItemTest, IconChangesOnlyWhenTheImageDoes) {
     EXPECT_TRUE(item.trayIcon()->icon().isNull());
 }
 
+// Without a tray host the item keeps its menu, icon and tooltip, and shows them when one comes up.
+TEST_F(QtStatusItemTest, ItemMadeWithoutATrayHostAppearsWithWhatItWasGiven) {
+    QtStatusBar bar(kResources, false);
+    EXPECT_FALSE(bar.isTrayAvailable());
+    const auto item =
+        std::dynamic_pointer_cast<QtStatusItem>(bar.statusItemWithLength(kVariableStatusItemLength));
+    ASSERT_TRUE(item);
+    const StatusImageRef normal = bar.imageNamed(QStringLiteral("Normal_Icon"));
+    normal->setTemplate(true);
+    item->setImage(normal);
+    item->setMenu(menuOf("Room A|---|Exit"));
+    item->setToolTip(QStringLiteral("Lumerix\nRoom A"));
+    EXPECT_EQ(item->trayIcon(), nullptr);
+
+    bar.trayHostAppeared();
+    EXPECT_TRUE(bar.isTrayAvailable());
+    QSystemTrayIcon* tray = item->trayIcon();
+    ASSERT_NE(tray, nullptr);
+    EXPECT_TRUE(tray->icon().isMask());
+    EXPECT_FALSE(tray->icon().pixmap(22, 22).isNull());
+    EXPECT_EQ(tray->toolTip(), QStringLiteral("Lumerix\nRoom A"));
+    ASSERT_EQ(tray->contextMenu(), item->menu());
+    EXPECT_EQ(shownTitles(item->menu()), titlesOf("Room A|---|Exit"));
+
+    item->setToolTip(QStringLiteral("Lumerix"));
+    EXPECT_EQ(tray->toolTip(), QStringLiteral("Lumerix"));
+    bar.trayHostAppeared();
+    EXPECT_EQ(item->trayIcon(), tray) << "made once";
+}
+
 }  // namespace
 }  // namespace lumerix

@@ -25,11 +25,14 @@ TEST(SendDataToOndrel, DeliversExactlyTheCountThenEndOfStream) {
         uint16_t port = 0;
         const int server = boundSocket(&port, true);
         testing::internal::CaptureStdout();
-        std::thread sender([&] { MainController::SendDataToOndrel(payload.data(), payload.size(), port); });
+        bool delivered = false;
+        std::thread sender(
+            [&] { delivered = MainController::SendDataToOndrel(payload.data(), payload.size(), port); });
         const int connection = ::accept(server, nullptr, nullptr);
         ASSERT_NE(connection, -1);
         EXPECT_EQ(readReply(connection), payload);
         sender.join();
+        EXPECT_TRUE(delivered);
         EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
         ::close(connection);
         ::close(server);
@@ -38,7 +41,7 @@ TEST(SendDataToOndrel, DeliversExactlyTheCountThenEndOfStream) {
     uint16_t port = 0;
     const int notListening = boundSocket(&port, false);  // holds the port so nobody else listens there
     testing::internal::CaptureStdout();
-    MainController::SendDataToOndrel(kRequest.data(), kRequest.size(), port);
+    EXPECT_FALSE(MainController::SendDataToOndrel(kRequest.data(), kRequest.size(), port));
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "socket connect fail");
     ::close(notListening);
 }

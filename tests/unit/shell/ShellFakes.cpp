@@ -17,10 +17,12 @@ ShellRig::ShellRig() {
     env.statusBar = statusBar;
     env.application = application;
     env.workspace = workspace;
+    env.notifier = notifier;
+    env.senderInstalled = [this] { return senderInstalled; };
     env.bluetoothPowered = [this] { return bluetoothOn; };
     env.launcher = [this](const QByteArray& command) {
         commands.push_back(command);
-        return 0;
+        return launcherStatus;
     };
     env.processLookup = [this](const char* name, uint32_t, int32_t* pids, uint32_t capacity, uint32_t* count,
                                int*) {
@@ -29,7 +31,10 @@ ShellRig::ShellRig() {
         for (uint32_t i = 0; i < *count; ++i) pids[i] = static_cast<int32_t>(100 + i);
         return senderProcesses == 0 ? -1 : 0;
     };
-    env.delivery = [this](QByteArray frame) { frames.push_back(std::move(frame)); };
+    env.delivery = [this](QByteArray frame, DeliveryDone done) {
+        frames.push_back(std::move(frame));
+        deliveries.push_back(std::move(done));
+    };
     env.sleeper = [this](std::chrono::microseconds pause) {
         EXPECT_EQ(pause.count(), 10000);
         ++pauses;

@@ -22,8 +22,10 @@ public:
         ++menuAttachCount;
     }
     bool isMenuOpen() const override { return menuOpen; }
+    void setToolTip(const QString& text) override { toolTips.push_back(text); }
 
     MenuActionTarget* target = nullptr;
+    std::vector<QString> toolTips;
     StatusImageRef image;
     MenuRef menu;
     int menuAttachCount = 0;
@@ -34,7 +36,9 @@ class FakeStatusBar final : public StatusBar {
 public:
     StatusItemRef statusItemWithLength(double) override { return item; }
     StatusImageRef imageNamed(const QString& name) override { return std::make_shared<StatusImage>(name); }
+    bool isTrayAvailable() const override { return trayAvailable; }
 
+    bool trayAvailable = true;
     std::shared_ptr<FakeStatusItem> item = std::make_shared<FakeStatusItem>();
 };
 
@@ -51,6 +55,12 @@ public:
     int hideCount = 0;
     int terminateCount = 0;
     std::vector<Alert> alerts;
+};
+
+class FakeNotifier final : public Notifier {
+public:
+    void notify(const Notification& n) override { shown.push_back(n); }
+    std::vector<Notification> shown;
 };
 
 class FakeWorkspace final : public Workspace {
@@ -122,12 +132,16 @@ public:
     std::shared_ptr<FakeStatusBar> statusBar = std::make_shared<FakeStatusBar>();
     std::shared_ptr<FakeApplication> application = std::make_shared<FakeApplication>();
     std::shared_ptr<FakeWorkspace> workspace = std::make_shared<FakeWorkspace>();
+    std::shared_ptr<FakeNotifier> notifier = std::make_shared<FakeNotifier>();
     std::vector<std::shared_ptr<HandlerLog>> handlers;  // one per handler made, in order
     int scanFailures = 0;
     bool bluetoothOn = true;
     uint32_t senderProcesses = 0;
+    bool senderInstalled = true;
+    int launcherStatus = 0;
     std::vector<QByteArray> commands;
     std::vector<QByteArray> frames;
+    std::vector<DeliveryDone> deliveries;  // one per frame, to report its outcome
     int pauses = 0;
     ShellEnvironment env;
     std::unique_ptr<AppDelegate> shell;
