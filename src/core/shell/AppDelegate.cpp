@@ -366,12 +366,15 @@ void AppDelegate::OnTimer(const DispatchTimerRef& timer) {
     if (!timer || timer != m_pCheckTimeoutTimer) return;
     if (m_pDiscoveredDeviceAry.empty()) return;
     const double nowMs = env_.clock->nowMs();
+    bool removed = false;
     for (size_t i = m_pDiscoveredDeviceAry.size(); i-- > 0;) {
         const auto alive = m_pDiscoveredDeviceAry[i]->aliveDuration();
         if (alive && nowMs - *alive > kReceiverTimeoutMs) {
             m_pDiscoveredDeviceAry.erase(m_pDiscoveredDeviceAry.begin() + static_cast<std::ptrdiff_t>(i));
+            removed = true;
         }
     }
+    if (removed) notifyReceiversChanged();
 }
 
 void AppDelegate::lumerixDidDiscoverItem(const QVLumerixItemRef& item) {
@@ -400,6 +403,7 @@ void AppDelegate::lumerixDidDiscoverItem(const QVLumerixItemRef& item) {
     m_pDiscoveredDeviceAry = reorderBySignalStrength(std::move(m_pDiscoveredDeviceAry),
                                                      [](const QVLumerixItemRef& e) { return e->aveRssi(); });
     UpdateMenuOfStatusBar();
+    notifyReceiversChanged();
 }
 
 // ---- Sender link -------------------------------------------------------------------------------
@@ -436,8 +440,18 @@ void AppDelegate::DeviceConnectAction(const MenuItemRef& sender) {
                   static_cast<long long>(m_pDiscoveredDevice.size()));
         return;
     }
-    const ReceiverDictionary& receiver = m_pDiscoveredDevice[static_cast<qsizetype>(position)];
+    ConnectReceiver(m_pDiscoveredDevice[static_cast<qsizetype>(position)]);
+}
 
+AppDelegate::ConnectOutcome AppDelegate::ConnectReceiver(const ReceiverDictionary& receiver) {
+    return ConnectReceiver(receiver, env_.launcher, env_.processLookup, env_.delivery, m_pDictTargetDevice);
+}
+
+AppDelegate::ConnectOutcome AppDelegate::ConnectReceiver(const ReceiverDictionary& receiver,
+                                                         const Launcher& launcher,
+                                                         const ProcessLookup& processLookup,
+                                                         const SenderDelivery& delivery,
+                                                         PendingConnectionSlot& slot) {
     ConnectionInfo info;
     if (auto it = receiver.constFind(kKeyIP); it != receiver.constEnd()) info.insert(kKeyIP, *it);
     if (auto it = receiver.constFind(kKeyLoginCode); it != receiver.constEnd())
@@ -451,29 +465,30 @@ void AppDelegate::DeviceConnectAction(const MenuItemRef& sender) {
     int32_t pids[kProcessIdCapacity] = {};
     uint32_t count = 0;
     int error = 0;
-    env_.processLookup(kSenderProcessName, 0, pids, kProcessIdCapacity, &count, &error);
+    processLookup(kSenderProcessName, 0, pids, kProcessIdCapacity, &count, &error);
 
     if (count == 0) {
         // The sender asks for the receiver on the command listener once it is up. Parked before
         // the launch so that a sender quicker than the launcher's return still finds it.
-        m_pDictTargetDevice.park(std::move(info));
-        env_.launcher(SenderLaunchCommand());
-        return;
+        slot.park(std::move(info));
+        launcher(SenderLaunchCommand());
+        return ConnectOutcome::Launched;
     }
-    deliverFrame(info);
+    return deliverFrame(info, delivery) ? ConnectOutcome::Sent : ConnectOutcome::NotSent;
 }
 
-void AppDelegate::SendDataToOndrelTimer(const ConnectionInfo& userInfo) { deliverFrame(userInfo); }
+void AppDelegate::SendDataToOndrelTimer(const ConnectionInfo& userInfo) { deliverFrame(userInfo, env_.delivery); }
 
-void AppDelegate::deliverFrame(const ConnectionInfo& info) {
+bool AppDelegate::deliverFrame(const ConnectionInfo& info, const SenderDelivery& delivery) {
     uint8_t buffer[kFrameBufferSize] = {};
     const uint64_t length = MainController::GeneralPacket(buffer, kFrameBufferSize, info);
     if (length == 0) {
         Log::write(
             QStringLiteral("DeviceConnectAction: the receiver's details do not fit a frame; nothing sent"));
-        return;
+        return false;
     }
-    env_.delivery(QByteArray(reinterpret_cast<const char*>(buffer), static_cast<qsizetype>(length)));
+    delivery(QByteArray(reinterpret_cast<const char*>(buffer), static_cast<qsizetype>(length)));
+    return true;
 }
 
 bool AppDelegate::ListenCmdFromSenderThread() { return m_listener->ListenCmdFromSenderThread(); }

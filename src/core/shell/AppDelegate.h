@@ -6,6 +6,7 @@
 #include <QByteArray>
 #include <QVariantList>
 #include <atomic>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <unordered_map>
@@ -79,6 +80,16 @@ public:
     // Sender link.
     void performMenuAction(const MenuItemRef& item) override;
     void DeviceConnectAction(const MenuItemRef& sender);
+    enum class ConnectOutcome { Sent, Launched, NotSent };
+    // The connect action on a receiver's own dictionary (no menu position involved): sent to the
+    // running sender, or parked in `slot` and the sender launched. Used by the menu and by
+    // requests from outside (D-Bus, the command line without a tray).
+    static ConnectOutcome ConnectReceiver(const ReceiverDictionary& receiver, const Launcher& launcher,
+                                          const ProcessLookup& processLookup, const SenderDelivery& delivery,
+                                          PendingConnectionSlot& slot);
+    ConnectOutcome ConnectReceiver(const ReceiverDictionary& receiver);
+    // Told on the main queue whenever the receiver list may have changed (null: nobody).
+    void setReceiversObserver(std::function<void()> observer) { receiversObserver_ = std::move(observer); }
     void SendDataToOndrelTimer(const ConnectionInfo& userInfo);
     // The listener's thread body, run on the calling thread; false when it could not listen. The
     // launch starts it on its own thread already (unless the environment turns it off).
@@ -102,7 +113,10 @@ public:
     CommandListener* commandListener() const { return m_listener.get(); }
 
 private:
-    void deliverFrame(const ConnectionInfo& info);
+    static bool deliverFrame(const ConnectionInfo& info, const SenderDelivery& delivery);
+    void notifyReceiversChanged() {
+        if (receiversObserver_) receiversObserver_();
+    }
     void keepUnreadableReferenceTable(const QString& path);
 
     ShellEnvironment env_;
@@ -131,6 +145,7 @@ private:
     std::unordered_map<const QVLumerixItem*, CachedDictionary> dictionaryCache_;
     DispatchTimerRef menuRebuildTimer_;
     bool observingWorkspace_ = false;
+    std::function<void()> receiversObserver_;
     bool listenerStarted_ = false;
     // The saved table could not be read at launch; it is kept aside before being overwritten.
     bool referenceTableUnreadable_ = false;
