@@ -103,10 +103,9 @@ AdvertisementTrace AdvertisementTrace::parse(const QByteArray& text) {
         else
             trace.problems.append(QStringLiteral("line %1: %2").arg(i + 1).arg(error));
     }
-    std::stable_sort(trace.advertisements.begin(), trace.advertisements.end(),
-                     [](const TracedAdvertisement& a, const TracedAdvertisement& b) {
-                         return a.offsetMs < b.offsetMs;
-                     });
+    std::stable_sort(
+        trace.advertisements.begin(), trace.advertisements.end(),
+        [](const TracedAdvertisement& a, const TracedAdvertisement& b) { return a.offsetMs < b.offsetMs; });
     return trace;
 }
 

@@ -203,8 +203,9 @@ struct SimulatedCentral::Core : std::enable_shared_from_this<Core> {
                 slot = static_cast<uint64_t>(std::ceil((now - r.appearAtMs) / r.intervalMs));
             schedule(i, slot);
         }
-        const auto next = std::lower_bound(trace.begin(), trace.end(), now,
-                                           [](const TracedAdvertisement& a, double t) { return a.offsetMs < t; });
+        const auto next =
+            std::lower_bound(trace.begin(), trace.end(), now,
+                             [](const TracedAdvertisement& a, double t) { return a.offsetMs < t; });
         scheduleTrace(static_cast<size_t>(next - trace.begin()));
     }
 
@@ -258,8 +259,9 @@ SimulatedCentral::SimulatedCentral(BleCentralDelegate* delegate, DispatchQueue* 
         core_->players.push_back(std::move(p));
     }
     core_->trace = std::move(scenario.trace);
-    std::stable_sort(core_->trace.begin(), core_->trace.end(),
-                     [](const TracedAdvertisement& a, const TracedAdvertisement& b) { return a.offsetMs < b.offsetMs; });
+    std::stable_sort(
+        core_->trace.begin(), core_->trace.end(),
+        [](const TracedAdvertisement& a, const TracedAdvertisement& b) { return a.offsetMs < b.offsetMs; });
     core_->report([initialState](BleCentralDelegate& d) { d.centralManagerDidUpdateState(initialState); });
 }
 

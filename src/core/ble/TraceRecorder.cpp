@@ -17,11 +17,13 @@ public:
     void scanForPeripherals(bool allowDuplicates) override { inner_->scanForPeripherals(allowDuplicates); }
     void stopScan() override { inner_->stopScan(); }
     void connectPeripheral(const BlePeripheralRef& p) override { inner_->connectPeripheral(p); }
-    void cancelPeripheralConnection(const BlePeripheralRef& p) override { inner_->cancelPeripheralConnection(p); }
+    void cancelPeripheralConnection(const BlePeripheralRef& p) override {
+        inner_->cancelPeripheralConnection(p);
+    }
 
     void centralManagerDidUpdateState(int state) override { delegate_->centralManagerDidUpdateState(state); }
-    void centralManagerDidDiscoverPeripheral(const BlePeripheralRef& peripheral, const AdvertisementData& data,
-                                             double rssi) override {
+    void centralManagerDidDiscoverPeripheral(const BlePeripheralRef& peripheral,
+                                             const AdvertisementData& data, double rssi) override {
         if (peripheral) recorder_->record(peripheral->identifier(), data, rssi);
         delegate_->centralManagerDidDiscoverPeripheral(peripheral, data, rssi);
     }
@@ -64,9 +66,10 @@ void TraceRecorder::record(const QString& identifier, const AdvertisementData& d
     }
 }
 
-BleCentralFactory TraceRecorder::recordingFactory(BleCentralFactory inner, std::shared_ptr<TraceRecorder> recorder) {
+BleCentralFactory TraceRecorder::recordingFactory(BleCentralFactory inner,
+                                                  std::shared_ptr<TraceRecorder> recorder) {
     return [inner = std::move(inner), recorder = std::move(recorder)](BleCentralDelegate* delegate,
-                                                                        DispatchQueue* queue) {
+                                                                      DispatchQueue* queue) {
         return std::make_unique<RecordingCentral>(inner, recorder, delegate, queue);
     };
 }

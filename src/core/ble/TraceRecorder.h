@@ -21,7 +21,8 @@ public:
     void record(const QString& identifier, const AdvertisementData& data, double rssi);
 
     // A factory whose centrals report through `inner` and record each advertisement first.
-    static BleCentralFactory recordingFactory(BleCentralFactory inner, std::shared_ptr<TraceRecorder> recorder);
+    static BleCentralFactory recordingFactory(BleCentralFactory inner,
+                                              std::shared_ptr<TraceRecorder> recorder);
 
 private:
     std::shared_ptr<Clock> clock_;

@@ -477,7 +477,9 @@ AppDelegate::ConnectOutcome AppDelegate::ConnectReceiver(const ReceiverDictionar
     return deliverFrame(info, delivery) ? ConnectOutcome::Sent : ConnectOutcome::NotSent;
 }
 
-void AppDelegate::SendDataToOndrelTimer(const ConnectionInfo& userInfo) { deliverFrame(userInfo, env_.delivery); }
+void AppDelegate::SendDataToOndrelTimer(const ConnectionInfo& userInfo) {
+    deliverFrame(userInfo, env_.delivery);
+}
 
 bool AppDelegate::deliverFrame(const ConnectionInfo& info, const SenderDelivery& delivery) {
     uint8_t buffer[kFrameBufferSize] = {};

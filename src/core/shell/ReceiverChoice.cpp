@@ -3,11 +3,13 @@
 namespace lumerix {
 namespace {
 
-std::optional<qsizetype> nearest(const QList<ReceiverCandidate>& receivers, const QString& closestIdentifier) {
+std::optional<qsizetype> nearest(const QList<ReceiverCandidate>& receivers,
+                                 const QString& closestIdentifier) {
     if (!closestIdentifier.isEmpty()) {
         for (qsizetype i = 0; i < receivers.size(); ++i) {
             const ReceiverCandidate& r = receivers[i];
-            if (!r.saved && r.valid && r.identifier.compare(closestIdentifier, Qt::CaseInsensitive) == 0) return i;
+            if (!r.saved && r.valid && r.identifier.compare(closestIdentifier, Qt::CaseInsensitive) == 0)
+                return i;
         }
     }
     std::optional<qsizetype> closest;
