@@ -3,7 +3,6 @@
 #include <QCoreApplication>
 #include <cstdio>
 #include <cstring>
-#include <optional>
 
 #include "app/HeadlessSession.h"
 #include "log/Log.h"
@@ -14,40 +13,6 @@ namespace {
 constexpr int kExitTimeout = 3;
 constexpr double kDefaultTimeoutSeconds = 20.0;
 
-struct GattOptions {
-    QString identifier;
-    double timeoutSeconds = kDefaultTimeoutSeconds;
-    bool demo = false;
-};
-
-std::optional<GattOptions> parseGattOptions(int argc, char** argv, QString* error) {
-    GattOptions o;
-    for (int i = 1; i < argc; ++i) {
-        const char* a = argv[i];
-        if (std::strcmp(a, "--gatt-read") == 0 && i + 1 < argc) {
-            o.identifier = QString::fromUtf8(argv[++i]).trimmed();
-        } else if (std::strcmp(a, "--timeout") == 0 && i + 1 < argc) {
-            bool ok = false;
-            o.timeoutSeconds = QString::fromUtf8(argv[++i]).toDouble(&ok);
-            if (!ok || o.timeoutSeconds <= 0 || o.timeoutSeconds > 3600) {
-                *error = QStringLiteral("the timeout must be a number of seconds, got \"%1\"")
-                             .arg(QString::fromUtf8(argv[i]));
-                return std::nullopt;
-            }
-        } else if (std::strcmp(a, "--demo") == 0) {
-            o.demo = true;
-        } else {
-            *error = QStringLiteral("unexpected argument \"%1\"").arg(QString::fromUtf8(a));
-            return std::nullopt;
-        }
-    }
-    if (o.identifier.isEmpty()) {
-        *error = QStringLiteral("an identifier is required");
-        return std::nullopt;
-    }
-    return o;
-}
-
 // A record field: bytes up to the first zero or the field's end.
 template <size_t N>
 QString field(const char (&bytes)[N]) {
@@ -56,7 +21,10 @@ QString field(const char (&bytes)[N]) {
 
 class GattReadSession final : public HeadlessSession {
 public:
-    explicit GattReadSession(const GattOptions& o) : HeadlessSession(o.demo), options_(o) {}
+    explicit GattReadSession(const CommandLine& o)
+        : HeadlessSession(o.demo),
+          options_(o),
+          timeoutSeconds_(o.timeoutSeconds.value_or(kDefaultTimeoutSeconds)) {}
 
 private:
     bool matches(const QVLumerixItemRef& item) const {
@@ -89,33 +57,26 @@ private:
 
     int deadlineReached() override {
         std::fprintf(stderr, "lumerix: no connection information from %s within %g s (%s)\n",
-                     options_.identifier.toUtf8().constData(), options_.timeoutSeconds,
+                     options_.identifier.toUtf8().constData(), timeoutSeconds_,
                      !requested_   ? "the receiver was not seen"
                      : !connected_ ? "no connection"
                                    : "no complete record");
         return kExitTimeout;
     }
 
-    const GattOptions options_;
+    const CommandLine options_;
+    const double timeoutSeconds_;
     bool requested_ = false;
     bool connected_ = false;
 };
 
 }  // namespace
 
-int runGattReadMode(int argc, char** argv) {
-    QString error;
-    auto options = parseGattOptions(argc, argv, &error);
-    if (!options) {
-        std::fprintf(stderr,
-                     "lumerix: %s\nusage: lumerix --gatt-read IDENTIFIER [--timeout SECONDS] [--demo]\n",
-                     error.toUtf8().constData());
-        return HeadlessSession::kExitUsage;
-    }
+int runGattReadMode(int argc, char** argv, const CommandLine& options) {
     QCoreApplication app(argc, argv);
     HeadlessSession::installLogSink();
-    GattReadSession session(*options);
-    return session.exec(options->timeoutSeconds * 1000.0);
+    GattReadSession session(options);
+    return session.exec(options.timeoutSeconds.value_or(kDefaultTimeoutSeconds) * 1000.0);
 }
 
 }  // namespace lumerix

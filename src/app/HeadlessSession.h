@@ -13,7 +13,6 @@ namespace lumerix {
 class HeadlessSession : public LumerixHandler_Delegate {
 public:
     static constexpr int kExitBluetoothUnavailable = 2;
-    static constexpr int kExitUsage = 64;
 
     // Needs a QCoreApplication.
     explicit HeadlessSession(bool demo);

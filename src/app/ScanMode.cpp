@@ -7,47 +7,11 @@
 #include <QMap>
 #include <algorithm>
 #include <cstdio>
-#include <cstring>
-#include <optional>
 
 #include "app/HeadlessSession.h"
 
 namespace lumerix {
 namespace {
-
-constexpr double kDefaultSeconds = 10.0;
-
-struct ScanOptions {
-    double seconds = kDefaultSeconds;
-    bool demo = false;
-    bool json = false;
-};
-
-std::optional<ScanOptions> parseScanOptions(int argc, char** argv, QString* error) {
-    ScanOptions o;
-    for (int i = 1; i < argc; ++i) {
-        const char* a = argv[i];
-        if (std::strcmp(a, "--scan") == 0) {
-            if (i + 1 < argc && argv[i + 1][0] != '-') {
-                bool ok = false;
-                o.seconds = QString::fromUtf8(argv[++i]).toDouble(&ok);
-                if (!ok || o.seconds <= 0 || o.seconds > 86400) {
-                    *error = QStringLiteral("the scan duration must be a number of seconds, got \"%1\"")
-                                 .arg(QString::fromUtf8(argv[i]));
-                    return std::nullopt;
-                }
-            }
-        } else if (std::strcmp(a, "--demo") == 0) {
-            o.demo = true;
-        } else if (std::strcmp(a, "--json") == 0) {
-            o.json = true;
-        } else {
-            *error = QStringLiteral("unknown argument \"%1\"").arg(QString::fromUtf8(a));
-            return std::nullopt;
-        }
-    }
-    return o;
-}
 
 struct Row {
     QString name, ip, loginCode, identifier;
@@ -77,7 +41,7 @@ QString rowText(const Row& r, int nameWidth = 24) {
 
 class ScanSession final : public HeadlessSession {
 public:
-    ScanSession(const ScanOptions& o) : HeadlessSession(o.demo), json_(o.json) {}
+    explicit ScanSession(const CommandLine& o) : HeadlessSession(o.demo), json_(o.json) {}
 
 private:
     void itemSeen(const QVLumerixItemRef& item) override { note(item); }
@@ -142,18 +106,11 @@ private:
 
 }  // namespace
 
-int runScanMode(int argc, char** argv) {
-    QString error;
-    auto options = parseScanOptions(argc, argv, &error);
-    if (!options) {
-        std::fprintf(stderr, "lumerix: %s\nusage: lumerix --scan [SECONDS] [--demo] [--json]\n",
-                     error.toUtf8().constData());
-        return HeadlessSession::kExitUsage;
-    }
+int runScanMode(int argc, char** argv, const CommandLine& options) {
     QCoreApplication app(argc, argv);
     HeadlessSession::installLogSink();
-    ScanSession session(*options);
-    return session.exec(options->seconds * 1000.0);
+    ScanSession session(options);
+    return session.exec(options.scanSeconds * 1000.0);
 }
 
 }  // namespace lumerix

@@ -2,7 +2,7 @@
 
 #include <QApplication>
 #include <QDBusConnection>
-#include <QStringList>
+#include <cstdio>
 
 #include "app/HeadlessSession.h"
 #include "app/ProductionEnvironment.h"
@@ -26,22 +26,26 @@ namespace {
 
 constexpr const char* kMainQueueLabel = "com.zemko.Lumerix.main";
 
-// Arguments Qt has not taken itself: --demo, and anything else is logged and ignored.
-bool parseDemo(const QStringList& arguments) {
-    bool demo = false;
-    for (qsizetype i = 1; i < arguments.size(); ++i) {
-        if (arguments.at(i) == QLatin1String("--demo")) {
-            demo = true;
-        } else {
-            Log::logf("Ignoring unknown argument %s", arguments.at(i).toUtf8().constData());
-        }
-    }
-    return demo;
+// A display server to talk to, or a Qt platform that needs none (offscreen, minimal, vnc...).
+bool hasDisplay() {
+    if (!qEnvironmentVariableIsEmpty("DISPLAY") || !qEnvironmentVariableIsEmpty("WAYLAND_DISPLAY"))
+        return true;
+    const QString platform = qEnvironmentVariable("QT_QPA_PLATFORM").section(QLatin1Char(';'), 0, 0);
+    const QString plugin = platform.section(QLatin1Char(':'), 0, 0).trimmed();
+    return !plugin.isEmpty() && plugin != QLatin1String("xcb") &&
+           !plugin.startsWith(QLatin1String("wayland"));
 }
 
 }  // namespace
 
-int runTrayApp(int argc, char** argv) {
+int runTrayApp(int argc, char** argv, const CommandLine& options) {
+    if (!hasDisplay()) {
+        std::fputs(
+            "lumerix: no display (neither DISPLAY nor WAYLAND_DISPLAY is set), so no tray icon; "
+            "lumerix --scan works without one\n",
+            stderr);
+        return 1;
+    }
     HeadlessSession::installLogSink();
 
     QApplication app(argc, argv);
@@ -50,7 +54,7 @@ int runTrayApp(int argc, char** argv) {
     QApplication::setDesktopFileName(QStringLiteral("lumerix"));
     // The program lives in the tray: closing the About box or an alert must not end it.
     QApplication::setQuitOnLastWindowClosed(false);
-    const bool demo = parseDemo(QApplication::arguments());
+    const bool demo = options.demo;
 
     QtEventQueue mainQueue(kMainQueueLabel, &app);
     HandlerEnvironment handlerEnv = makeProductionEnvironment(&mainQueue, demo);

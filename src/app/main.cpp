@@ -1,14 +1,50 @@
-// lumerix: the tray utility by default; `--scan` runs the headless scan instead.
-#include <cstring>
+// lumerix: the tray utility by default; the command line picks a headless mode instead.
+#include <QStringList>
+#include <cstdio>
 
+#include "app/CommandLine.h"
 #include "app/GattReadMode.h"
 #include "app/ScanMode.h"
 #include "app/TrayApp.h"
 
+namespace {
+
+void print(FILE* stream, const QString& text) {
+    std::fputs(text.toLocal8Bit().constData(), stream);
+    std::fflush(stream);
+}
+
+}  // namespace
+
 int main(int argc, char** argv) {
-    for (int i = 1; i < argc; ++i) {
-        if (std::strcmp(argv[i], "--gatt-read") == 0) return lumerix::runGattReadMode(argc, argv);
-        if (std::strcmp(argv[i], "--scan") == 0) return lumerix::runScanMode(argc, argv);
+    using Mode = lumerix::CommandLine::Mode;
+    // Parsed before any application object exists: --help, --version and usage errors need
+    // neither a display nor D-Bus.
+    QStringList arguments;
+    for (int i = 0; i < argc; ++i) arguments << QString::fromLocal8Bit(argv[i]);
+    const lumerix::CommandLineResult parsed = lumerix::parseCommandLine(arguments);
+    if (!parsed.ok()) {
+        print(stderr,
+              QStringLiteral("lumerix: ") + parsed.error + QStringLiteral("\n\n") + lumerix::usageText());
+        return lumerix::kExitUsage;
     }
-    return lumerix::runTrayApp(argc, argv);
+    const lumerix::CommandLine& options = parsed.options;
+    switch (options.mode) {
+        case Mode::Help:
+            print(stdout, lumerix::helpText());
+            return 0;
+        case Mode::Version:
+            print(stdout, lumerix::versionText());
+            return 0;
+        case Mode::Scan:
+            return lumerix::runScanMode(argc, argv, options);
+        case Mode::GattRead:
+            return lumerix::runGattReadMode(argc, argv, options);
+        case Mode::Doctor:
+            print(stderr, QStringLiteral("lumerix: --doctor is not available in this build\n"));
+            return 1;
+        case Mode::Tray:
+            break;
+    }
+    return lumerix::runTrayApp(argc, argv, options);
 }

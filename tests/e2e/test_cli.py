@@ -1,0 +1,59 @@
+"""The command line without a desktop: answers, usage errors and exit codes, never a Qt abort."""
+import os
+import subprocess
+import unittest
+
+import lxharness
+
+USAGE = 'Usage: lumerix [--demo]'
+
+
+def run_headless(*args, env_extra=None):
+    """Runs the binary with no display, no Qt platform and no buses at all."""
+    env = {k: v for k, v in os.environ.items()
+           if k not in ('DISPLAY', 'WAYLAND_DISPLAY', 'QT_QPA_PLATFORM', 'DBUS_SESSION_BUS_ADDRESS')}
+    # Any D-Bus use would fail loudly here rather than find a real bus.
+    env['DBUS_SYSTEM_BUS_ADDRESS'] = 'unix:path=/nonexistent/system_bus_socket'
+    env.update(env_extra or {})
+    proc = subprocess.run([os.environ['LUMERIX_BIN'], *args], env=env, capture_output=True, text=True,
+                          timeout=20, check=False)
+    return proc.returncode, proc.stdout, proc.stderr
+
+
+class CommandLineTest(unittest.TestCase):
+    def test_answers_and_usage_errors_without_a_display(self):
+        # (arguments, exit code, text expected on stdout, text expected on stderr)
+        cases = [
+            (['--help'], 0, USAGE, ''),
+            (['-h'], 0, '--doctor [--json]', ''),
+            (['--version'], 0, 'lumerix ', ''),
+            (['--bogus'], 64, '', "Unknown option 'bogus'"),
+            (['--scan', 'abc'], 64, '', "got 'abc'"),
+            (['--scan=-1'], 64, '', "got '-1'"),
+            (['--gatt-read'], 64, '', "Missing value after '--gatt-read'"),
+            (['--scan', '3', '--doctor'], 64, '', 'cannot be used together'),
+        ]
+        for args, code, out_text, err_text in cases:
+            with self.subTest(args=args):
+                rc, out, err = run_headless(*args)
+                self.assertEqual(rc, code, err)
+                self.assertIn(out_text, out)
+                self.assertIn(err_text, err)
+                if code == 64:
+                    self.assertEqual(out, '')
+                    self.assertIn(USAGE, err)
+                else:
+                    self.assertEqual(err, '')
+                self.assertNotIn('platform plugin', err)
+
+    def test_tray_without_a_display_says_so_in_one_line(self):
+        rc, out, err = run_headless('--demo')
+        self.assertEqual(rc, 1)
+        self.assertEqual(out, '')
+        self.assertEqual(len(err.splitlines()), 1, err)
+        self.assertIn('no display', err)
+        self.assertIn('lumerix --scan', err)
+
+
+if __name__ == '__main__':
+    lxharness.main()
