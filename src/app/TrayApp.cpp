@@ -8,6 +8,7 @@
 #include "app/ProductionEnvironment.h"
 #include "app/QtShellApplication.h"
 #include "app/QtStatusItem.h"
+#include "app/ReceiverService.h"
 #include "app/UnixSignalWatcher.h"
 #include "dispatch/QtQueues.h"
 #include "log/Log.h"
@@ -54,10 +55,16 @@ int runTrayApp(int argc, char** argv, const CommandLine& options) {
     QApplication::setDesktopFileName(QStringLiteral("lumerix"));
     // The program lives in the tray: closing the About box or an alert must not end it.
     QApplication::setQuitOnLastWindowClosed(false);
-    const bool demo = options.demo;
+    const bool demo = options.demo || !options.replayPath.isEmpty();
+    QString error;
+    const std::optional<ScanSource> source = ScanSource::fromCommandLine(options, &error);
+    if (!source) {
+        std::fprintf(stderr, "lumerix: %s\n", qUtf8Printable(error));
+        return 1;
+    }
 
     QtEventQueue mainQueue(kMainQueueLabel, &app);
-    HandlerEnvironment handlerEnv = makeProductionEnvironment(&mainQueue, demo);
+    HandlerEnvironment handlerEnv = makeProductionEnvironment(&mainQueue, *source);
     auto application = std::make_shared<QtShellApplication>();
 
     ShellEnvironment env;
@@ -68,7 +75,7 @@ int runTrayApp(int argc, char** argv, const CommandLine& options) {
     env.application = application;
     env.workspace = std::make_shared<LogindWorkspace>(QDBusConnection::systemBus());
     if (demo) {
-        // The simulated receivers need no adapter.
+        // The simulated receivers and a replayed trace need no adapter.
         env.bluetoothPowered = [] { return true; };
     } else {
         env.bluetoothPowered = [] {
@@ -77,6 +84,20 @@ int runTrayApp(int argc, char** argv, const CommandLine& options) {
     }
 
     AppDelegate delegate(std::move(env));
+    // One tray per session: the service's name tells whether another instance already runs.
+    ReceiverService service(delegate, mainQueue);
+    switch (service.registerOn(QDBusConnection::sessionBus(), &error)) {
+        case ReceiverService::Registration::Registered:
+            break;
+        case ReceiverService::Registration::NameTaken:
+            std::fprintf(stderr, "lumerix: Lumerix is already running (%s); not starting a second one\n",
+                         qUtf8Printable(error));
+            Log::logf("Another instance holds %s: exiting", ReceiverService::kServiceName);
+            return 0;
+        case ReceiverService::Registration::Failed:
+            Log::logf("The D-Bus service is off: %s", qUtf8Printable(error));
+            break;
+    }
     application->setWillTerminate([&delegate] { delegate.applicationWillTerminate(); });
     UnixSignalWatcher signals([&application](int signal) {
         Log::logf("Signal %d received: quitting", signal);

@@ -4,6 +4,7 @@
 
 #include "app/CommandLine.h"
 #include "app/GattReadMode.h"
+#include "app/ReceiverCommands.h"
 #include "app/ScanMode.h"
 #include "app/TrayApp.h"
 
@@ -40,6 +41,10 @@ int main(int argc, char** argv) {
             return lumerix::runScanMode(argc, argv, options);
         case Mode::GattRead:
             return lumerix::runGattReadMode(argc, argv, options);
+        case Mode::List:
+            return lumerix::runListMode(argc, argv, options);
+        case Mode::Connect:
+            return lumerix::runConnectMode(argc, argv, options);
         case Mode::Doctor:
             print(stderr, QStringLiteral("lumerix: --doctor is not available in this build\n"));
             return 1;
