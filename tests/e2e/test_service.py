@@ -3,12 +3,12 @@ and on their own), one tray per session, and advertisement traces recorded and r
 import json
 import os
 import subprocess
-import unittest
+import time
 
 import dbus
 
 import lxharness
-from lxharness import wait_for
+from lxharness import stop_process, wait_for
 from test_tray import FAKE_SENDER, ROOM_A, ROOM_B, ROOM_C, TrayCase
 
 SERVICE = 'com.zemko.Lumerix'
@@ -38,6 +38,21 @@ class ServiceCase(TrayCase):
                               text=True, timeout=timeout, check=False)
         return proc.returncode, proc.stdout, proc.stderr
 
+    def watch_receivers_changed(self):
+        """Counts ReceiversChanged from now on; returns a callable giving the count."""
+        log_path = os.path.join(self.desktop.root, 'receivers-changed.log')
+        log = open(log_path, 'w', encoding='utf-8')  # pylint: disable=consider-using-with
+        self.addCleanup(log.close)
+        proc = subprocess.Popen(['dbus-monitor', '--address', self.desktop.session.address,
+                                 f"type='signal',interface='{IFACE}'"], stdout=log, stderr=subprocess.DEVNULL)
+        self.addCleanup(stop_process, proc)
+        wait_for(lambda: os.path.getsize(log_path) > 0, 10, 'dbus-monitor')
+
+        def count():
+            with open(log_path, encoding='utf-8') as f:
+                return f.read().count('member=ReceiversChanged')
+        return count
+
     def service(self):
         bus = self.desktop.session_bus
         wait_for(lambda: bus.name_has_owner(SERVICE), 15, SERVICE)
@@ -47,7 +62,7 @@ class ServiceCase(TrayCase):
 class ThroughTheTray(ServiceCase):
     def test_list_equals_receivers_and_connect_nearest_reaches_the_running_sender(self):
         self.start_sender('--listen', '19314')
-        self.tray_showing([{'Device': 'Lab', 'IP': '10.9.9.9'}], [(ROOM_A, -70), (ROOM_C, -45)],
+        menu, ads = self.tray_showing([{'Device': 'Lab', 'IP': '10.9.9.9'}], [(ROOM_A, -70), (ROOM_C, -45)],
                           ['Room C', 'Room A', 'Lab'])
         service = self.service()
         introspection = self.desktop.session_bus.get_object(SERVICE, PATH).Introspect(
@@ -79,6 +94,18 @@ class ThroughTheTray(ServiceCase):
                 self.assertEqual(self.lumerix('--connect', query)[0], status)
         wait_for(lambda: len(self.frames_received()) == 3, 15, 'two more frames')
         self.assertEqual([f['fields'][1] for f in self.frames_received()], ['Room C', 'Room A', 'Room A'])
+
+        # ReceiversChanged: not for every advertisement, once for a new order.
+        signals = self.watch_receivers_changed()
+        time.sleep(1.2)  # one held back from the start may still come
+        before = signals()
+        time.sleep(2)
+        self.assertEqual(signals(), before)
+        ads.set_rssi(ROOM_A, -30)
+        self.wait_for_titles(menu, ['Room A', 'Room C', 'Lab', '---', 'About', 'Exit'])
+        wait_for(lambda: signals() > before, 5, 'ReceiversChanged')
+        time.sleep(1.5)
+        self.assertEqual(signals(), before + 1)
 
     def test_a_second_tray_exits_and_the_first_keeps_the_name(self):
         self.start_tray()
