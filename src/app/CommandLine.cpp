@@ -31,6 +31,9 @@ const std::vector<ModeSpec>& modes() {
         {Mode::GattRead, QStringLiteral("gatt-read"),
          QStringLiteral("--gatt-read IDENTIFIER [--timeout SECONDS] [--demo]")},
         {Mode::Doctor, QStringLiteral("doctor"), QStringLiteral("--doctor [--json]")},
+        {Mode::List, QStringLiteral("list"), QStringLiteral("--list [--json] [--timeout SECONDS] [--demo]")},
+        {Mode::Connect, QStringLiteral("connect"),
+         QStringLiteral("--connect NAME|IDENTIFIER|nearest [--timeout SECONDS] [--demo]")},
         {Mode::Help, QStringLiteral("help"), QStringLiteral("--help | --version")},
         {Mode::Version, QStringLiteral("version"), QString()},
     };
@@ -58,18 +61,35 @@ const std::vector<OptionSpec>& options() {
          QString(),
          QStringLiteral("Check Bluetooth, the desktop and the sender, one line per check."),
          {}},
+        {{QStringLiteral("list")},
+         QString(),
+         QStringLiteral("Print the receivers nearby, from the running tray or from a scan of its own."),
+         {}},
+        {{QStringLiteral("connect")},
+         QStringLiteral("NAME|IDENTIFIER|nearest"),
+         QStringLiteral("Hand a receiver to the sender, through the running tray or on its own."),
+         {}},
         {{QStringLiteral("demo")},
          QString(),
          QStringLiteral("Show simulated receivers instead of scanning."),
-         {Mode::Tray, Mode::Scan, Mode::GattRead}},
+         {Mode::Tray, Mode::Scan, Mode::GattRead, Mode::List, Mode::Connect}},
         {{QStringLiteral("json")},
          QString(),
          QStringLiteral("Print JSON instead of text."),
-         {Mode::Scan, Mode::Doctor}},
+         {Mode::Scan, Mode::Doctor, Mode::List}},
         {{QStringLiteral("timeout")},
          QStringLiteral("SECONDS"),
-         QStringLiteral("Give up after this long (--gatt-read: 20 seconds)."),
-         {Mode::GattRead}},
+         QStringLiteral(
+             "Give up after this long (--gatt-read: 20 seconds; --list, --connect: scan 5 seconds)."),
+         {Mode::GattRead, Mode::List, Mode::Connect}},
+        {{QStringLiteral("record")},
+         QStringLiteral("FILE"),
+         QStringLiteral("Append every advertisement heard to FILE, one JSON line each."),
+         {Mode::Tray, Mode::Scan}},
+        {{QStringLiteral("replay")},
+         QStringLiteral("FILE"),
+         QStringLiteral("Play the advertisements recorded in FILE instead of scanning."),
+         {Mode::Tray, Mode::Scan}},
         {{QStringLiteral("h"), QStringLiteral("help")}, QString(), QStringLiteral("Show this help."), {}},
         {{QStringLiteral("v"), QStringLiteral("version")},
          QString(),
@@ -198,6 +218,27 @@ CommandLineResult parseCommandLine(const QStringList& arguments) {
             return result;
         }
     }
+    if (cl.mode == Mode::Connect) {
+        cl.receiver = parser.value(QStringLiteral("connect")).trimmed();
+        if (cl.receiver.isEmpty() || cl.receiver.startsWith(QLatin1Char('-'))) {
+            result.error = QStringLiteral("--connect needs a receiver's NAME, its IDENTIFIER or nearest.");
+            return result;
+        }
+    }
+    cl.recordPath = parser.value(QStringLiteral("record"));
+    cl.replayPath = parser.value(QStringLiteral("replay"));
+    if (parser.isSet(QStringLiteral("record")) && cl.recordPath.isEmpty()) {
+        result.error = QStringLiteral("--record needs a FILE.");
+        return result;
+    }
+    if (parser.isSet(QStringLiteral("replay")) && cl.replayPath.isEmpty()) {
+        result.error = QStringLiteral("--replay needs a FILE.");
+        return result;
+    }
+    if (cl.demo && !cl.replayPath.isEmpty()) {
+        result.error = QStringLiteral("--demo and --replay cannot be used together.");
+        return result;
+    }
     if (parser.isSet(QStringLiteral("timeout"))) {
         const QString value = parser.value(QStringLiteral("timeout"));
         cl.timeoutSeconds = seconds(value, kMaxTimeoutSeconds);
@@ -242,8 +283,8 @@ QString helpText() {
     }
     text += QStringLiteral(
         "\nExit status: 0 on success, 1 when --doctor finds a problem or there is no display,\n"
-        "2 when Bluetooth is off or missing, 3 when --gatt-read times out, 64 on a usage "
-        "error.\n");
+        "2 when Bluetooth is off or missing, 3 when --gatt-read times out or --connect finds no\n"
+        "such receiver, 64 on a usage error.\n");
     return text;
 }
 

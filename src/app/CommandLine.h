@@ -13,7 +13,7 @@
 namespace lumerix {
 
 struct CommandLine {
-    enum class Mode { Tray, Scan, GattRead, Doctor, Help, Version };
+    enum class Mode { Tray, Scan, GattRead, Doctor, List, Connect, Help, Version };
 
     static constexpr double kDefaultScanSeconds = 10.0;
 
@@ -23,6 +23,9 @@ struct CommandLine {
     double scanSeconds = kDefaultScanSeconds;  // --scan [SECONDS]
     QString identifier;                        // --gatt-read IDENTIFIER
     std::optional<double> timeoutSeconds;      // --timeout SECONDS; unset: the mode's default
+    QString receiver;                          // --connect NAME|IDENTIFIER|nearest
+    QString recordPath;                        // --record FILE: append advertisements heard
+    QString replayPath;                        // --replay FILE: play a recorded trace instead
 };
 
 struct CommandLineResult {

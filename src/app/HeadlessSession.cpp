@@ -17,9 +17,16 @@ constexpr int kGraceMs = 2000;
 }  // namespace
 
 HeadlessSession::HeadlessSession(bool demo)
+    : HeadlessSession([demo] {
+          ScanSource source;
+          source.demo = demo;
+          return source;
+      }()) {}
+
+HeadlessSession::HeadlessSession(const ScanSource& source)
     : mainQueue_("com.zemko.Lumerix.main", QCoreApplication::instance()),
       alive_(std::make_shared<bool>(true)) {
-    handler_ = QVLumerixHandler::create(makeProductionEnvironment(&mainQueue_, demo));
+    handler_ = QVLumerixHandler::create(makeProductionEnvironment(&mainQueue_, source));
     handler_->setDelegate(this);
 }
 

@@ -5,6 +5,7 @@
 #include <QString>
 #include <memory>
 
+#include "app/ProductionEnvironment.h"
 #include "dispatch/QtQueues.h"
 #include "receiver/QVLumerixHandler.h"
 
@@ -16,6 +17,7 @@ public:
 
     // Needs a QCoreApplication.
     explicit HeadlessSession(bool demo);
+    explicit HeadlessSession(const ScanSource& source);
     ~HeadlessSession() override;
     HeadlessSession(const HeadlessSession&) = delete;
     HeadlessSession& operator=(const HeadlessSession&) = delete;
@@ -32,6 +34,8 @@ protected:
     virtual int deadlineReached() = 0;
     void finish(int exitCode);
     QVLumerixHandler& handler() { return *handler_; }
+    // True once scanning has started and while Bluetooth stays up.
+    bool scanning() const { return scanning_; }
 
 private:
     void tryStart();

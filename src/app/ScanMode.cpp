@@ -42,7 +42,7 @@ QString rowText(const Row& r, int nameWidth = 24) {
 
 class ScanSession final : public HeadlessSession {
 public:
-    explicit ScanSession(const CommandLine& o) : HeadlessSession(o.demo), json_(o.json) {}
+    ScanSession(const CommandLine& o, const ScanSource& source) : HeadlessSession(source), json_(o.json) {}
 
 private:
     void itemSeen(const QVLumerixItemRef& item) override { note(item); }
@@ -110,7 +110,13 @@ private:
 int runScanMode(int argc, char** argv, const CommandLine& options) {
     QCoreApplication app(argc, argv);
     installSystemLogSink();
-    ScanSession session(options);
+    QString error;
+    const std::optional<ScanSource> source = ScanSource::fromCommandLine(options, &error);
+    if (!source) {
+        std::fprintf(stderr, "lumerix: %s\n", qUtf8Printable(error));
+        return 1;
+    }
+    ScanSession session(options, *source);
     return session.exec(options.scanSeconds * 1000.0);
 }
 

@@ -2,8 +2,8 @@
 
 #include <QApplication>
 #include <QDBusConnection>
-#include <csignal>
 #include <atomic>
+#include <csignal>
 #include <cstdio>
 #include <future>
 #include <memory>
@@ -12,14 +12,15 @@
 #include "app/ProductionEnvironment.h"
 #include "app/QtShellApplication.h"
 #include "app/QtStatusItem.h"
+#include "app/ReceiverService.h"
 #include "app/ReferenceTableLocation.h"
 #include "app/UnixSignalWatcher.h"
 #include "dispatch/QtQueues.h"
 #include "log/Log.h"
 #include "platform/linux/BluezPowerCheck.h"
-#include "platform/linux/GetPID.h"
 #include "platform/linux/DesktopEntry.h"
 #include "platform/linux/DesktopNotifier.h"
+#include "platform/linux/GetPID.h"
 #include "platform/linux/LogindWorkspace.h"
 #include "platform/linux/PathManager.h"
 #include "platform/linux/SenderLauncher.h"
@@ -68,10 +69,16 @@ int runTrayApp(int argc, char** argv, const CommandLine& options) {
     QApplication::setDesktopFileName(QStringLiteral("lumerix"));
     // The program lives in the tray: closing the About box or an alert must not end it.
     QApplication::setQuitOnLastWindowClosed(false);
-    const bool demo = options.demo;
+    const bool demo = options.demo || !options.replayPath.isEmpty();
+    QString error;
+    const std::optional<ScanSource> source = ScanSource::fromCommandLine(options, &error);
+    if (!source) {
+        std::fprintf(stderr, "lumerix: %s\n", qUtf8Printable(error));
+        return 1;
+    }
 
     QtEventQueue mainQueue(kMainQueueLabel, &app);
-    HandlerEnvironment handlerEnv = makeProductionEnvironment(&mainQueue, demo);
+    HandlerEnvironment handlerEnv = makeProductionEnvironment(&mainQueue, *source);
     auto application = std::make_shared<QtShellApplication>();
     DeliveryWorker delivery;  // outlives the delegate below
 
@@ -101,6 +108,20 @@ int runTrayApp(int argc, char** argv, const CommandLine& options) {
     };
 
     AppDelegate delegate(std::move(env));
+    // One tray per session: the service's name tells whether another instance already runs.
+    ReceiverService service(delegate, mainQueue);
+    switch (service.registerOn(QDBusConnection::sessionBus(), &error)) {
+        case ReceiverService::Registration::Registered:
+            break;
+        case ReceiverService::Registration::NameTaken:
+            std::fprintf(stderr, "lumerix: Lumerix is already running (%s); not starting a second one\n",
+                         qUtf8Printable(error));
+            Log::logf("Another instance holds %s: exiting", ReceiverService::kServiceName);
+            return 0;
+        case ReceiverService::Registration::Failed:
+            Log::logf("The D-Bus service is off: %s", qUtf8Printable(error));
+            break;
+    }
     application->setWillTerminate([&delegate] { delegate.applicationWillTerminate(); });
     UnixSignalWatcher signals([&application](int signal) {
         Log::logf("Signal %d received: quitting", signal);

@@ -5,6 +5,7 @@
 #include "app/CommandLine.h"
 #include "app/Doctor.h"
 #include "app/GattReadMode.h"
+#include "app/ReceiverCommands.h"
 #include "app/ScanMode.h"
 #include "app/TrayApp.h"
 
@@ -41,6 +42,10 @@ int main(int argc, char** argv) {
             return lumerix::runScanMode(argc, argv, options);
         case Mode::GattRead:
             return lumerix::runGattReadMode(argc, argv, options);
+        case Mode::List:
+            return lumerix::runListMode(argc, argv, options);
+        case Mode::Connect:
+            return lumerix::runConnectMode(argc, argv, options);
         case Mode::Doctor:
             return lumerix::runDoctorMode(argc, argv, options.json);
         case Mode::Tray:

@@ -1,6 +1,7 @@
 #include "ble/SimulatedCentral.h"
 
 #include <QHash>
+#include <algorithm>
 #include <cmath>
 #include <condition_variable>
 #include <mutex>
@@ -111,6 +112,8 @@ struct SimulatedCentral::Core : std::enable_shared_from_this<Core> {
     int stops = 0;
     uint64_t sent = 0;
     std::vector<Player> players;
+    std::vector<TracedAdvertisement> trace;  // sorted by offset
+    TaskHandle tracePending;
     QHash<QString, BlePeripheralRef> peripherals;
     std::vector<QString> cancelled;
 
@@ -151,6 +154,31 @@ struct SimulatedCentral::Core : std::enable_shared_from_this<Core> {
             if (p.pending) p.pending->cancel();
             p.pending.reset();
         }
+        if (tracePending) tracePending->cancel();
+        tracePending.reset();
+    }
+
+    // Schedules the trace entry at `index`, the next one to play.
+    void scheduleTrace(size_t index) {
+        if (index >= trace.size()) return;
+        std::weak_ptr<Core> weak = weak_from_this();
+        const uint64_t gen = generation;
+        tracePending = queue->after(std::max(0.0, trace[index].offsetMs - elapsed()), [weak, index, gen] {
+            if (auto self = weak.lock()) self->fireTrace(index, gen);
+        });
+    }
+
+    void fireTrace(size_t index, uint64_t gen) {
+        std::unique_lock lock(mutex);
+        if (!delegate || !scanning || gen != generation) return;
+        const TracedAdvertisement& a = trace[index];
+        const BlePeripheralRef peripheral = peripheralFor(a.identifier, a.data.localName.value_or(QString()));
+        scheduleTrace(index + 1);
+        ++sent;
+        // The trace is fixed after construction, so the entry stays valid unlocked.
+        callDelegate(lock, [&](BleCentralDelegate& d) {
+            d.centralManagerDidDiscoverPeripheral(peripheral, a.data, a.rssi);
+        });
     }
 
     // Schedules the player's first slot at or after now.
@@ -175,6 +203,10 @@ struct SimulatedCentral::Core : std::enable_shared_from_this<Core> {
                 slot = static_cast<uint64_t>(std::ceil((now - r.appearAtMs) / r.intervalMs));
             schedule(i, slot);
         }
+        const auto next =
+            std::lower_bound(trace.begin(), trace.end(), now,
+                             [](const TracedAdvertisement& a, double t) { return a.offsetMs < t; });
+        scheduleTrace(static_cast<size_t>(next - trace.begin()));
     }
 
     void fire(size_t index, uint64_t slot, uint64_t gen) {
@@ -226,6 +258,10 @@ SimulatedCentral::SimulatedCentral(BleCentralDelegate* delegate, DispatchQueue* 
         }
         core_->players.push_back(std::move(p));
     }
+    core_->trace = std::move(scenario.trace);
+    std::stable_sort(
+        core_->trace.begin(), core_->trace.end(),
+        [](const TracedAdvertisement& a, const TracedAdvertisement& b) { return a.offsetMs < b.offsetMs; });
     core_->report([initialState](BleCentralDelegate& d) { d.centralManagerDidUpdateState(initialState); });
 }
 
@@ -248,6 +284,7 @@ void SimulatedCentral::scanForPeripherals(bool allowDuplicates) {
     }
     // Scanning again while scanning restarts the scan with the new option, as adapters do.
     core_->cancelPlayers();
+    if (core_->starts == 0 && !core_->trace.empty()) core_->origin = core_->queue->clock().monotonicMs();
     core_->scanning = true;
     core_->allowDuplicates = allowDuplicates;
     ++core_->generation;

@@ -22,6 +22,7 @@
 #include <optional>
 #include <vector>
 
+#include "ble/AdvertisementTrace.h"
 #include "ble/BleCentral.h"
 
 namespace lumerix {
@@ -53,6 +54,9 @@ struct SimulatedReceiver {
 
 struct SimulatedScenario {
     std::vector<SimulatedReceiver> receivers;
+    // Recorded advertisements, played once each at their offsets, counted from the first scan
+    // start (recording starts about when scanning does); a scan started later skips what is past.
+    std::vector<TracedAdvertisement> trace;
     // A few meeting-room receivers at varying strength, one with a two-segment name, plus a
     // device that is not a receiver.
     static SimulatedScenario demo();

@@ -464,12 +464,15 @@ void AppDelegate::OnTimer(const DispatchTimerRef& timer) {
     if (!timer || timer != m_pCheckTimeoutTimer) return;
     if (m_pDiscoveredDeviceAry.empty()) return;
     const double nowMs = env_.clock->nowMs();
+    bool removed = false;
     for (size_t i = m_pDiscoveredDeviceAry.size(); i-- > 0;) {
         const auto alive = m_pDiscoveredDeviceAry[i]->aliveDuration();
         if (alive && nowMs - *alive > kReceiverTimeoutMs) {
             m_pDiscoveredDeviceAry.erase(m_pDiscoveredDeviceAry.begin() + static_cast<std::ptrdiff_t>(i));
+            removed = true;
         }
     }
+    if (removed) notifyReceiversChanged();
 }
 
 void AppDelegate::lumerixDidDiscoverItem(const QVLumerixItemRef& item) {
@@ -498,6 +501,7 @@ void AppDelegate::lumerixDidDiscoverItem(const QVLumerixItemRef& item) {
     m_pDiscoveredDeviceAry = reorderBySignalStrength(std::move(m_pDiscoveredDeviceAry),
                                                      [](const QVLumerixItemRef& e) { return e->aveRssi(); });
     UpdateMenuOfStatusBar();
+    notifyReceiversChanged();
 }
 
 // ---- Sender link -------------------------------------------------------------------------------
@@ -535,8 +539,24 @@ void AppDelegate::DeviceConnectAction(const MenuItemRef& sender) {
                   static_cast<long long>(m_pDiscoveredDevice.size()));
         return;
     }
-    const ReceiverDictionary& receiver = m_pDiscoveredDevice[static_cast<qsizetype>(position)];
+    ConnectReceiver(m_pDiscoveredDevice[static_cast<qsizetype>(position)]);
+}
 
+AppDelegate::ConnectOutcome AppDelegate::ConnectReceiver(const ReceiverDictionary& receiver) {
+    QString label = receiver.value(kKeyDevice);
+    if (label.isEmpty()) label = receiver.value(kKeyIP);
+    if (label.isEmpty()) label = QStringLiteral("the receiver");
+    int launchStatus = 0;
+    const ConnectOutcome outcome =
+        ConnectReceiver(receiver, env_.launcher, env_.processLookup, env_.delivery, m_pDictTargetDevice,
+                        &launchStatus, deliveryFailureReporter(label));
+    if (outcome == ConnectOutcome::Launched) reportLaunch(label, launchStatus);
+    return outcome;
+}
+
+AppDelegate::ConnectOutcome AppDelegate::ConnectReceiver(
+    const ReceiverDictionary& receiver, const Launcher& launcher, const ProcessLookup& processLookup,
+    const SenderDelivery& delivery, PendingConnectionSlot& slot, int* launchStatus, DeliveryDone done) {
     ConnectionInfo info;
     if (auto it = receiver.constFind(kKeyIP); it != receiver.constEnd()) info.insert(kKeyIP, *it);
     if (auto it = receiver.constFind(kKeyLoginCode); it != receiver.constEnd())
@@ -550,49 +570,54 @@ void AppDelegate::DeviceConnectAction(const MenuItemRef& sender) {
     int32_t pids[kProcessIdCapacity] = {};
     uint32_t count = 0;
     int error = 0;
-    if (env_.processLookup)
-        env_.processLookup(kSenderProcessName, 0, pids, kProcessIdCapacity, &count, &error);
+    if (processLookup) processLookup(kSenderProcessName, 0, pids, kProcessIdCapacity, &count, &error);
 
     if (count == 0) {
         // The sender asks for the receiver on the command listener once it is up. Parked before
         // the launch so that a sender quicker than the launcher's return still finds it.
-        m_pDictTargetDevice.park(info);
-        const int status = env_.launcher ? env_.launcher(QByteArray(kSenderBundleIdentifier)) : -1;
-        reportLaunch(info, status);
-        return;
+        slot.park(std::move(info));
+        const int status = launcher ? launcher(QByteArray(kSenderBundleIdentifier)) : -1;
+        if (launchStatus) *launchStatus = status;
+        return ConnectOutcome::Launched;
     }
-    deliverFrame(info);
+    return deliverFrame(info, delivery, std::move(done)) ? ConnectOutcome::Sent : ConnectOutcome::NotSent;
 }
 
-void AppDelegate::SendDataToOndrelTimer(const ConnectionInfo& userInfo) { deliverFrame(userInfo); }
+void AppDelegate::SendDataToOndrelTimer(const ConnectionInfo& userInfo) {
+    deliverFrame(userInfo, env_.delivery, deliveryFailureReporter(receiverLabel(userInfo)));
+}
 
-void AppDelegate::deliverFrame(const ConnectionInfo& info) {
-    uint8_t buffer[kFrameBufferSize] = {};
-    const uint64_t length = MainController::GeneralPacket(buffer, kFrameBufferSize, info);
-    if (length == 0) {
-        Log::write(
-            QStringLiteral("DeviceConnectAction: the receiver's details do not fit a frame; nothing sent"));
-        return;
-    }
-    if (!env_.delivery) return;
-    DeliveryDone done = [this, queue = env_.mainQueue, alive = std::weak_ptr<bool>(alive_),
-                         receiver = receiverLabel(info)](bool delivered) {
+DeliveryDone AppDelegate::deliveryFailureReporter(QString receiver) {
+    return [this, queue = env_.mainQueue, alive = std::weak_ptr<bool>(alive_),
+            receiver = std::move(receiver)](bool delivered) {
         if (delivered || !queue) return;
         queue->async([this, alive, receiver] {
             if (alive.lock()) reportDeliveryFailure(receiver);
         });
     };
-    env_.delivery(QByteArray(reinterpret_cast<const char*>(buffer), static_cast<qsizetype>(length)),
-                  std::move(done));
+}
+
+bool AppDelegate::deliverFrame(const ConnectionInfo& info, const SenderDelivery& delivery,
+                               DeliveryDone done) {
+    uint8_t buffer[kFrameBufferSize] = {};
+    const uint64_t length = MainController::GeneralPacket(buffer, kFrameBufferSize, info);
+    if (length == 0) {
+        Log::write(
+            QStringLiteral("DeviceConnectAction: the receiver's details do not fit a frame; nothing sent"));
+        return false;
+    }
+    if (!delivery) return false;
+    delivery(QByteArray(reinterpret_cast<const char*>(buffer), static_cast<qsizetype>(length)),
+             std::move(done));
+    return true;
 }
 
 void AppDelegate::notify(QString summary, QString body) {
     if (env_.notifier) env_.notifier->notify({std::move(summary), std::move(body)});
 }
 
-void AppDelegate::reportLaunch(const ConnectionInfo& info, int launcherStatus) {
+void AppDelegate::reportLaunch(const QString& receiver, int launcherStatus) {
     const QString sender = QLatin1String(kSenderDisplayName);
-    const QString receiver = receiverLabel(info);
     if (!env_.senderInstalled()) {
         notify(sender + QStringLiteral(" is not installed"),
                QStringLiteral("Install %1 to share your screen with %2.").arg(sender, receiver));

@@ -10,6 +10,7 @@
 #include <QByteArray>
 #include <QVariantList>
 #include <atomic>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <unordered_map>
@@ -80,6 +81,17 @@ public:
     // Sender link.
     void performMenuAction(const MenuItemRef& item) override;
     void DeviceConnectAction(const MenuItemRef& sender);
+    enum class ConnectOutcome { Sent, Launched, NotSent };
+    // The connect action on a receiver's own dictionary (no menu position involved): sent to the
+    // running sender, or parked in `slot` and the sender launched. Used by the menu and by
+    // requests from outside (D-Bus, the command line without a tray).
+    static ConnectOutcome ConnectReceiver(const ReceiverDictionary& receiver, const Launcher& launcher,
+                                          const ProcessLookup& processLookup, const SenderDelivery& delivery,
+                                          PendingConnectionSlot& slot, int* launchStatus = nullptr,
+                                          DeliveryDone done = nullptr);
+    ConnectOutcome ConnectReceiver(const ReceiverDictionary& receiver);
+    // Told on the main queue whenever the receiver list may have changed (null: nobody).
+    void setReceiversObserver(std::function<void()> observer) { receiversObserver_ = std::move(observer); }
     void SendDataToOndrelTimer(const ConnectionInfo& userInfo);
     // The listener's thread body, run on the calling thread; false when it could not listen. The
     // launch starts it on its own thread already (unless the environment turns it off).
@@ -107,11 +119,16 @@ public:
 private:
     void centralStateChanged(int state);
     std::vector<MenuItemRef> makeFixedMenuItems() const;
-    void deliverFrame(const ConnectionInfo& info);
+    static bool deliverFrame(const ConnectionInfo& info, const SenderDelivery& delivery, DeliveryDone done);
+    // Tells the user, from the main queue, when a frame did not reach the sender.
+    DeliveryDone deliveryFailureReporter(QString receiver);
     void notify(QString summary, QString body);
-    void reportLaunch(const ConnectionInfo& info, int launcherStatus);
+    void reportLaunch(const QString& receiver, int launcherStatus);
     void reportDeliveryFailure(const QString& receiver);
     std::vector<ReceiverToolTip::Line> toolTipLines() const;
+    void notifyReceiversChanged() {
+        if (receiversObserver_) receiversObserver_();
+    }
     void keepUnreadableReferenceTable(const QString& path);
 
     ShellEnvironment env_;
@@ -159,6 +176,7 @@ private:
     DispatchTimerRef menuRebuildTimer_;
     bool scanning_ = false;
     bool observingWorkspace_ = false;
+    std::function<void()> receiversObserver_;
     bool listenerStarted_ = false;
     // The saved table could not be read at launch; it is kept aside before being overwritten.
     bool referenceTableUnreadable_ = false;

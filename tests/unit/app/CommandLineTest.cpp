@@ -24,6 +24,9 @@ struct Accepted {
     double scanSeconds = CommandLine::kDefaultScanSeconds;
     const char* identifier = "";
     std::optional<double> timeout = std::nullopt;
+    const char* receiver = "";
+    const char* record = "";
+    const char* replay = "";
 };
 
 TEST(CommandLineTest, AcceptedLines) {
@@ -46,6 +49,10 @@ TEST(CommandLineTest, AcceptedLines) {
         {"--scan 5 --help", Mode::Help},
         {"--version", Mode::Version},
         {"-v", Mode::Version},
+        {"--list --json", Mode::List, false, true},
+        {"--connect Bravo --timeout 2", Mode::Connect, false, false, 10, "", 2, "Bravo"},
+        {"--scan --record a.jsonl --replay b.jsonl", Mode::Scan, false, false, 10, "", std::nullopt, "",
+         "a.jsonl", "b.jsonl"},
     };
     for (const Accepted& c : cases) {
         SCOPED_TRACE(c.line);
@@ -56,6 +63,9 @@ TEST(CommandLineTest, AcceptedLines) {
         EXPECT_EQ(r.options.json, c.json);
         EXPECT_EQ(r.options.scanSeconds, c.scanSeconds);
         EXPECT_EQ(r.options.identifier, QString::fromUtf8(c.identifier));
+        EXPECT_EQ(r.options.receiver, QString::fromUtf8(c.receiver));
+        EXPECT_EQ(r.options.recordPath, QString::fromUtf8(c.record));
+        EXPECT_EQ(r.options.replayPath, QString::fromUtf8(c.replay));
         EXPECT_EQ(r.options.timeoutSeconds, c.timeout);
     }
 }
@@ -80,9 +90,12 @@ TEST(CommandLineTest, RejectedLinesSayWhy) {
         {"--scan --doctor", "--scan and --doctor cannot be used together"},
         {"--gatt-read abc --scan 3", "--scan and --gatt-read cannot be used together"},
         {"--timeout 5", "--timeout goes only with --gatt-read"},
-        {"--json", "--json goes only with --scan or --doctor"},
-        {"--doctor --demo", "--demo goes only with the tray, --scan or --gatt-read"},
-        {"--gatt-read abc --json", "--json goes only with --scan or --doctor"},
+        {"--json", "--json goes only with --scan, --doctor or --list"},
+        {"--doctor --demo", "--demo goes only with the tray, --scan, --gatt-read, --list or --connect"},
+        {"--gatt-read abc --json", "--json goes only with --scan, --doctor or --list"},
+        {"--connect", "Missing value after '--connect'"},
+        {"--list --replay t", "--replay goes only with the tray or --scan"},
+        {"--demo --replay t", "--demo and --replay cannot be used together"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.line);

@@ -1,0 +1,312 @@
+#include "app/ReceiverCommands.h"
+
+#include <QCoreApplication>
+#include <QDBusConnection>
+#include <QDBusConnectionInterface>
+#include <QDBusInterface>
+#include <QDBusMetaType>
+#include <QDBusReply>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QMap>
+#include <QTimer>
+#include <cstdio>
+#include <cstdlib>
+
+#include "app/CommandLine.h"
+#include "app/HeadlessSession.h"
+#include "app/ReceiverService.h"
+#include "log/Log.h"
+#include "platform/linux/GetPID.h"
+#include "platform/linux/SenderLauncher.h"
+#include "platform/linux/SyslogSink.h"
+#include "sender/CommandListener.h"
+#include "sender/MainController.h"
+#include "shell/AppDelegate.h"
+#include "shell/ReceiverChoice.h"
+
+namespace lumerix {
+namespace {
+
+constexpr double kDefaultTimeoutSeconds = 5.0;
+constexpr int kSenderWaitMs = 30000;
+constexpr int kSlotPollMs = 50;
+constexpr int kExitNotFound = 3;
+constexpr int kExitSenderSilent = 1;
+constexpr int kDBusTimeoutMs = 10000;
+
+void print(FILE* stream, const QString& text) {
+    std::fputs(text.toUtf8().constData(), stream);
+    std::fflush(stream);
+}
+
+// Receivers as the D-Bus service lists them, printed as JSON or as a table.
+void printReceivers(const QList<QVariantMap>& receivers, bool json) {
+    if (json) {
+        QJsonArray array;
+        for (const QVariantMap& r : receivers) array.append(QJsonObject::fromVariantMap(r));
+        print(stdout, QString::fromUtf8(QJsonDocument(array).toJson(QJsonDocument::Indented)));
+        return;
+    }
+    int width = 4;
+    for (const QVariantMap& r : receivers)
+        width = std::max(width, static_cast<int>(r.value(QStringLiteral("name")).toString().size()));
+    auto line = [width](const QString& name, const QString& ip, const QString& code, const QString& rssi,
+                        const QString& identifier) {
+        return QStringLiteral("%1  %2  %3  %4  %5\n")
+            .arg(name, -width)
+            .arg(ip, -15)
+            .arg(code, -8)
+            .arg(rssi, 5)
+            .arg(identifier);
+    };
+    QString out = line(QStringLiteral("NAME"), QStringLiteral("IP"), QStringLiteral("CODE"),
+                       QStringLiteral("RSSI"), QStringLiteral("IDENTIFIER"));
+    for (const QVariantMap& r : receivers) {
+        const bool saved = r.value(QStringLiteral("saved")).toBool();
+        out += line(r.value(QStringLiteral("name")).toString(), r.value(QStringLiteral("ip")).toString(),
+                    r.value(QStringLiteral("loginCode")).toString(),
+                    saved ? QStringLiteral("-") : QString::number(r.value(QStringLiteral("rssi")).toDouble()),
+                    saved ? QStringLiteral("(saved)") : r.value(QStringLiteral("identifier")).toString());
+    }
+    print(stdout, out);
+}
+
+// The running tray's service, or null when no instance holds the name.
+std::unique_ptr<QDBusInterface> runningInstance() {
+    QDBusConnection bus = QDBusConnection::sessionBus();
+    if (!bus.isConnected() || !bus.interface()) return nullptr;
+    if (!bus.interface()->isServiceRegistered(QLatin1String(ReceiverService::kServiceName))) return nullptr;
+    qDBusRegisterMetaType<QList<QVariantMap>>();
+    auto iface = std::make_unique<QDBusInterface>(QLatin1String(ReceiverService::kServiceName),
+                                                  QLatin1String(ReceiverService::kObjectPath),
+                                                  QLatin1String(ReceiverService::kInterfaceName), bus);
+    iface->setTimeout(kDBusTimeoutMs);
+    return iface;
+}
+
+int listThroughInstance(QDBusInterface& iface, const CommandLine& options) {
+    const QDBusReply<QList<QVariantMap>> reply = iface.call(QStringLiteral("Receivers"));
+    if (!reply.isValid()) {
+        print(
+            stderr,
+            QStringLiteral("lumerix: the running Lumerix did not answer: %1\n").arg(reply.error().message()));
+        return 1;
+    }
+    printReceivers(reply.value(), options.json);
+    return 0;
+}
+
+int connectThroughInstance(QDBusInterface& iface, const CommandLine& options) {
+    const bool nearest = options.receiver.compare(QLatin1String(kNearestReceiver), Qt::CaseInsensitive) == 0;
+    bool found = false;
+    QString error;
+    if (nearest) {
+        const QDBusReply<QString> reply = iface.call(QStringLiteral("ConnectNearest"));
+        found = reply.isValid() && !reply.value().isEmpty();
+        if (!reply.isValid()) error = reply.error().message();
+    } else {
+        const QDBusReply<bool> reply = iface.call(QStringLiteral("Connect"), options.receiver);
+        found = reply.isValid() && reply.value();
+        if (!reply.isValid()) error = reply.error().message();
+    }
+    if (!error.isEmpty()) {
+        print(stderr, QStringLiteral("lumerix: the running Lumerix did not answer: %1\n").arg(error));
+        return 1;
+    }
+    if (!found) {
+        print(stderr, QStringLiteral("lumerix: no receiver \"%1\" nearby\n").arg(options.receiver));
+        return kExitNotFound;
+    }
+    return 0;
+}
+
+// A scan of its own, for when no tray runs.
+class StandaloneSession final : public HeadlessSession {
+public:
+    explicit StandaloneSession(const CommandLine& options)
+        : HeadlessSession(options.demo), options_(options) {}
+
+    int run() {
+        const double timeoutMs = options_.timeoutSeconds.value_or(kDefaultTimeoutSeconds) * 1000.0;
+        QTimer::singleShot(static_cast<int>(timeoutMs), QCoreApplication::instance(),
+                           [this] { scanEnded(); });
+        // The overall deadline leaves room for a launched sender to ask.
+        return exec(timeoutMs + kSenderWaitMs + 1000);
+    }
+
+private:
+    bool connecting() const { return options_.mode == CommandLine::Mode::Connect; }
+    bool nearest() const {
+        return options_.receiver.compare(QLatin1String(kNearestReceiver), Qt::CaseInsensitive) == 0;
+    }
+
+    void itemSeen(const QVLumerixItemRef& item) override { note(item); }
+    void itemStatus(const QVLumerixItemRef& item, int) override { note(item); }
+
+    void note(const QVLumerixItemRef& item) {
+        if (!item->hasResolved() || !item->peripheral() || decided_) return;
+        items_[item->peripheral()->identifier()] = item;
+        // A name or identifier is connected as soon as it is heard; nearest needs the whole scan.
+        if (connecting() && !nearest() && choose()) decide();
+    }
+
+    QList<QVLumerixItemRef> strongestFirst() const {
+        QList<QVLumerixItemRef> items = items_.values();
+        std::stable_sort(
+            items.begin(), items.end(),
+            [](const QVLumerixItemRef& a, const QVLumerixItemRef& b) { return a->aveRssi() > b->aveRssi(); });
+        return items;
+    }
+
+    QVLumerixItemRef choose() {
+        const QList<QVLumerixItemRef> items = strongestFirst();
+        QList<ReceiverCandidate> candidates;
+        for (const QVLumerixItemRef& item : items) {
+            candidates.append({item->peripheral()->identifier(), item->receiverName().value_or(QString()),
+                               item->aveRssi(), item->isValid(), false});
+        }
+        QString closest;
+        if (handler().hasClosestItem()) {
+            if (QVLumerixItemRef peer = handler().closestPeer(); peer && peer->peripheral())
+                closest = peer->peripheral()->identifier();
+        }
+        const auto index = chooseReceiver(candidates, options_.receiver, closest);
+        return index ? items[*index] : nullptr;
+    }
+
+    void scanEnded() {
+        if (decided_) return;
+        if (!scanning()) return;  // Bluetooth never came up: the session reports that
+        if (!connecting()) {
+            decided_ = true;
+            handler().scanForLumerixService(false);
+            QList<QVariantMap> receivers;
+            for (const QVLumerixItemRef& item : strongestFirst()) {
+                QVariantMap r;
+                r.insert(QStringLiteral("identifier"), item->peripheral()->identifier());
+                r.insert(QStringLiteral("name"), item->receiverName().value_or(QString()));
+                r.insert(QStringLiteral("ip"), item->ipAddress().value_or(QString()));
+                r.insert(QStringLiteral("loginCode"), item->loginCode().value_or(QString()));
+                r.insert(QStringLiteral("rssi"), item->aveRssi());
+                r.insert(QStringLiteral("lastSeenMs"), item->aliveDuration().value_or(0));
+                r.insert(QStringLiteral("saved"), false);
+                receivers.append(r);
+            }
+            printReceivers(receivers, options_.json);
+            finish(0);
+            return;
+        }
+        decide();
+    }
+
+    void decide() {
+        decided_ = true;
+        handler().scanForLumerixService(false);
+        const QVLumerixItemRef chosen = choose();
+        if (!chosen) {
+            print(stderr, QStringLiteral("lumerix: no receiver \"%1\" nearby\n").arg(options_.receiver));
+            finish(kExitNotFound);
+            return;
+        }
+        ReceiverDictionary dict;
+        dict.insert(QStringLiteral("UUID"), chosen->peripheral()->identifier());
+        if (auto ip = chosen->ipAddress()) dict.insert(QStringLiteral("IP"), *ip);
+        if (auto code = chosen->loginCode()) dict.insert(QStringLiteral("LoginCode"), *code);
+        if (auto name = chosen->receiverName()) dict.insert(QStringLiteral("Device"), *name);
+        const QString name = dict.value(QStringLiteral("Device"));
+
+        // Listening before the launch: a quick sender must find the listener up.
+        listener_ = std::make_unique<CommandListener>(slot_, closing_, kSenderCommandPort);
+        const Launcher launcher = [this](const QByteArray& bundleIdentifier) {
+            if (!listener_) return 1;
+            listener_->start();
+            return SenderLauncher::launchApplication(bundleIdentifier);
+        };
+        bool delivered = false;
+        // Sent from this thread: the command has nothing else to do meanwhile.
+        const SenderDelivery delivery = [&delivered](QByteArray frame, const DeliveryDone& done) {
+            delivered = MainController::SendDataToOndrel(reinterpret_cast<const uint8_t*>(frame.constData()),
+                                                         static_cast<uint64_t>(frame.size()));
+            if (done) done(delivered);
+        };
+        const auto outcome =
+            AppDelegate::ConnectReceiver(dict, launcher, &GetAllPIDsForProcessName, delivery, slot_);
+        if (outcome == AppDelegate::ConnectOutcome::Sent && !delivered) {
+            print(stderr, QStringLiteral("lumerix: the sender did not take \"%1\" on port %2\n")
+                              .arg(name, QString::number(kSenderDataPort)));
+            finish(1);
+            return;
+        }
+        if (outcome == AppDelegate::ConnectOutcome::Sent) {
+            print(stdout, QStringLiteral("Sent \"%1\" to the sender\n").arg(name));
+            finish(0);
+            return;
+        }
+        if (outcome == AppDelegate::ConnectOutcome::NotSent) {
+            print(stderr, QStringLiteral("lumerix: the details of \"%1\" do not fit a frame\n").arg(name));
+            finish(1);
+            return;
+        }
+        if (listener_->result() == std::optional<bool>(false)) {
+            print(
+                stderr,
+                QStringLiteral("lumerix: cannot listen for the sender on port %1\n").arg(kSenderCommandPort));
+            finish(1);
+            return;
+        }
+        print(stdout, QStringLiteral("Launched the sender for \"%1\"; waiting for it to ask\n").arg(name));
+        waitingSinceMs_ = 0;
+        auto* poll = new QTimer(QCoreApplication::instance());
+        QObject::connect(poll, &QTimer::timeout, poll, [this, poll, name] {
+            waitingSinceMs_ += kSlotPollMs;
+            if (!slot_.isPending()) {
+                poll->deleteLater();
+                listener_->stop();
+                print(stdout, QStringLiteral("The sender fetched \"%1\"\n").arg(name));
+                finish(0);
+            } else if (waitingSinceMs_ >= kSenderWaitMs) {
+                poll->deleteLater();
+                print(stderr, QStringLiteral("lumerix: the sender did not ask for \"%1\" within %2 s\n")
+                                  .arg(name)
+                                  .arg(kSenderWaitMs / 1000));
+                finish(kExitSenderSilent);
+            }
+        });
+        poll->start(kSlotPollMs);
+    }
+
+    int deadlineReached() override { return kExitSenderSilent; }
+
+    const CommandLine& options_;
+    QMap<QString, QVLumerixItemRef> items_;
+    bool decided_ = false;
+    PendingConnectionSlot slot_;
+    std::atomic<bool> closing_{false};
+    std::unique_ptr<CommandListener> listener_;
+    int waitingSinceMs_ = 0;
+};
+
+int runReceiverCommand(int argc, char** argv, const CommandLine& options) {
+    QCoreApplication app(argc, argv);
+    installSystemLogSink();
+    if (auto iface = runningInstance()) {
+        return options.mode == CommandLine::Mode::List ? listThroughInstance(*iface, options)
+                                                       : connectThroughInstance(*iface, options);
+    }
+    StandaloneSession session(options);
+    return session.run();
+}
+
+}  // namespace
+
+int runListMode(int argc, char** argv, const CommandLine& options) {
+    return runReceiverCommand(argc, argv, options);
+}
+
+int runConnectMode(int argc, char** argv, const CommandLine& options) {
+    return runReceiverCommand(argc, argv, options);
+}
+
+}  // namespace lumerix

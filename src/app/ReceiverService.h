@@ -1,0 +1,59 @@
+#pragma once
+// The tray's session D-Bus service: com.zemko.Lumerix at /com/zemko/Lumerix, interface
+// com.zemko.Lumerix1. Lists the receivers the tray knows (nearby ones strongest first, then the
+// saved ones) and connects one the way a menu choice does, by name, identifier or "nearest".
+// ReceiversChanged is emitted at most once a second, only when a receiver came, went, or changed
+// its name, address or code. Lives on the main thread, beside the AppDelegate it reads.
+#include <QDBusConnection>
+#include <QList>
+#include <QObject>
+#include <QVariantMap>
+
+#include "dispatch/Throttle.h"
+#include "shell/AppDelegate.h"
+#include "shell/ReceiverChoice.h"
+
+namespace lumerix {
+
+class ReceiverService final : public QObject {
+    Q_OBJECT
+    Q_CLASSINFO("D-Bus Interface", "com.zemko.Lumerix1")
+
+public:
+    static constexpr const char* kServiceName = "com.zemko.Lumerix";
+    static constexpr const char* kObjectPath = "/com/zemko/Lumerix";
+    static constexpr const char* kInterfaceName = "com.zemko.Lumerix1";
+    static constexpr double kChangeIntervalMs = 1000.0;
+
+    ReceiverService(AppDelegate& delegate, DispatchQueue& mainQueue);
+    ~ReceiverService() override;
+
+    enum class Registration { Registered, NameTaken, Failed };
+    // Exports the object, then claims the name (never queued, never replacing its owner).
+    Registration registerOn(QDBusConnection bus, QString* error);
+
+public Q_SLOTS:
+    QList<QVariantMap> Receivers();
+    bool Connect(const QString& identifierOrName);
+    QString ConnectNearest();
+
+Q_SIGNALS:
+    void ReceiversChanged();
+
+private:
+    struct Listed {
+        QVariantMap entry;              // as Receivers() returns it
+        ReceiverDictionary dictionary;  // what the connect action takes
+        ReceiverCandidate candidate;
+    };
+    QList<Listed> listed() const;
+    // The receiver the query names, connected; its identifier (or name, for a saved one).
+    std::optional<QString> connect(const QString& query);
+    void receiversMayHaveChanged();
+
+    AppDelegate& delegate_;
+    Throttle changed_;
+    QString lastShape_;
+};
+
+}  // namespace lumerix
