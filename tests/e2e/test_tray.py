@@ -379,6 +379,7 @@ class NoTrayHostTest(TrayCase):
         for late_watcher in (True, False):
             with self.subTest(late_watcher=late_watcher):
                 self.start_desktop(tray=not late_watcher, host=late_watcher)
+                self.seed_site_default(SITE_DEFAULT)
                 self.start_tray()
                 self.wait_for_scanning()
                 ads = self.advertiser()
