@@ -131,9 +131,9 @@ std::optional<double> seconds(const QString& text, double max) {
 QString modeList(const std::vector<Mode>& allowed) {
     QStringList names;
     for (Mode m : allowed) {
-        for (const ModeSpec& spec : modes()) {
-            if (spec.mode == m)
-                names << (spec.option.isEmpty() ? QStringLiteral("the tray") : dashed(spec.option));
+        for (const ModeSpec& row : modes()) {
+            if (row.mode == m)
+                names << (row.option.isEmpty() ? QStringLiteral("the tray") : dashed(row.option));
         }
     }
     if (names.size() < 2) return names.join(QString());
@@ -176,15 +176,15 @@ CommandLineResult parseCommandLine(const QStringList& arguments) {
     }
 
     QString modeOption;
-    for (const ModeSpec& spec : modes()) {
-        if (spec.option.isEmpty() || !parser.isSet(spec.option)) continue;
+    for (const ModeSpec& row : modes()) {
+        if (row.option.isEmpty() || !parser.isSet(row.option)) continue;
         if (!modeOption.isEmpty()) {
             result.error =
-                QStringLiteral("%1 and %2 cannot be used together.").arg(modeOption, dashed(spec.option));
+                QStringLiteral("%1 and %2 cannot be used together.").arg(modeOption, dashed(row.option));
             return result;
         }
-        modeOption = dashed(spec.option);
-        cl.mode = spec.mode;
+        modeOption = dashed(row.option);
+        cl.mode = row.mode;
     }
 
     for (const OptionSpec& o : options()) {
@@ -254,10 +254,10 @@ CommandLineResult parseCommandLine(const QStringList& arguments) {
 
 QString usageText() {
     QString text;
-    for (const ModeSpec& spec : modes()) {
-        if (spec.usage.isEmpty()) continue;
+    for (const ModeSpec& row : modes()) {
+        if (row.usage.isEmpty()) continue;
         text += (text.isEmpty() ? QStringLiteral("Usage: lumerix ") : QStringLiteral("       lumerix ")) +
-                spec.usage + QLatin1Char('\n');
+                row.usage + QLatin1Char('\n');
     }
     return text;
 }
