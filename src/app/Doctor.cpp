@@ -18,18 +18,18 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
-#include <QRegularExpression>
-#include <QStandardPaths>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
 #include "app/ReferenceTableLocation.h"
-#include "sender/ConnectionInfo.h"
+#include "platform/bluez/ObjectManager.h"
+#include "platform/linux/DesktopEntry.h"
 #include "platform/linux/GetPID.h"
-#include "shell/AppDelegate.h"
 #include "platform/linux/PathManager.h"
+#include "sender/ConnectionInfo.h"
+#include "shell/AppDelegate.h"
 #include "shell/ReferenceTable.h"
 
 namespace lumerix {
@@ -115,7 +115,7 @@ BluetoothFindings probeBluetooth() {
 
     // The filter the scan sets, tried and then cleared with an empty one; nothing else is called.
     // bluetoothd refuses filters while the adapter is off, so an adapter that is off is left alone.
-    const QString adapter = Doctor::defaultAdapterPath(found.adapters.keys());
+    const QString adapter = bluez::defaultAdapterPath(found.adapters.keys());
     if (adapter.isEmpty() || !found.adapters.value(adapter).value_or(false)) return found;
     const QDBusMessage set = callAdapter(
         bus, adapter,
@@ -211,23 +211,6 @@ QString pidList(const QList<int>& pids) {
 
 // ---- checks: what the findings mean ------------------------------------------------------------------
 
-QString Doctor::defaultAdapterPath(const QList<QString>& adapterPaths) {
-    static const QRegularExpression hci(QStringLiteral("/hci(\\d+)$"));
-    QString best;
-    qlonglong bestIndex = -1;
-    for (const QString& path : adapterPaths) {
-        const QRegularExpressionMatch m = hci.match(path);
-        const qlonglong index = m.hasMatch() ? m.captured(1).toLongLong() : -1;
-        const bool better = best.isEmpty() || (index >= 0 && (bestIndex < 0 || index < bestIndex)) ||
-                            (index < 0 && bestIndex < 0 && path < best);
-        if (better) {
-            best = path;
-            bestIndex = index;
-        }
-    }
-    return best;
-}
-
 QList<DoctorCheck> Doctor::bluetoothChecks(const BluetoothFindings& found) {
     const QString bus = QStringLiteral("System bus");
     const QString daemon = QStringLiteral("bluetoothd");
@@ -254,7 +237,7 @@ QList<DoctorCheck> Doctor::bluetoothChecks(const BluetoothFindings& found) {
     }
     checks << passed(daemon, true, QStringLiteral("running"));
 
-    const QString path = defaultAdapterPath(found.adapters.keys());
+    const QString path = bluez::defaultAdapterPath(found.adapters.keys());
     if (found.accessDenied) {
         checks << failed(adapter, true, QStringLiteral("bluetoothd refused to answer: ") + found.error,
                          QStringLiteral("allow this user to use Bluetooth (the bluetooth group or the D-Bus "
@@ -467,8 +450,7 @@ int runDoctorMode(int argc, char** argv, bool json) {
     checks << Doctor::trayHostCheck(sni, sni ? std::nullopt : probeXEmbedTray());
     checks << Doctor::notificationCheck(
         nameOwned(session, QStringLiteral("org.freedesktop.Notifications"), true));
-    checks << Doctor::senderCheck(QStandardPaths::locate(QStandardPaths::ApplicationsLocation,
-                                                         QLatin1String(Doctor::kSenderDesktopEntry)),
+    checks << Doctor::senderCheck(desktopEntryPath(QLatin1String(AppDelegate::kSenderBundleIdentifier)),
                                   processes(Doctor::kSenderProcess, false));
     QString problem;
     const PortState port = probePort(kSenderCommandPort, &problem);

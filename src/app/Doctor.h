@@ -42,9 +42,6 @@ public:
     static constexpr const char* kSenderDesktopEntry = "com.Sharvane.Ondrel.desktop";
     static constexpr const char* kSenderProcess = "Sharvane";
 
-    // BlueZ's default adapter: the lowest-numbered hciN (hci2 before hci10). Empty when none.
-    static QString defaultAdapterPath(const QList<QString>& adapterPaths);
-
     // System bus, bluetoothd, adapter, powered, discovery filter.
     static QList<DoctorCheck> bluetoothChecks(const BluetoothFindings& found);
     // Bluetooth rfkill switches under <sysfs>/class/rfkill.

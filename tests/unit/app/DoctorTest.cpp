@@ -26,23 +26,6 @@ void write(const QString& path, const QByteArray& bytes) {
     f.write(bytes);
 }
 
-TEST(DoctorTest, DefaultAdapterIsTheLowestNumbered) {
-    const struct {
-        QStringList paths;
-        QString expected;
-    } cases[] = {
-        {{}, QString()},
-        {{QStringLiteral("/org/bluez/hci10"), QStringLiteral("/org/bluez/hci2")},
-         QStringLiteral("/org/bluez/hci2")},
-        {{QStringLiteral("/org/bluez/usb0"), QStringLiteral("/org/bluez/hci3")},
-         QStringLiteral("/org/bluez/hci3")},
-        {{QStringLiteral("/org/bluez/usb1"), QStringLiteral("/org/bluez/usb0")},
-         QStringLiteral("/org/bluez/usb0")},
-    };
-    for (const auto& c : cases)
-        EXPECT_EQ(Doctor::defaultAdapterPath(c.paths), c.expected) << c.paths.join(u' ').toStdString();
-}
-
 TEST(DoctorTest, BluetoothChecksStopAtTheFirstMissingLayer) {
     const QString hci0 = QStringLiteral("/org/bluez/hci0");
     const QString hci1 = QStringLiteral("/org/bluez/hci1");
