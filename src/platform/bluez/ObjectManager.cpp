@@ -127,7 +127,7 @@ Snapshot ObjectManager::takeSnapshot(int timeoutMs) {
         return s;
     }
     auto call = sdbus::newMethodCall(bus.get(), kService, "/", kInterface, "GetManagedObjects");
-    sd_bus_error e = SD_BUS_ERROR_NULL;
+    sd_bus_error e{};  // SD_BUS_ERROR_NULL, without its C compound literal
     sd_bus_message* reply = nullptr;
     const int r = call ? sd_bus_call(bus.get(), call.get(), uint64_t(timeoutMs) * 1000, &e, &reply) : -EINVAL;
     sdbus::Reply answer;
