@@ -143,6 +143,7 @@ QString modeList(const std::vector<Mode>& allowed) {
 
 }  // namespace
 
+// NOLINTNEXTLINE(readability-function-cognitive-complexity): one check after another, in usage order
 CommandLineResult parseCommandLine(const QStringList& arguments) {
     CommandLineResult result;
     CommandLine& cl = result.options;

@@ -286,7 +286,8 @@ DoctorCheck Doctor::rfkillCheck(const QString& sysfsRoot) {
         QFile f(dir.filePath(entry + QLatin1Char('/') + QLatin1String(file)));
         return f.open(QIODevice::ReadOnly) ? QString::fromUtf8(f.readAll()).trimmed() : QString();
     };
-    QStringList soft, hard;
+    QStringList soft;
+    QStringList hard;
     int switches = 0;
     for (const QString& entry : dir.entryList(QDir::Dirs | QDir::NoDotAndDotDot, QDir::Name)) {
         if (read(entry, "type") != QLatin1String("bluetooth")) continue;

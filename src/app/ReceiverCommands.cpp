@@ -226,7 +226,7 @@ private:
         };
         bool delivered = false;
         // Sent from this thread: the command has nothing else to do meanwhile.
-        const SenderDelivery delivery = [&delivered](QByteArray frame, const DeliveryDone& done) {
+        const SenderDelivery delivery = [&delivered](const QByteArray& frame, const DeliveryDone& done) {
             delivered = MainController::SendDataToOndrel(reinterpret_cast<const uint8_t*>(frame.constData()),
                                                          static_cast<uint64_t>(frame.size()));
             if (done) done(delivered);

@@ -23,11 +23,13 @@ def connection_info_characteristics():
 class GattRead(h.LumerixTestCase):
 
     def add_receiver(self):
-        path = self.bluez.add_receiver(RECEIVER, -50)
+        # The GATT objects exist before the receiver is heard, as with a real one: announced after
+        # it, a quick connection could find them half there.
+        path = self.bluez.device_path(ADDRESS)
         # An unrelated service first, so the choice of service is exercised.
         self.bluez.add_gatt_service(path, 0x0001, 0x1800, [(0x2A00, b'Room A')])
         self.bluez.add_gatt_service(path, 0x0010, 0x5885, connection_info_characteristics())
-        return path
+        return self.bluez.add_receiver(RECEIVER, -50)
 
     def test_reads_and_decrypts_the_connection_information(self):
         self.bluez.add_adapter()

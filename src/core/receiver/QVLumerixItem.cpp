@@ -262,8 +262,8 @@ double QVLumerixItem::aveRssi() const { return aveRssi_.load(std::memory_order_a
     }                                                             \
     void QVLumerixItem::setter(std::optional<QString> v) {        \
         std::lock_guard lock(mutex_);                             \
-        if (member == v) return;                                  \
-        member = std::move(v);                                    \
+        if ((member) == v) return;                                \
+        (member) = std::move(v);                                  \
         detailsRevision_.fetch_add(1, std::memory_order_release); \
     }
 

@@ -402,7 +402,7 @@ void AppDelegate::UpdateMenu() {
     // The menu shows the receivers that have a name at the rows of their list positions, the fixed
     // entries filling the rows between them in order, and receivers past the fixed entries last:
     // the same rows as inserting each named receiver at its list position into the fixed menu.
-    const size_t n = static_cast<size_t>(m_pDiscoveredDevice.size());
+    const auto n = static_cast<size_t>(m_pDiscoveredDevice.size());
     receiverTitles_.resize(n);
     bool changed = fixedItemsStale_ || receiverItems_.size() != n;
     if (fixedItemsStale_ && m_pStatusMenu) {
@@ -439,9 +439,8 @@ void AppDelegate::UpdateMenu() {
             size_t next = 0;
             for (;;) {
                 while (next < n && !receiverItems_[next]) ++next;
-                if (next < n && next == rows_.size()) {
-                    rows_.push_back(receiverItems_[next++]);
-                } else if (fixed < fixedItems_.size()) {
+                const bool receiverRow = next < n && next == rows_.size();
+                if (!receiverRow && fixed < fixedItems_.size()) {
                     rows_.push_back(fixedItems_[fixed++]);
                 } else if (next < n) {
                     rows_.push_back(receiverItems_[next++]);

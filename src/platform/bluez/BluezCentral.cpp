@@ -40,7 +40,7 @@ BluezCentral::~BluezCentral() {
     }
 }
 
-BleCentralFactory BluezCentral::factory(std::optional<QString> onlyLocalName) {
+BleCentralFactory BluezCentral::factory(const std::optional<QString>& onlyLocalName) {
     return
         [onlyLocalName](BleCentralDelegate* delegate, DispatchQueue* queue) -> std::unique_ptr<BleCentral> {
             return std::make_unique<BluezCentral>(delegate, queue, onlyLocalName);

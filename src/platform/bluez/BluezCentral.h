@@ -33,7 +33,7 @@ public:
                  std::optional<QString> onlyLocalName = {});
     ~BluezCentral() override;
 
-    static BleCentralFactory factory(std::optional<QString> onlyLocalName = {});
+    static BleCentralFactory factory(const std::optional<QString>& onlyLocalName = {});
 
     int state() const override;
     void scanForPeripherals(bool allowDuplicates) override;
