@@ -4,7 +4,6 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
-#include <xcb/xcb.h>
 
 #include <QCoreApplication>
 #include <QDBusArgument>
@@ -24,6 +23,7 @@
 #include <cstring>
 
 #include "app/ReferenceTableLocation.h"
+#include "app/TrayHost.h"
 #include "platform/bluez/ObjectManager.h"
 #include "platform/linux/DesktopEntry.h"
 #include "platform/linux/GetPID.h"
@@ -142,29 +142,10 @@ bool nameOwned(QDBusConnection& bus, const QString& name, bool orActivatable) {
            reply.arguments().constFirst().toStringList().contains(name);
 }
 
-// Whether the X server's default screen has a system tray (its selection has an owner); unset
-// without a display to ask.
+// Whether the X server's default screen has a system tray; unset without a display to ask.
 std::optional<bool> probeXEmbedTray() {
     if (qEnvironmentVariableIsEmpty("DISPLAY")) return std::nullopt;
-    int screen = 0;
-    xcb_connection_t* c = xcb_connect(nullptr, &screen);
-    if (xcb_connection_has_error(c)) {
-        xcb_disconnect(c);
-        return std::nullopt;
-    }
-    const QByteArray atomName = "_NET_SYSTEM_TRAY_S" + QByteArray::number(screen);
-    xcb_intern_atom_reply_t* atom = xcb_intern_atom_reply(
-        c, xcb_intern_atom(c, 0, static_cast<uint16_t>(atomName.size()), atomName.constData()), nullptr);
-    bool owned = false;
-    if (atom) {
-        xcb_get_selection_owner_reply_t* owner =
-            xcb_get_selection_owner_reply(c, xcb_get_selection_owner(c, atom->atom), nullptr);
-        owned = owner && owner->owner != XCB_NONE;
-        std::free(owner);
-        std::free(atom);
-    }
-    xcb_disconnect(c);
-    return owned;
+    return TrayHost::xembedSelectionOwned();
 }
 
 QList<int> processes(const char* name, bool excludingSelf) {

@@ -71,23 +71,29 @@ bool TrayHost::statusNotifierHostRegistered() {
 bool TrayHost::xembedTrayRunning() {
     // Qt shows XEmbed icons on its xcb platform only.
     if (QGuiApplication::platformName() != QLatin1String("xcb")) return false;
+    return xembedSelectionOwned().value_or(false);
+}
+
+std::optional<bool> TrayHost::xembedSelectionOwned() {
     int screen = 0;
     xcb_connection_t* x = xcb_connect(nullptr, &screen);
-    bool running = false;
-    if (!xcb_connection_has_error(x)) {
-        const QByteArray name = "_NET_SYSTEM_TRAY_S" + QByteArray::number(screen);
-        xcb_intern_atom_reply_t* atom = xcb_intern_atom_reply(
-            x, xcb_intern_atom(x, 1, static_cast<uint16_t>(name.size()), name.constData()), nullptr);
-        if (atom && atom->atom != XCB_ATOM_NONE) {
-            xcb_get_selection_owner_reply_t* owner =
-                xcb_get_selection_owner_reply(x, xcb_get_selection_owner(x, atom->atom), nullptr);
-            running = owner && owner->owner != XCB_WINDOW_NONE;
-            std::free(owner);
-        }
-        std::free(atom);
+    if (xcb_connection_has_error(x)) {
+        xcb_disconnect(x);
+        return std::nullopt;
     }
+    bool owned = false;
+    const QByteArray name = "_NET_SYSTEM_TRAY_S" + QByteArray::number(screen);
+    xcb_intern_atom_reply_t* atom = xcb_intern_atom_reply(
+        x, xcb_intern_atom(x, 1, static_cast<uint16_t>(name.size()), name.constData()), nullptr);
+    if (atom && atom->atom != XCB_ATOM_NONE) {
+        xcb_get_selection_owner_reply_t* owner =
+            xcb_get_selection_owner_reply(x, xcb_get_selection_owner(x, atom->atom), nullptr);
+        owned = owner && owner->owner != XCB_WINDOW_NONE;
+        std::free(owner);
+    }
+    std::free(atom);
     xcb_disconnect(x);
-    return running;
+    return owned;
 }
 
 }  // namespace lumerix

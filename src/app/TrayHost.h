@@ -4,6 +4,7 @@
 // go through D-Bus, so asking it before a StatusNotifierWatcher runs would keep the icon off that
 // watcher for good. A watcher counts once it says a host is registered, as Qt requires.
 #include <QObject>
+#include <optional>
 #include <functional>
 #include <memory>
 
@@ -25,6 +26,9 @@ public:
     static bool isRunning();
     static bool statusNotifierHostRegistered();
     static bool xembedTrayRunning();
+    // Whether the X server's default screen has a system tray (its selection has an owner); unset
+    // when no X server answers.
+    static std::optional<bool> xembedSelectionOwned();
 
 private Q_SLOTS:
     void hostRegistered();
