@@ -51,6 +51,9 @@ public:
         for (const BleDiscovery& d : batch)
             centralManagerDidDiscoverPeripheral(d.peripheral, d.advertisementData, d.rssi);
     }
+    // The central no longer knows the device (BlueZ removed its object): it will not be reported
+    // again until it advertises anew, so whatever is kept for it can go.
+    virtual void centralManagerDidForgetPeripheral(const BlePeripheralRef& peripheral) {}
     virtual void centralManagerDidConnectPeripheral(const BlePeripheralRef& peripheral) {}
     virtual void centralManagerDidFailToConnectPeripheral(const BlePeripheralRef& peripheral,
                                                           const std::optional<BleError>& error) {}
