@@ -39,7 +39,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
              {QStringLiteral("DeviceName"), QString::fromUtf8(reinterpret_cast<const char*>(data),
                                                               static_cast<int>(used < 64 ? used : 64))}});
     }
+    // The listener stops reading a connection once its bytes are refused: no request the
+    // parser would accept may be refused that early.
+    const auto progress = lumerix::CommandListener::requestProgress(data, used);
     const uint64_t length = listener.ParserCmd(request, reply, sizeof reply);
+    if (length != 0 && progress == lumerix::CommandListener::RequestProgress::Refused) __builtin_trap();
     if (length > sizeof reply) __builtin_trap();
     if (length != 0 && (reply[0] != 0x02 || reply[2] != 0x03)) __builtin_trap();
     slot.take();

@@ -19,6 +19,7 @@
 #include "app/ReceiverService.h"
 #include "log/Log.h"
 #include "platform/linux/GetPID.h"
+#include "platform/linux/LoopbackSockets.h"
 #include "platform/linux/SenderLauncher.h"
 #include "platform/linux/SyslogSink.h"
 #include "sender/CommandListener.h"
@@ -218,22 +219,32 @@ private:
         const QString name = dict.value(QStringLiteral("Device"));
 
         // Listening before the launch: a quick sender must find the listener up.
-        listener_ = std::make_unique<CommandListener>(slot_, closing_, kSenderCommandPort);
+        const PeerCheck peers = makeLoopbackPeerCheck();
+        listener_ = std::make_unique<CommandListener>(slot_, closing_, kSenderCommandPort, peers);
         const Launcher launcher = [this](const QByteArray& bundleIdentifier) {
             if (!listener_) return 1;
             listener_->start();
             return SenderLauncher::launchApplication(bundleIdentifier);
         };
-        bool delivered = false;
+        DeliveryOutcome delivered = DeliveryOutcome::Unreachable;
         // Sent from this thread: the command has nothing else to do meanwhile.
-        const SenderDelivery delivery = [&delivered](const QByteArray& frame, const DeliveryDone& done) {
-            delivered = MainController::SendDataToOndrel(reinterpret_cast<const uint8_t*>(frame.constData()),
-                                                         static_cast<uint64_t>(frame.size()));
+        const SenderDelivery delivery = [&delivered, &peers](const QByteArray& frame,
+                                                             const DeliveryDone& done) {
+            delivered =
+                MainController::SendDataToOndrel(reinterpret_cast<const uint8_t*>(frame.constData()),
+                                                 static_cast<uint64_t>(frame.size()), kSenderDataPort, peers);
             if (done) done(delivered);
         };
-        const auto outcome =
-            AppDelegate::ConnectReceiver(dict, launcher, &GetAllPIDsForProcessName, delivery, slot_);
-        if (outcome == AppDelegate::ConnectOutcome::Sent && !delivered) {
+        const auto outcome = AppDelegate::ConnectReceiver(dict, launcher, &GetAllPIDsForProcessName,
+                                                          peers.self, delivery, slot_);
+        if (outcome == AppDelegate::ConnectOutcome::Sent && delivered == DeliveryOutcome::ForeignListener) {
+            print(stderr,
+                  QStringLiteral("lumerix: port %1 is held by another user's program; \"%2\" was not sent\n")
+                      .arg(QString::number(kSenderDataPort), name));
+            finish(1);
+            return;
+        }
+        if (outcome == AppDelegate::ConnectOutcome::Sent && delivered != DeliveryOutcome::Delivered) {
             print(stderr, QStringLiteral("lumerix: the sender did not take \"%1\" on port %2\n")
                               .arg(name, QString::number(kSenderDataPort)));
             finish(1);

@@ -22,6 +22,7 @@
 #include "platform/linux/DesktopNotifier.h"
 #include "platform/linux/GetPID.h"
 #include "platform/linux/LogindWorkspace.h"
+#include "platform/linux/LoopbackSockets.h"
 #include "platform/linux/PathManager.h"
 #include "platform/linux/SenderLauncher.h"
 #include "platform/linux/SyslogSink.h"
@@ -80,7 +81,9 @@ int runTrayApp(int argc, char** argv, const CommandLine& options) {
     QtEventQueue mainQueue(kMainQueueLabel, &app);
     HandlerEnvironment handlerEnv = makeProductionEnvironment(&mainQueue, *source);
     auto application = std::make_shared<QtShellApplication>();
-    DeliveryWorker delivery;  // outlives the delegate below
+    // Frames go only to our own user's sender, and the listener answers only our own processes.
+    const PeerCheck peers = makeLoopbackPeerCheck();
+    DeliveryWorker delivery(kSenderDataPort, peers);  // outlives the delegate below
 
     ShellEnvironment env;
     env.clock = handlerEnv.clock;
@@ -94,6 +97,7 @@ int runTrayApp(int argc, char** argv, const CommandLine& options) {
     env.workspace = std::make_shared<LogindWorkspace>(QDBusConnection::systemBus());
     env.launcher = &SenderLauncher::launchApplication;
     env.processLookup = &GetAllPIDsForProcessName;
+    env.peers = peers;
     env.delivery = [&delivery](QByteArray frame, DeliveryDone done) {
         delivery.deliver(std::move(frame), std::move(done));
     };

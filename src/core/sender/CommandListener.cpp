@@ -7,7 +7,10 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <chrono>
+#include <cmath>
 #include <cstring>
 #include <vector>
 
@@ -17,10 +20,16 @@
 namespace lumerix {
 namespace {
 
-constexpr size_t kMaxReceive = kFrameBufferSize - 1;
+constexpr size_t kMaxReceive = kFrameBufferSize - 1;  // at most this much is read per request
+constexpr size_t kRequestReserve = 16;
 // Never stall on one peer. A reply to a peer that has gone raises SIGPIPE, which the program
 // ignores (the app sets that up), so the send just fails.
 constexpr int kReplyFlags = MSG_DONTWAIT;
+
+double steadyMs() {
+    return std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now().time_since_epoch())
+        .count();
+}
 
 void closeFd(int fd) {
     while (::close(fd) == -1 && errno == EINTR) {
@@ -37,25 +46,47 @@ bool setDescriptorFlags(int fd, bool nonBlocking) {
 
 }  // namespace
 
+PendingConnectionSlot::PendingConnectionSlot(std::shared_ptr<Clock> clock) : clock_(std::move(clock)) {
+    if (!clock_) clock_ = systemClock();
+}
+
+void PendingConnectionSlot::setClock(std::shared_ptr<Clock> clock) {
+    if (!clock) return;
+    std::lock_guard lock(mutex_);
+    clock_ = std::move(clock);
+}
+
 void PendingConnectionSlot::park(ConnectionInfo info) {
     std::lock_guard lock(mutex_);
     pending_ = std::move(info);
+    parkedAtMs_ = clock_->monotonicMs();
+}
+
+bool PendingConnectionSlot::expiredLocked() const {
+    return pending_ && clock_->monotonicMs() - parkedAtMs_ > kLifetimeMs;
 }
 
 std::optional<ConnectionInfo> PendingConnectionSlot::take() {
     std::lock_guard lock(mutex_);
     std::optional<ConnectionInfo> taken;
+    if (expiredLocked()) {
+        Log::logf("Command listener: the parked connection details expired unasked after %.0f s\n",
+                  kLifetimeMs / 1000.0);
+        pending_.reset();
+        return taken;
+    }
     taken.swap(pending_);
     return taken;
 }
 
 bool PendingConnectionSlot::isPending() const {
     std::lock_guard lock(mutex_);
-    return pending_.has_value();
+    return pending_.has_value() && !expiredLocked();
 }
 
-CommandListener::CommandListener(PendingConnectionSlot& slot, const std::atomic<bool>& closing, uint16_t port)
-    : slot_(slot), closing_(closing), port_(port) {
+CommandListener::CommandListener(PendingConnectionSlot& slot, const std::atomic<bool>& closing, uint16_t port,
+                                 PeerCheck peers)
+    : slot_(slot), closing_(closing), port_(port), peers_(std::move(peers)) {
     if (::pipe(wakePipe_) != 0 || !setDescriptorFlags(wakePipe_[0], true) ||
         !setDescriptorFlags(wakePipe_[1], true)) {
         Log::logf("Command listener: no wake pipe (%s); stop waits for the next request\n",
@@ -116,9 +147,6 @@ void CommandListener::announceSetupDone() {
 }
 
 bool CommandListener::ListenCmdFromSenderThread() {
-    uint8_t receiveBuffer[kFrameBufferSize] = {};
-    uint8_t replyBuffer[kFrameBufferSize] = {};
-
     const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
     if (fd == -1) {
         Log::write(QStringLiteral("Create Socket failed.\n"));
@@ -142,7 +170,7 @@ bool CommandListener::ListenCmdFromSenderThread() {
         closeFd(fd);
         return false;
     }
-    if (::listen(fd, 5) != 0) {
+    if (::listen(fd, kListenBacklog) != 0) {
         Log::logf("Command listener: listen failed (%s)\n", std::strerror(errno));
         closeFd(fd);
         return false;
@@ -150,55 +178,46 @@ bool CommandListener::ListenCmdFromSenderThread() {
     socklen_t addressLength = sizeof address;
     if (::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &addressLength) == 0)
         port_.store(ntohs(address.sin_port));
-    std::memset(receiveBuffer, 0, sizeof receiveBuffer);
     listenFd_.store(fd);
     announceSetupDone();
 
+    // One wait covers new connections, a stop request, bytes from every peer and the earliest
+    // deadline: no peer can hold up another.
     std::vector<pollfd> waits;
     bool running = !closing_.load() && !stopRequested_.load();
     while (running) {
-        // One wait covers new connections, a stop request, and peers closing connections we hold.
         waits.clear();
         waits.push_back({fd, POLLIN, 0});
         waits.push_back({wakePipe_[0], POLLIN, 0});
-        for (const int connection : openConnections_) waits.push_back({connection, POLLIN, 0});
-        if (::poll(waits.data(), waits.size(), -1) == -1) {
+        double earliest = -1.0;
+        for (const Connection& connection : connections_) {
+            waits.push_back({connection.fd, POLLIN, 0});
+            if (!connection.answered && (earliest < 0 || connection.deadlineMs < earliest))
+                earliest = connection.deadlineMs;
+        }
+        const int timeout =
+            earliest < 0 ? -1 : static_cast<int>(std::ceil(std::max(0.0, earliest - steadyMs())));
+        if (::poll(waits.data(), waits.size(), timeout) == -1) {
             if (errno == EINTR) continue;
             Log::logf("Command listener: poll failed (%s)\n", std::strerror(errno));
             break;
         }
         if (stopRequested_.load()) break;
 
-        std::deque<int> readable;
-        for (size_t i = 2; i < waits.size(); ++i) {
-            if (waits[i].revents != 0) readable.push_back(waits[i].fd);
-        }
-        releaseClosedConnections(readable);
-
-        if ((waits[0].revents & POLLIN) == 0) continue;
-        sockaddr_in peer{};
-        socklen_t peerLength = sizeof peer;  // 16
-        const int connection = ::accept(fd, reinterpret_cast<sockaddr*>(&peer), &peerLength);
-        if (connection == -1) {
-            if (errno == EMFILE || errno == ENFILE) {
-                Log::logf("Command listener: accept failed (%s)\n", std::strerror(errno));
-                if (!openConnections_.empty()) {
-                    closeFd(openConnections_.front());
-                    openConnections_.pop_front();
-                } else {
-                    // Nothing of ours to give back: wait a little (or for stop) instead of spinning.
-                    pollfd wake{wakePipe_[0], POLLIN, 0};
-                    ::poll(&wake, 1, 100);
-                }
-            } else if (errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR && errno != ECONNABORTED) {
-                Log::logf("Command listener: accept failed (%s)\n", std::strerror(errno));
+        const double now = steadyMs();
+        for (size_t i = 0; i < connections_.size(); ++i) {
+            Connection& connection = connections_[i];
+            bool keep = true;
+            if (waits[i + 2].revents != 0) keep = readFrom(connection);
+            if (keep && !connection.answered && now >= connection.deadlineMs) answer(connection);
+            if (!keep) {
+                closeFd(connection.fd);
+                connection.fd = -1;
             }
-            continue;
         }
-        // Every receive and send below says MSG_DONTWAIT, so the connection's own blocking mode
-        // (inherited from the listening socket on some systems, not on others) does not matter.
-        ::fcntl(connection, F_SETFD, FD_CLOEXEC);
-        serveConnection(connection, receiveBuffer, replyBuffer);
+        std::erase_if(connections_, [](const Connection& c) { return c.fd == -1; });
+
+        if ((waits[0].revents & POLLIN) != 0) acceptConnections(fd);
         running = !closing_.load() && !stopRequested_.load();
     }
 
@@ -208,83 +227,154 @@ bool CommandListener::ListenCmdFromSenderThread() {
     return true;
 }
 
-void CommandListener::serveConnection(int connection, uint8_t* receiveBuffer, uint8_t* replyBuffer) {
-    // A receive that waits too long counts as empty; the buffer keeps what an earlier request left.
-    pollfd waits[2] = {{connection, POLLIN, 0}, {wakePipe_[0], POLLIN, 0}};
-    int ready;
-    do {
-        ready = ::poll(waits, 2, kReceiveTimeoutMs);
-    } while (ready == -1 && errno == EINTR);
-    if (stopRequested_.load()) {
-        closeFd(connection);
-        return;
-    }
-    ssize_t received = -1;
-    if (ready > 0 && waits[0].revents != 0)
-        received = ::recv(connection, receiveBuffer, kMaxReceive, MSG_DONTWAIT);
-
-    Log::write(QStringLiteral("recv data from sender\n"));
-    uint64_t length = ParserCmd(receiveBuffer, replyBuffer, kFrameBufferSize);
-    if (length == 0) {
-        Log::write(QStringLiteral("Send nothing\n"));
-        replyBuffer[0] = 0;
-        length = 1;
-    } else {
-        Log::logf("Send data to sender, length:%ld\n", static_cast<long>(length));
-    }
-    ::send(connection, replyBuffer, static_cast<size_t>(length), kReplyFlags);
-
-    if (received == 0) {
-        closeFd(connection);  // the peer has already closed its side
-        return;
-    }
-    keepConnection(connection);
-}
-
-void CommandListener::keepConnection(int connection) {
-    openConnections_.push_back(connection);
-    while (openConnections_.size() > static_cast<size_t>(kMaxOpenConnections)) {
-        closeFd(openConnections_.front());
-        openConnections_.pop_front();
+void CommandListener::acceptConnections(int listenFd) {
+    // Bounded per round, so a flood of connects cannot keep the loop from the connections it holds.
+    for (int round = 0; round < kMaxOpenConnections; ++round) {
+        sockaddr_in peer{};
+        socklen_t peerLength = sizeof peer;
+        const int fd = ::accept4(listenFd, reinterpret_cast<sockaddr*>(&peer), &peerLength,
+                                 SOCK_NONBLOCK | SOCK_CLOEXEC);
+        if (fd == -1) {
+            if (errno == EINTR || errno == ECONNABORTED) continue;
+            if (errno == EMFILE || errno == ENFILE) {
+                Log::logf("Command listener: accept failed (%s)\n", std::strerror(errno));
+                if (!connections_.empty()) {
+                    closeFd(connections_.front().fd);
+                    connections_.pop_front();
+                } else {
+                    // Nothing of ours to give back: wait a little (or for stop) instead of spinning.
+                    pollfd wake{wakePipe_[0], POLLIN, 0};
+                    ::poll(&wake, 1, 100);
+                }
+            } else if (errno != EAGAIN && errno != EWOULDBLOCK) {
+                Log::logf("Command listener: accept failed (%s)\n", std::strerror(errno));
+            }
+            return;
+        }
+        Connection connection;
+        connection.fd = fd;
+        connection.peerPort = ntohs(peer.sin_port);
+        connection.deadlineMs = steadyMs() + kReceiveTimeoutMs;
+        connection.received.reserve(kRequestReserve);
+        // A sender sends its request with the connect: read it now rather than a round later.
+        if (!readFrom(connection)) {
+            closeFd(fd);
+            continue;
+        }
+        connections_.push_back(std::move(connection));
+        makeRoom();
     }
 }
 
-void CommandListener::releaseClosedConnections(const std::deque<int>& readable) {
-    for (const int connection : readable) {
+bool CommandListener::readFrom(Connection& connection) {
+    if (connection.answered) {
         // Later bytes on an answered connection are not requests: drop them; release on end of stream.
         uint8_t discard[256];
         ssize_t n;
         do {
-            n = ::recv(connection, discard, sizeof discard, MSG_DONTWAIT);
+            n = ::recv(connection.fd, discard, sizeof discard, MSG_DONTWAIT);
         } while (n > 0);
-        if (n == -1 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR)) continue;
-        closeFd(connection);
-        std::erase(openConnections_, connection);
+        return n == -1 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR);
+    }
+    uint8_t chunk[kMaxReceive];
+    const size_t room = kMaxReceive - connection.received.size();
+    const ssize_t n = ::recv(connection.fd, chunk, room, MSG_DONTWAIT);
+    if (n == -1) return errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR;
+    if (n == 0) {
+        answer(connection);  // the peer said all it will: judge what came
+        return false;
+    }
+    connection.received.insert(connection.received.end(), chunk, chunk + n);
+    if (connection.received.size() >= kMaxReceive ||
+        requestProgress(connection.received.data(), connection.received.size()) !=
+            RequestProgress::Incomplete)
+        answer(connection);
+    return true;
+}
+
+void CommandListener::answer(Connection& connection) {
+    connection.answered = true;
+    // Judged on this connection's bytes alone, in a cleared buffer of the usual size.
+    uint8_t request[kFrameBufferSize] = {};
+    uint8_t reply[kFrameBufferSize] = {};
+    std::memcpy(request, connection.received.data(), std::min(connection.received.size(), kMaxReceive));
+    const bool complete = requestProgress(request, connection.received.size()) == RequestProgress::Complete;
+    connection.received = {};
+
+    Log::write(QStringLiteral("recv data from sender\n"));
+    uint64_t length = 0;
+    if (complete && framingIsValid(request)) {
+        std::optional<uint32_t> owner;
+        if (peers_.peerIsOurs(port_.load(), connection.peerPort, &owner)) {
+            length = ParserCmd(request, reply, kFrameBufferSize);
+        } else if (owner) {
+            Log::logf(
+                "Command listener: refused a request from 127.0.0.1:%u: its socket belongs to uid %u, "
+                "not to this user (uid %u)\n",
+                static_cast<unsigned>(connection.peerPort), static_cast<unsigned>(*owner),
+                static_cast<unsigned>(peers_.self));
+        } else {
+            Log::logf("Command listener: refused a request from 127.0.0.1:%u: its owner could not be found\n",
+                      static_cast<unsigned>(connection.peerPort));
+        }
+    }
+    if (length == 0) {
+        Log::write(QStringLiteral("Send nothing\n"));
+        reply[0] = 0;
+        length = 1;
+    } else {
+        Log::logf("Send data to sender, length:%ld\n", static_cast<long>(length));
+    }
+    ::send(connection.fd, reply, static_cast<size_t>(length), kReplyFlags);
+}
+
+void CommandListener::makeRoom() {
+    while (connections_.size() > static_cast<size_t>(kMaxOpenConnections)) {
+        // Answered connections go first (oldest first), then the longest-waiting request.
+        auto victim = std::find_if(connections_.begin(), connections_.end(),
+                                   [](const Connection& c) { return c.answered; });
+        if (victim == connections_.end()) victim = connections_.begin();
+        closeFd(victim->fd);
+        connections_.erase(victim);
     }
 }
 
 void CommandListener::closeAllConnections() {
-    for (const int connection : openConnections_) closeFd(connection);
-    openConnections_.clear();
+    for (const Connection& connection : connections_) closeFd(connection.fd);
+    connections_.clear();
 }
 
-uint64_t CommandListener::ParserCmd(const uint8_t* request, uint8_t* output, uint64_t outputLength) {
+CommandListener::RequestProgress CommandListener::requestProgress(const uint8_t* received, size_t size) {
+    // The same lenient marks as ParserCmd: either start mark alone will do.
+    if (size >= 2 && received[0] != 0x02 && received[1] != 0x03) return RequestProgress::Refused;
+    if (size >= 3 && received[2] != MainController::kCommandRequest) return RequestProgress::Refused;
+    if (size < 5) return RequestProgress::Incomplete;
+    const int length = static_cast<int8_t>(received[3]) + 256 * static_cast<int8_t>(received[4]);
+    if (length < 0 || length + 2 >= kFrameBufferSize) return RequestProgress::Refused;
+    // Checksum at offset L, end marks at L+1 and L+2.
+    return size >= static_cast<size_t>(length) + 3 ? RequestProgress::Complete : RequestProgress::Incomplete;
+}
+
+bool CommandListener::framingIsValid(const uint8_t* request) const {
     // Either start mark alone is accepted.
-    if (request[0] != 0x02 && request[1] != 0x03) return 0;
-    if (request[2] != MainController::kCommandRequest) return 0;
+    if (request[0] != 0x02 && request[1] != 0x03) return false;
+    if (request[2] != MainController::kCommandRequest) return false;
 
     const int length = static_cast<int8_t>(request[3]) + 256 * static_cast<int8_t>(request[4]);
     // The receive buffer is the only bound: the checksum and both end marks must lie inside it.
-    if (length < 0 || length + 2 >= kFrameBufferSize) return 0;
+    if (length < 0 || length + 2 >= kFrameBufferSize) return false;
 
     int sum = 0;
     if (static_cast<uint32_t>(length) >= 6) {
         for (int i = 5; i < length; ++i) sum += static_cast<int8_t>(request[i]);
     }
-    if (static_cast<uint8_t>(sum & 0xFF) != request[length]) return 0;
+    if (static_cast<uint8_t>(sum & 0xFF) != request[length]) return false;
     // Either end mark alone is accepted.
-    if (request[length + 1] != 0x02 && request[length + 2] != 0x03) return 0;
+    return request[length + 1] == 0x02 || request[length + 2] == 0x03;
+}
 
+uint64_t CommandListener::ParserCmd(const uint8_t* request, uint8_t* output, uint64_t outputLength) {
+    if (!framingIsValid(request)) return 0;
     std::optional<ConnectionInfo> pending = slot_.take();
     if (!pending) return 0;
     return MainController::GeneralPacket(output, outputLength, *pending);

@@ -4,13 +4,16 @@
 
 namespace lumerix {
 
-DeliveryWorker::DeliveryWorker(uint16_t port) : port_(port), queue_("com.zemko.Lumerix.deliver") {}
+DeliveryWorker::DeliveryWorker(uint16_t port, PeerCheck peers)
+    : port_(port), peers_(std::move(peers)), queue_("com.zemko.Lumerix.deliver") {}
 
-void DeliveryWorker::deliver(QByteArray frame, std::function<void(bool delivered)> done) {
-    queue_.async([frame = std::move(frame), done = std::move(done), port = port_] {
-        const bool delivered = MainController::SendDataToOndrel(
-            reinterpret_cast<const uint8_t*>(frame.constData()), static_cast<uint64_t>(frame.size()), port);
-        if (done) done(delivered);
+void DeliveryWorker::deliver(QByteArray frame, std::function<void(DeliveryOutcome)> done) {
+    // peers_ is only read after construction, so the worker thread may use it without a lock.
+    queue_.async([this, frame = std::move(frame), done = std::move(done)] {
+        const DeliveryOutcome outcome =
+            MainController::SendDataToOndrel(reinterpret_cast<const uint8_t*>(frame.constData()),
+                                             static_cast<uint64_t>(frame.size()), port_, peers_);
+        if (done) done(outcome);
     });
 }
 

@@ -8,23 +8,27 @@
 
 #include "dispatch/ThreadQueue.h"
 #include "sender/ConnectionInfo.h"
+#include "sender/MainController.h"
+#include "sender/PeerCheck.h"
 
 namespace lumerix {
 
 class DeliveryWorker {
 public:
-    explicit DeliveryWorker(uint16_t port = kSenderDataPort);
+    // peers: whose listener may take a frame (see SendDataToOndrel); empty checks nothing.
+    explicit DeliveryWorker(uint16_t port = kSenderDataPort, PeerCheck peers = {});
     // Frames still queued are dropped; one being sent finishes first.
     ~DeliveryWorker() = default;
     DeliveryWorker(const DeliveryWorker&) = delete;
     DeliveryWorker& operator=(const DeliveryWorker&) = delete;
 
     // Returns at once; SendDataToOndrel runs on the worker thread, which then tells done (when set)
-    // whether the whole frame was sent.
-    void deliver(QByteArray frame, std::function<void(bool delivered)> done = nullptr);
+    // what became of the frame.
+    void deliver(QByteArray frame, std::function<void(DeliveryOutcome)> done = nullptr);
 
 private:
     uint16_t port_;
+    PeerCheck peers_;
     ThreadQueue queue_;
 };
 

@@ -11,6 +11,7 @@
 #include <array>
 #include <cstdio>
 #include <cstring>
+#include <vector>
 
 #include "log/Log.h"
 
@@ -40,6 +41,30 @@ constexpr int kSendFlags = 0;
 void printAndFlush(const char* message) {
     std::printf("%s", message);
     std::fflush(stdout);
+}
+
+// Logs why the listener on port is not taken as the sender's; true when it is ours. Before the
+// connect no listener at all is fine (the connect then fails as usual); after it, one must be found.
+bool listenerIsOurs(const PeerCheck& peers, uint16_t port, bool connected) {
+    std::vector<uint32_t> owners;
+    if (peers.listenersAreOurs(port, &owners)) return true;
+    if (owners.empty() && !connected) return true;
+    QString whose;
+    for (const uint32_t uid : owners) {
+        if (uid == peers.self) continue;
+        whose += (whose.isEmpty() ? QString() : QStringLiteral(", ")) + QString::number(uid);
+    }
+    if (owners.empty()) {
+        Log::logf(
+            "SendDataToOndrel: no socket listening on 127.0.0.1:%u could be found to check; nothing sent\n",
+            static_cast<unsigned>(port));
+    } else {
+        Log::logf(
+            "SendDataToOndrel: the socket listening on 127.0.0.1:%u belongs to uid %s, not to this "
+            "user (uid %u); nothing sent\n",
+            static_cast<unsigned>(port), qUtf8Printable(whose), static_cast<unsigned>(peers.self));
+    }
+    return false;
 }
 
 }  // namespace
@@ -122,11 +147,14 @@ uint64_t MainController::GeneralPacket(uint8_t* buffer, uint64_t bufferLength,
     return length + 2;
 }
 
-bool MainController::SendDataToOndrel(const uint8_t* buffer, uint64_t bufferLength, uint16_t port) {
-    const int fd = ::socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
+DeliveryOutcome MainController::SendDataToOndrel(const uint8_t* buffer, uint64_t bufferLength, uint16_t port,
+                                                 const PeerCheck& peers) {
+    // Checked before and after the connect: a listener that changes hands in between is not trusted.
+    if (!listenerIsOurs(peers, port, false)) return DeliveryOutcome::ForeignListener;
+    const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, IPPROTO_TCP);
     if (fd == -1) {
         printAndFlush("create socket fail");
-        return false;  // every later step would only fail on the invalid descriptor
+        return DeliveryOutcome::Unreachable;  // every later step would only fail on the invalid descriptor
     }
 
     sockaddr_in address{};
@@ -157,12 +185,18 @@ bool MainController::SendDataToOndrel(const uint8_t* buffer, uint64_t bufferLeng
         if (!connected) printAndFlush("socket connect fail");
     }
 
+    if (connected && !listenerIsOurs(peers, port, true)) {
+        ::close(fd);
+        return DeliveryOutcome::ForeignListener;
+    }
+
     int blocking = 0;
     ::ioctl(fd, FIONBIO, &blocking);
     ::setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &sendTimeout, sizeof sendTimeout);
     const ssize_t sent = ::send(fd, buffer, static_cast<size_t>(bufferLength), kSendFlags);
     ::close(fd);
-    return connected && sent >= 0 && static_cast<uint64_t>(sent) == bufferLength;
+    const bool whole = connected && sent >= 0 && static_cast<uint64_t>(sent) == bufferLength;
+    return whole ? DeliveryOutcome::Delivered : DeliveryOutcome::Unreachable;
 }
 
 }  // namespace lumerix

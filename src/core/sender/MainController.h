@@ -3,8 +3,16 @@
 #include <cstdint>
 
 #include "sender/ConnectionInfo.h"
+#include "sender/PeerCheck.h"
 
 namespace lumerix {
+
+// What became of one frame for the sender.
+enum class DeliveryOutcome {
+    Delivered,        // the whole frame was sent
+    Unreachable,      // nothing took it: no connection, or the send failed
+    ForeignListener,  // the port is held by another user's socket: nothing was sent
+};
 
 struct MainController {
     static constexpr uint8_t kCommandConnectionInfo = 0x03;
@@ -16,10 +24,11 @@ struct MainController {
     static uint64_t GeneralPacket(uint8_t* buffer, uint64_t bufferLength, const ConnectionInfo& userInfo);
 
     // One TCP connection to 127.0.0.1:port per frame: connect (30 s), send once, close.
-    // Failures are printed to standard output; true when the whole frame was sent. The program
-    // must ignore SIGPIPE.
-    static bool SendDataToOndrel(const uint8_t* buffer, uint64_t bufferLength,
-                                 uint16_t port = kSenderDataPort);
+    // Connection failures are printed to standard output. With peers set, the socket listening on
+    // the port must be ours both before and after the connect, else nothing is sent and a log line
+    // says whose it is. The program must ignore SIGPIPE.
+    static DeliveryOutcome SendDataToOndrel(const uint8_t* buffer, uint64_t bufferLength,
+                                            uint16_t port = kSenderDataPort, const PeerCheck& peers = {});
 };
 
 }  // namespace lumerix

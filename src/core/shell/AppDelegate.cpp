@@ -58,8 +58,9 @@ AppDelegate::AppDelegate(ShellEnvironment env) : env_(std::move(env)) {
     if (!env_.sleeper)
         env_.sleeper = [](std::chrono::microseconds pause) { std::this_thread::sleep_for(pause); };
     if (!env_.senderInstalled) env_.senderInstalled = [] { return true; };
-    m_listener = std::make_unique<CommandListener>(m_pDictTargetDevice, m_bAppIsClosing,
-                                                   env_.listenerPort.value_or(kSenderCommandPort));
+    m_pDictTargetDevice.setClock(env_.clock);
+    m_listener = std::make_unique<CommandListener>(
+        m_pDictTargetDevice, m_bAppIsClosing, env_.listenerPort.value_or(kSenderCommandPort), env_.peers);
 }
 
 AppDelegate::~AppDelegate() {
@@ -547,15 +548,18 @@ AppDelegate::ConnectOutcome AppDelegate::ConnectReceiver(const ReceiverDictionar
     if (label.isEmpty()) label = QStringLiteral("the receiver");
     int launchStatus = 0;
     const ConnectOutcome outcome =
-        ConnectReceiver(receiver, env_.launcher, env_.processLookup, env_.delivery, m_pDictTargetDevice,
-                        &launchStatus, deliveryFailureReporter(label));
+        ConnectReceiver(receiver, env_.launcher, env_.processLookup, env_.peers.self, env_.delivery,
+                        m_pDictTargetDevice, &launchStatus, deliveryFailureReporter(label));
     if (outcome == ConnectOutcome::Launched) reportLaunch(label, launchStatus);
     return outcome;
 }
 
-AppDelegate::ConnectOutcome AppDelegate::ConnectReceiver(
-    const ReceiverDictionary& receiver, const Launcher& launcher, const ProcessLookup& processLookup,
-    const SenderDelivery& delivery, PendingConnectionSlot& slot, int* launchStatus, DeliveryDone done) {
+AppDelegate::ConnectOutcome AppDelegate::ConnectReceiver(const ReceiverDictionary& receiver,
+                                                         const Launcher& launcher,
+                                                         const ProcessLookup& processLookup, uint32_t userId,
+                                                         const SenderDelivery& delivery,
+                                                         PendingConnectionSlot& slot, int* launchStatus,
+                                                         DeliveryDone done) {
     ConnectionInfo info;
     if (auto it = receiver.constFind(kKeyIP); it != receiver.constEnd()) info.insert(kKeyIP, *it);
     if (auto it = receiver.constFind(kKeyLoginCode); it != receiver.constEnd())
@@ -569,7 +573,9 @@ AppDelegate::ConnectOutcome AppDelegate::ConnectReceiver(
     int32_t pids[kProcessIdCapacity] = {};
     uint32_t count = 0;
     int error = 0;
-    if (processLookup) processLookup(kSenderProcessName, 0, pids, kProcessIdCapacity, &count, &error);
+    // Only our own sender counts: another user's process of that name is not one to hand a login
+    // code to (the delivery checks the port's owner as well).
+    if (processLookup) processLookup(kSenderProcessName, userId, pids, kProcessIdCapacity, &count, &error);
 
     if (count == 0) {
         // The sender asks for the receiver on the command listener once it is up. Parked before
@@ -588,10 +594,10 @@ void AppDelegate::SendDataToOndrelTimer(const ConnectionInfo& userInfo) {
 
 DeliveryDone AppDelegate::deliveryFailureReporter(QString receiver) {
     return [this, queue = env_.mainQueue, alive = std::weak_ptr<bool>(alive_),
-            receiver = std::move(receiver)](bool delivered) {
-        if (delivered || !queue) return;
-        queue->async([this, alive, receiver] {
-            if (alive.lock()) reportDeliveryFailure(receiver);
+            receiver = std::move(receiver)](DeliveryOutcome outcome) {
+        if (outcome == DeliveryOutcome::Delivered || !queue) return;
+        queue->async([this, alive, receiver, outcome] {
+            if (alive.lock()) reportDeliveryFailure(receiver, outcome);
         });
     };
 }
@@ -630,8 +636,19 @@ void AppDelegate::reportLaunch(const QString& receiver, int launcherStatus) {
     }
 }
 
-void AppDelegate::reportDeliveryFailure(const QString& receiver) {
+void AppDelegate::reportDeliveryFailure(const QString& receiver, DeliveryOutcome outcome) {
     const QString sender = QLatin1String(kSenderDisplayName);
+    if (outcome == DeliveryOutcome::ForeignListener) {
+        Log::logf("DeviceConnectAction: port %u is held by another user's program; %s was not sent",
+                  static_cast<unsigned>(kSenderDataPort), qUtf8Printable(receiver));
+        notify(
+            QStringLiteral("%1 port held by another user").arg(sender),
+            QStringLiteral("The program listening on 127.0.0.1:%1 is not your %2, so %3 and its login code "
+                           "were not sent. Quit the other program or ask an administrator, then start %2 "
+                           "and choose %3 again.")
+                .arg(QString::number(kSenderDataPort), sender, receiver));
+        return;
+    }
     Log::logf("DeviceConnectAction: %s did not take the connection details on port %u",
               qUtf8Printable(sender), static_cast<unsigned>(kSenderDataPort));
     notify(QStringLiteral("Could not reach %1").arg(sender),

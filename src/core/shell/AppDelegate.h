@@ -84,11 +84,12 @@ public:
     enum class ConnectOutcome { Sent, Launched, NotSent };
     // The connect action on a receiver's own dictionary (no menu position involved): sent to the
     // running sender, or parked in `slot` and the sender launched. Used by the menu and by
-    // requests from outside (D-Bus, the command line without a tray).
+    // requests from outside (D-Bus, the command line without a tray). userId: whose "Sharvane"
+    // processes count as the sender (0: anyone's).
     static ConnectOutcome ConnectReceiver(const ReceiverDictionary& receiver, const Launcher& launcher,
-                                          const ProcessLookup& processLookup, const SenderDelivery& delivery,
-                                          PendingConnectionSlot& slot, int* launchStatus = nullptr,
-                                          DeliveryDone done = nullptr);
+                                          const ProcessLookup& processLookup, uint32_t userId,
+                                          const SenderDelivery& delivery, PendingConnectionSlot& slot,
+                                          int* launchStatus = nullptr, DeliveryDone done = nullptr);
     ConnectOutcome ConnectReceiver(const ReceiverDictionary& receiver);
     // Told on the main queue whenever the receiver list may have changed (null: nobody).
     void setReceiversObserver(std::function<void()> observer) { receiversObserver_ = std::move(observer); }
@@ -120,11 +121,11 @@ private:
     void centralStateChanged(int state);
     std::vector<MenuItemRef> makeFixedMenuItems() const;
     static bool deliverFrame(const ConnectionInfo& info, const SenderDelivery& delivery, DeliveryDone done);
-    // Tells the user, from the main queue, when a frame did not reach the sender.
+    // Tells the user, from the main queue, when a frame did not reach the sender or was withheld.
     DeliveryDone deliveryFailureReporter(QString receiver);
     void notify(QString summary, QString body);
     void reportLaunch(const QString& receiver, int launcherStatus);
-    void reportDeliveryFailure(const QString& receiver);
+    void reportDeliveryFailure(const QString& receiver, DeliveryOutcome outcome);
     std::vector<ReceiverToolTip::Line> toolTipLines() const;
     void notifyReceiversChanged() {
         if (receiversObserver_) receiversObserver_();

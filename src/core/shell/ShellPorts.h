@@ -24,6 +24,8 @@
 #include "dispatch/DispatchQueue.h"
 #include "receiver/QVLumerixHandler.h"
 #include "sender/ConnectionInfo.h"
+#include "sender/MainController.h"
+#include "sender/PeerCheck.h"
 #include "shell/Menu.h"
 
 namespace lumerix {
@@ -153,13 +155,13 @@ using BluetoothPowerCheck = std::function<bool()>;
 // Starts the application with the given bundle identifier and returns the status of the launch
 // command (system()).
 using Launcher = std::function<int(const QByteArray& bundleIdentifier)>;
-// Same contract as GetAllPIDsForProcessName.
+// Same contract as GetAllPIDsForProcessName (uid 0 matches any user).
 using ProcessLookup = std::function<int(const char* name, uint32_t uid, int32_t* pids, uint32_t capacity,
                                         uint32_t* count, int* error)>;
 // True when the sender application is installed (Linux: its desktop entry is found).
 using SenderInstallCheck = std::function<bool()>;
-// Told once whether a frame reached the sender; may be called on any thread.
-using DeliveryDone = std::function<void(bool delivered)>;
+// Told once what became of a frame for the sender; may be called on any thread.
+using DeliveryDone = std::function<void(DeliveryOutcome)>;
 // Delivers one frame to the sender's data port. Frames must arrive in the order given; the call
 // should return at once (production sends from a DeliveryWorker's thread) and call done when
 // the outcome is known.
@@ -181,8 +183,11 @@ struct ShellEnvironment {
     Launcher launcher;                              // null: the sender is never launched
     SenderInstallCheck senderInstalled;             // null: taken as installed
     ProcessLookup processLookup;                    // null: the sender never counts as running
-    SenderDelivery delivery;                        // null: frames are dropped
-    Sleeper sleeper;                                // default: std::this_thread::sleep_for
+    // Our uid and the socket owners: the sender is looked up among our own processes (peers.self,
+    // 0 for any) and the command listener answers only our own processes. Empty: nothing checked.
+    PeerCheck peers;
+    SenderDelivery delivery;  // null: frames are dropped
+    Sleeper sleeper;          // default: std::this_thread::sleep_for
     // The command listener's port; nullopt leaves the listener off (tests), 0 picks a free port.
     std::optional<uint16_t> listenerPort = kSenderCommandPort;
     // Folder holding "DefaultReferenceTable.plist"; empty: no default receivers.

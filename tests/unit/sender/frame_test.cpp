@@ -5,6 +5,7 @@
 #include <atomic>
 #include <vector>
 
+#include "dispatch/ManualQueue.h"
 #include "log/Log.h"
 #include "sender/CommandListener.h"
 #include "sender/HexDump.h"
@@ -151,6 +152,17 @@ TEST(ParserCmd, JudgesRequestsAndHandsOutOnce) {
 
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
+        // On a connection the bytes are judged only once the whole frame is there; a shorter
+        // prefix of an acceptable request waits for more.
+        using Progress = CommandListener::RequestProgress;
+        const Progress whole = CommandListener::requestProgress(c.request.data(), c.request.size());
+        if (c.accepted) {
+            EXPECT_EQ(whole, Progress::Complete);
+            for (size_t n = 0; n < c.request.size(); ++n)
+                ASSERT_EQ(CommandListener::requestProgress(c.request.data(), n), Progress::Incomplete) << n;
+        } else {
+            EXPECT_NE(whole, Progress::Incomplete);
+        }
         const Bytes request = zeroPadded(c.request);
         std::array<uint8_t, kFrameBufferSize> output{};
         EXPECT_EQ(listener.ParserCmd(request.data(), output.data(), output.size()), 0u) << "nothing parked";
@@ -169,6 +181,33 @@ TEST(ParserCmd, JudgesRequestsAndHandsOutOnce) {
             slot.take();
         }
     }
+}
+
+// The parked receiver is handed out for a minute after it was parked, and not after.
+TEST(PendingConnectionSlot, ExpiresOneMinuteAfterParking) {
+    ScopedLogCapture capture;
+    auto time = std::make_shared<VirtualTime>();
+    PendingConnectionSlot slot(time);
+    const ConnectionInfo parked = info({{"IP", QStringLiteral("10.0.0.7")}});
+    for (const double waitedMs :
+         {0.0, PendingConnectionSlot::kLifetimeMs, PendingConnectionSlot::kLifetimeMs + 1}) {
+        SCOPED_TRACE(waitedMs);
+        const bool stillThere = waitedMs <= PendingConnectionSlot::kLifetimeMs;
+        slot.park(parked);
+        time->advance(waitedMs);
+        EXPECT_EQ(slot.isPending(), stillThere);
+        EXPECT_EQ(slot.take(), stillThere ? std::optional(parked) : std::nullopt);
+        EXPECT_FALSE(slot.take()) << "taken or dropped, never twice";
+    }
+    EXPECT_EQ(capture.count(QStringLiteral("Command listener: the parked connection details expired unasked "
+                                           "after 60 s\n")),
+              1);
+    // Parking again starts a new minute.
+    slot.park(parked);
+    time->advance(PendingConnectionSlot::kLifetimeMs / 2);
+    slot.park(parked);
+    time->advance(PendingConnectionSlot::kLifetimeMs * 0.75);
+    EXPECT_TRUE(slot.take());
 }
 
 TEST(HexDump, Lines) {

@@ -1,5 +1,6 @@
 // Delivery to the sender and the command listener over real loopback sockets (free ports only).
 #include <gtest/gtest.h>
+#include <netinet/tcp.h>
 
 #include <array>
 #include <atomic>
@@ -16,6 +17,30 @@ namespace {
 using namespace testing_loopback;
 
 const Bytes kRequest = {0x02, 0x03, 0x04, 0x05, 0x00, 0x00, 0x02, 0x03};
+constexpr uint32_t kUs = 1000;
+constexpr uint32_t kOther = 1001;
+
+const ConnectionInfo kParked = {{QStringLiteral("IP"), QStringLiteral("192.168.1.10")},
+                                {QStringLiteral("DeviceName"), QStringLiteral("Room 4")}};
+
+Bytes parkedFrame() {
+    std::array<uint8_t, kFrameBufferSize> frame{};
+    const uint64_t length = MainController::GeneralPacket(frame.data(), frame.size(), kParked);
+    return Bytes(frame.begin(), frame.begin() + static_cast<long>(length));
+}
+
+// True when some captured line holds part.
+bool logged(const ScopedLogCapture& capture, const char* part) {
+    for (const QString& line : capture.lines())
+        if (line.contains(QString::fromUtf8(part))) return true;
+    return false;
+}
+
+// A connection waiting to be accepted, if any (the listening socket is non-blocking here).
+int acceptNow(int server) {
+    pollfd wait{server, POLLIN, 0};
+    return ::poll(&wait, 1, 0) > 0 ? ::accept(server, nullptr, nullptr) : -1;
+}
 
 TEST(SendDataToOndrel, DeliversExactlyTheCountThenEndOfStream) {
     for (const size_t size : {size_t{24}, size_t{0}}) {
@@ -25,14 +50,14 @@ TEST(SendDataToOndrel, DeliversExactlyTheCountThenEndOfStream) {
         uint16_t port = 0;
         const int server = boundSocket(&port, true);
         testing::internal::CaptureStdout();
-        bool delivered = false;
+        DeliveryOutcome outcome = DeliveryOutcome::Unreachable;
         std::thread sender(
-            [&] { delivered = MainController::SendDataToOndrel(payload.data(), payload.size(), port); });
+            [&] { outcome = MainController::SendDataToOndrel(payload.data(), payload.size(), port); });
         const int connection = ::accept(server, nullptr, nullptr);
         ASSERT_NE(connection, -1);
         EXPECT_EQ(readReply(connection), payload);
         sender.join();
-        EXPECT_TRUE(delivered);
+        EXPECT_EQ(outcome, DeliveryOutcome::Delivered);
         EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
         ::close(connection);
         ::close(server);
@@ -41,9 +66,65 @@ TEST(SendDataToOndrel, DeliversExactlyTheCountThenEndOfStream) {
     uint16_t port = 0;
     const int notListening = boundSocket(&port, false);  // holds the port so nobody else listens there
     testing::internal::CaptureStdout();
-    EXPECT_FALSE(MainController::SendDataToOndrel(kRequest.data(), kRequest.size(), port));
+    EXPECT_EQ(MainController::SendDataToOndrel(kRequest.data(), kRequest.size(), port),
+              DeliveryOutcome::Unreachable);
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "socket connect fail");
     ::close(notListening);
+}
+
+// The port's listener must be ours before and after the connect; otherwise not one byte leaves.
+TEST(SendDataToOndrel, SendsOnlyToAListenerOfOurs) {
+    const struct {
+        const char* name;
+        std::vector<std::vector<uint32_t>> owners;  // answer to each lookup in turn
+        DeliveryOutcome outcome;
+        bool connects;
+        const char* logged;
+    } cases[] = {
+        {"ours", {{kUs}, {kUs}}, DeliveryOutcome::Delivered, true, nullptr},
+        {"another user's", {{kOther}}, DeliveryOutcome::ForeignListener, false, "belongs to uid 1001"},
+        {"ours and another's on the same port",
+         {{kUs, kOther}},
+         DeliveryOutcome::ForeignListener,
+         false,
+         "belongs to uid 1001"},
+        {"changed hands during the connect",
+         {{kUs}, {kOther}},
+         DeliveryOutcome::ForeignListener,
+         true,
+         "not to this user (uid 1000)"},
+        {"gone from the table after the connect",
+         {{}, {}},
+         DeliveryOutcome::ForeignListener,
+         true,
+         "could be found to check"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        ScopedLogCapture capture;
+        uint16_t port = 0;
+        const int server = boundSocket(&port, true);
+        size_t lookups = 0;
+        PeerCheck peers;
+        peers.self = kUs;
+        peers.listenerOwners = [&](uint16_t asked) {
+            EXPECT_EQ(asked, port);
+            return c.owners.at(std::min(lookups++, c.owners.size() - 1));
+        };
+        testing::internal::CaptureStdout();
+        EXPECT_EQ(MainController::SendDataToOndrel(kRequest.data(), kRequest.size(), port, peers), c.outcome);
+        testing::internal::GetCapturedStdout();
+        const int connection = acceptNow(server);
+        EXPECT_EQ(connection != -1, c.connects);
+        if (connection != -1) {
+            EXPECT_EQ(readReply(connection), c.outcome == DeliveryOutcome::Delivered ? kRequest : Bytes{});
+            ::close(connection);
+        }
+        if (c.logged) {
+            EXPECT_TRUE(logged(capture, c.logged)) << capture.lines().join(QLatin1Char('|')).toStdString();
+        }
+        ::close(server);
+    }
 }
 
 TEST(CommandListener, AnswersWithTheParkedFrameOnceThenZeroAndRefusesASecondBind) {
@@ -53,28 +134,106 @@ TEST(CommandListener, AnswersWithTheParkedFrameOnceThenZeroAndRefusesASecondBind
     CommandListener listener{slot, closing, 0};
     listener.start();
     ASSERT_NE(listener.port(), 0);
-    const ConnectionInfo parked = {{QStringLiteral("IP"), QStringLiteral("192.168.1.10")},
-                                   {QStringLiteral("DeviceName"), QStringLiteral("Room 4")}};
-    std::array<uint8_t, kFrameBufferSize> frame{};
-    const uint64_t frameLength = MainController::GeneralPacket(frame.data(), frame.size(), parked);
+    const Bytes frame = parkedFrame();
 
     EXPECT_EQ(askListener(listener.port(), kRequest), Bytes{0x00}) << "nothing parked yet";
-    slot.park(parked);
-    EXPECT_EQ(askListener(listener.port(), kRequest), Bytes(frame.begin(), frame.begin() + frameLength));
+    slot.park(kParked);
+    EXPECT_EQ(askListener(listener.port(), kRequest), frame);
     EXPECT_EQ(askListener(listener.port(), kRequest), Bytes{0x00});
-    EXPECT_EQ(capture.count(QStringLiteral("Send data to sender, length:%1\n").arg(frameLength)), 1);
+    EXPECT_EQ(capture.count(QStringLiteral("Send data to sender, length:%1\n").arg(frame.size())), 1);
 
-    // The receive buffer keeps what a longer request left: a request cut before its end marks
-    // finds them there and is answered.
-    slot.park(parked);
-    EXPECT_EQ(askListener(listener.port(), Bytes(kRequest.begin(), kRequest.begin() + 6)),
-              Bytes(frame.begin(), frame.begin() + frameLength));
+    // Each connection starts empty: a request cut before its end marks is not completed by what
+    // an earlier connection sent, and nothing is handed out.
+    slot.park(kParked);
+    EXPECT_EQ(askListener(listener.port(), Bytes(kRequest.begin(), kRequest.begin() + 6)), Bytes{0x00});
+    EXPECT_EQ(askListener(listener.port(), {}), Bytes{0x00});
+    EXPECT_TRUE(slot.isPending());
+
+    // A request that arrives in pieces on one connection is answered once its last byte is in.
+    const int fd = connectTo(listener.port());
+    const int noDelay = 1;
+    ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &noDelay, sizeof noDelay);
+    for (const uint8_t byte : kRequest) ::send(fd, &byte, 1, MSG_NOSIGNAL);
+    EXPECT_EQ(readReply(fd, frame.size()), frame);
+    ::close(fd);
 
     CommandListener second(slot, closing, listener.port());
     second.start();
     EXPECT_EQ(second.result(), std::optional<bool>(false));
     EXPECT_TRUE(capture.contains(QStringLiteral("bind port failed.\n")));
     EXPECT_EQ(askListener(listener.port(), kRequest), Bytes{0x00}) << "the first runs on";
+}
+
+// Only a peer whose socket is ours gets the parked frame; a refusal leaves it parked.
+TEST(CommandListener, AnswersOnlyOurOwnProcesses) {
+    const struct {
+        const char* name;
+        std::optional<uint32_t> owner;
+        bool answered;
+        const char* logged;
+    } cases[] = {
+        {"ours", kUs, true, nullptr},
+        {"another user's", kOther, false, "belongs to uid 1001, not to this user (uid 1000)"},
+        {"not found", std::nullopt, false, "its owner could not be found"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        ScopedLogCapture capture;
+        std::atomic<bool> closing{false};
+        PendingConnectionSlot slot;
+        std::atomic<uint16_t> askedPeerPort{0};
+        PeerCheck peers;
+        peers.self = kUs;
+        peers.peerOwner = [&](uint16_t, uint16_t peerPort) {
+            askedPeerPort = peerPort;
+            return c.owner;
+        };
+        CommandListener listener{slot, closing, 0, peers};
+        listener.start();
+        slot.park(kParked);
+
+        const int fd = connectTo(listener.port());
+        sockaddr_in local{};
+        socklen_t length = sizeof local;
+        ::getsockname(fd, reinterpret_cast<sockaddr*>(&local), &length);
+        ::send(fd, kRequest.data(), kRequest.size(), MSG_NOSIGNAL);
+        const Bytes reply = readReply(fd, c.answered ? parkedFrame().size() : 1);
+        ::close(fd);
+
+        EXPECT_EQ(askedPeerPort.load(), ntohs(local.sin_port)) << "looked up by the peer's own port";
+        EXPECT_EQ(reply, c.answered ? parkedFrame() : Bytes{0x00});
+        EXPECT_EQ(slot.isPending(), !c.answered);
+        if (c.logged) {
+            EXPECT_TRUE(logged(capture, c.logged)) << capture.lines().join(QLatin1Char('|')).toStdString();
+        }
+    }
+}
+
+// Silent peers cost nothing: a request behind twenty of them is answered long before any of
+// their deadlines, where waiting on each in turn would take 20 x kReceiveTimeoutMs.
+TEST(CommandListener, SilentConnectionsDoNotHoldUpARequest) {
+    ScopedLogCapture quiet;
+    std::atomic<bool> closing{false};
+    PendingConnectionSlot slot;
+    CommandListener listener{slot, closing, 0};
+    listener.start();
+    slot.park(kParked);
+    std::vector<int> silent;
+    for (int i = 0; i < 20; ++i) silent.push_back(connectTo(listener.port()));
+
+    const int fd = connectTo(listener.port());
+    ::send(fd, kRequest.data(), kRequest.size(), MSG_NOSIGNAL);
+    pollfd wait{fd, POLLIN, 0};
+    ASSERT_EQ(::poll(&wait, 1, CommandListener::kReceiveTimeoutMs / 2), 1)
+        << "not answered before a deadline";
+    EXPECT_EQ(readReply(fd, parkedFrame().size()), parkedFrame());
+    ::close(fd);
+
+    // Each silent one is judged empty at its own deadline.
+    for (const int s : silent) {
+        EXPECT_EQ(readReply(s, 1), Bytes{0x00});
+        ::close(s);
+    }
 }
 
 }  // namespace

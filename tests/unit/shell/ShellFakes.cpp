@@ -24,8 +24,9 @@ ShellRig::ShellRig() {
         commands.push_back(command);
         return launcherStatus;
     };
-    env.processLookup = [this](const char* name, uint32_t, int32_t* pids, uint32_t capacity, uint32_t* count,
-                               int*) {
+    env.processLookup = [this](const char* name, uint32_t uid, int32_t* pids, uint32_t capacity,
+                               uint32_t* count, int*) {
+        lookupUids.push_back(uid);
         if (QByteArray(name) != "Sharvane") return -1;
         *count = std::min(senderProcesses, capacity);
         for (uint32_t i = 0; i < *count; ++i) pids[i] = static_cast<int32_t>(100 + i);

@@ -140,6 +140,7 @@ public:
     bool senderInstalled = true;
     int launcherStatus = 0;
     std::vector<QByteArray> commands;
+    std::vector<uint32_t> lookupUids;  // the uid of each process lookup
     std::vector<QByteArray> frames;
     std::vector<DeliveryDone> deliveries;  // one per frame, to report its outcome
     int pauses = 0;

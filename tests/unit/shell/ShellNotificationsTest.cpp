@@ -18,13 +18,16 @@ TEST(ShellNotifications, EachSenderOutcomeNotifiesOnceWithTheReceiversName) {
         uint32_t senderProcesses;
         bool installed;
         int launcherStatus;
-        std::optional<bool> delivered;  // the delivery's outcome, reported from another thread
-        const char* summary;            // null: no notification
+        std::optional<DeliveryOutcome> delivered;  // the delivery's outcome, reported from another thread
+        const char* summary;                       // null: no notification
         const char* bodyPart;
     };
     const Case cases[] = {
-        {"delivered", 1, true, 0, true, nullptr, nullptr},
-        {"delivery failed", 1, true, 0, false, "Could not reach Sharvane", "127.0.0.1:19314"},
+        {"delivered", 1, true, 0, DeliveryOutcome::Delivered, nullptr, nullptr},
+        {"delivery failed", 1, true, 0, DeliveryOutcome::Unreachable, "Could not reach Sharvane",
+         "127.0.0.1:19314"},
+        {"port held by another user", 1, true, 0, DeliveryOutcome::ForeignListener,
+         "Sharvane port held by another user", "Boardroom and its login code were not sent"},
         {"launched", 0, true, 0, std::nullopt, "Starting Sharvane for Boardroom\u2026", "Boardroom"},
         {"launcher failed", 0, true, 256, std::nullopt, "Sharvane could not be started", "Boardroom"},
         {"not installed", 0, false, 256, std::nullopt, "Sharvane is not installed", "Boardroom"},
@@ -35,9 +38,11 @@ TEST(ShellNotifications, EachSenderOutcomeNotifiesOnceWithTheReceiversName) {
         rig.senderProcesses = k.senderProcesses;
         rig.senderInstalled = k.installed;
         rig.launcherStatus = k.launcherStatus;
+        rig.env.peers.self = 1000;
         AppDelegate& shell = rig.launch();
         rig.discover({kUuid, -57, QStringLiteral("Boardroom")});
         shell.DeviceConnectAction(shell.menuList().at(0));
+        EXPECT_EQ(rig.lookupUids, std::vector<uint32_t>{1000}) << "only our own sender is looked for";
 
         if (k.delivered) {
             ASSERT_EQ(rig.deliveries.size(), 1u);
@@ -67,7 +72,7 @@ TEST(ShellNotifications, AFailureReportedAfterTheShellIsGoneIsDropped) {
     shell.DeviceConnectAction(shell.menuList().at(0));
     ASSERT_EQ(rig.deliveries.size(), 1u);
     rig.shell.reset();
-    rig.deliveries[0](false);
+    rig.deliveries[0](DeliveryOutcome::Unreachable);
     rig.mainQueue.runUntilIdle();
     EXPECT_TRUE(rig.notifier->shown.empty());
 }
