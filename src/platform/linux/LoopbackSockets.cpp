@@ -1,11 +1,18 @@
 #include "platform/linux/LoopbackSockets.h"
 
+#include <arpa/inet.h>
 #include <fcntl.h>
+#include <linux/inet_diag.h>
+#include <linux/netlink.h>
+#include <linux/sock_diag.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <charconv>
 #include <cstring>
+#include <functional>
 #include <string>
 
 namespace lumerix {
@@ -77,6 +84,96 @@ std::string readTable(const char* path) {
     return text;
 }
 
+std::vector<TcpSocketRow> tablesFromProc();
+
+// The kernel's socket diagnostics: one request, each answered socket as a row. With exact set,
+// the one socket whose local end is exact's source (no dump). False when netlink cannot be used
+// at all (no socket, or a refused dump); a lookup that finds nothing is no failure.
+bool sockDiag(uint8_t family, uint32_t states, const inet_diag_sockid* exact,
+              const std::function<void(const TcpSocketRow&)>& each) {
+    const int fd = ::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_SOCK_DIAG);
+    if (fd == -1) return false;
+    struct {
+        nlmsghdr header;
+        inet_diag_req_v2 request;
+    } message{};
+    message.header.nlmsg_len = sizeof message;
+    message.header.nlmsg_type = SOCK_DIAG_BY_FAMILY;
+    message.header.nlmsg_flags = NLM_F_REQUEST | (exact ? 0 : NLM_F_DUMP);
+    message.request.sdiag_family = family;
+    message.request.sdiag_protocol = IPPROTO_TCP;
+    message.request.idiag_states = states;
+    if (exact) message.request.id = *exact;
+    sockaddr_nl kernel{};
+    kernel.nl_family = AF_NETLINK;
+    bool ok = ::sendto(fd, &message, sizeof message, 0, reinterpret_cast<sockaddr*>(&kernel),
+                       sizeof kernel) == static_cast<ssize_t>(sizeof message);
+    alignas(nlmsghdr) char buffer[16384];
+    bool done = !ok;
+    while (!done) {
+        const ssize_t n = ::recv(fd, buffer, sizeof buffer, 0);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) {
+            ok = false;
+            break;
+        }
+        auto length = static_cast<unsigned>(n);
+        for (auto* header = reinterpret_cast<nlmsghdr*>(buffer); NLMSG_OK(header, length);
+             header = NLMSG_NEXT(header, length)) {
+            if (header->nlmsg_type == NLMSG_DONE) {
+                done = true;
+                break;
+            }
+            if (header->nlmsg_type == NLMSG_ERROR) {
+                // ENOENT: the exact socket does not exist.
+                const auto* error = static_cast<const nlmsgerr*>(NLMSG_DATA(header));
+                ok = exact != nullptr && error->error == -ENOENT;
+                done = true;
+                break;
+            }
+            if (header->nlmsg_type != SOCK_DIAG_BY_FAMILY ||
+                header->nlmsg_len < NLMSG_LENGTH(sizeof(inet_diag_msg)))
+                continue;
+            const auto* diag = static_cast<const inet_diag_msg*>(NLMSG_DATA(header));
+            TcpSocketRow row;
+            const bool v4 = diag->idiag_family == AF_INET;
+            row.localAddress = row.remoteAddress = v4 ? mappedV4(0, 0, 0, 0) : Address{};
+            std::memcpy(row.localAddress.data() + (v4 ? 12 : 0), diag->id.idiag_src, v4 ? 4 : 16);
+            std::memcpy(row.remoteAddress.data() + (v4 ? 12 : 0), diag->id.idiag_dst, v4 ? 4 : 16);
+            row.localPort = ntohs(diag->id.idiag_sport);
+            row.remotePort = ntohs(diag->id.idiag_dport);
+            row.state = diag->idiag_state;
+            row.uid = diag->idiag_uid;
+            each(row);
+            if (exact) done = true;  // one answer, no closing message
+        }
+    }
+    ::close(fd);
+    return ok;
+}
+
+std::vector<TcpSocketRow> listeningRows() {
+    std::vector<TcpSocketRow> rows;
+    const auto keep = [&rows](const TcpSocketRow& row) { rows.push_back(row); };
+    // A dump of listeners only walks the kernel's listening table, however many connections exist.
+    if (sockDiag(AF_INET, 1u << kStateListen, nullptr, keep) &&
+        sockDiag(AF_INET6, 1u << kStateListen, nullptr, keep))
+        return rows;
+    return tablesFromProc();
+}
+
+std::optional<uint32_t> clientOwner(uint16_t localPort, uint16_t peerPort) {
+    inet_diag_sockid id{};
+    id.idiag_sport = htons(peerPort);
+    id.idiag_dport = htons(localPort);
+    id.idiag_src[0] = id.idiag_dst[0] = htonl(INADDR_LOOPBACK);
+    id.idiag_cookie[0] = id.idiag_cookie[1] = INET_DIAG_NOCOOKIE;
+    std::vector<TcpSocketRow> rows;
+    if (sockDiag(AF_INET, ~0u, &id, [&rows](const TcpSocketRow& row) { rows.push_back(row); }))
+        return loopbackClientOwner(rows, localPort, peerPort);
+    return loopbackClientOwner(tablesFromProc(), localPort, peerPort);
+}
+
 }  // namespace
 
 std::vector<TcpSocketRow> parseTcpTable(std::string_view text, bool ipv6) {
@@ -136,20 +233,22 @@ std::optional<uint32_t> loopbackClientOwner(const std::vector<TcpSocketRow>& row
     return owner;
 }
 
-std::vector<TcpSocketRow> readTcpTables() {
+namespace {
+std::vector<TcpSocketRow> tablesFromProc() {
     std::vector<TcpSocketRow> rows = parseTcpTable(readTable("/proc/net/tcp"), false);
     std::vector<TcpSocketRow> rows6 = parseTcpTable(readTable("/proc/net/tcp6"), true);
     rows.insert(rows.end(), rows6.begin(), rows6.end());
     return rows;
 }
+}  // namespace
+
+std::vector<TcpSocketRow> readTcpTables() { return tablesFromProc(); }
 
 PeerCheck makeLoopbackPeerCheck() {
     PeerCheck check;
     check.self = static_cast<uint32_t>(::getuid());
-    check.listenerOwners = [](uint16_t port) { return loopbackListenerOwners(readTcpTables(), port); };
-    check.peerOwner = [](uint16_t localPort, uint16_t peerPort) {
-        return loopbackClientOwner(readTcpTables(), localPort, peerPort);
-    };
+    check.listenerOwners = [](uint16_t port) { return loopbackListenerOwners(listeningRows(), port); };
+    check.peerOwner = &clientOwner;
     return check;
 }
 

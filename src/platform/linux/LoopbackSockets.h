@@ -1,7 +1,9 @@
 #pragma once
-// Owners of loopback TCP sockets, read from the kernel's socket tables (/proc/net/tcp and tcp6):
-// who listens where a connection to 127.0.0.1:port lands, and who holds the client end of a
-// connection to one of our ports. Backs the sender link's PeerCheck.
+// Owners of loopback TCP sockets: who listens where a connection to 127.0.0.1:port lands, and who
+// holds the client end of a connection to one of our ports. Backs the sender link's PeerCheck.
+// The kernel is asked through socket diagnostics (netlink): a dump of listeners and an exact
+// lookup cost the same however many connections the machine has. Where netlink is unavailable,
+// the text tables /proc/net/tcp and tcp6 are read instead.
 #include <array>
 #include <cstdint>
 #include <optional>
@@ -32,9 +34,9 @@ std::vector<uint32_t> loopbackListenerOwners(const std::vector<TcpSocketRow>& ro
 std::optional<uint32_t> loopbackClientOwner(const std::vector<TcpSocketRow>& rows, uint16_t localPort,
                                             uint16_t peerPort);
 
-// Both tables of this network namespace; empty when neither can be read.
+// Both text tables of this network namespace; empty when neither can be read.
 std::vector<TcpSocketRow> readTcpTables();
-// The real check for this process: its uid and the two lookups above on fresh tables.
+// The real check for this process: its uid and the two lookups above on what the kernel says now.
 PeerCheck makeLoopbackPeerCheck();
 
 }  // namespace lumerix

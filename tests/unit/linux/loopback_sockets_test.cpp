@@ -154,6 +154,9 @@ TEST(LoopbackSockets, FindsThisProcessOnRealSockets) {
     const PeerCheck check = makeLoopbackPeerCheck();
     EXPECT_EQ(check.self, static_cast<uint32_t>(::getuid()));
     EXPECT_EQ(check.listenerOwners(port), std::vector<uint32_t>{check.self});
+    EXPECT_EQ(loopbackListenerOwners(readTcpTables(), port), check.listenerOwners(port))
+        << "netlink and /proc agree";
+    EXPECT_EQ(loopbackClientOwner(readTcpTables(), port, ntohs(local.sin_port)), check.self);
     EXPECT_TRUE(check.listenersAreOurs(port));
     EXPECT_EQ(check.peerOwner(port, ntohs(local.sin_port)), check.self);
     ::close(client);
