@@ -268,13 +268,15 @@ void CommandListener::acceptConnections(int listenFd) {
 
 bool CommandListener::readFrom(Connection& connection) {
     if (connection.answered) {
-        // Later bytes on an answered connection are not requests: drop them; release on end of stream.
-        uint8_t discard[256];
-        ssize_t n;
-        do {
-            n = ::recv(connection.fd, discard, sizeof discard, MSG_DONTWAIT);
-        } while (n > 0);
-        return n == -1 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR);
+        // Later bytes on an answered connection are not requests: drop them, a bounded amount per
+        // round so a peer that keeps sending cannot hold the loop; release on end of stream.
+        uint8_t discard[4096];
+        for (int round = 0; round < 16; ++round) {
+            const ssize_t n = ::recv(connection.fd, discard, sizeof discard, MSG_DONTWAIT);
+            if (n == 0) return false;
+            if (n < 0) return errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR;
+        }
+        return true;
     }
     uint8_t chunk[kMaxReceive];
     const size_t room = kMaxReceive - connection.received.size();

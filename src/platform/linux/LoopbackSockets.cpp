@@ -86,13 +86,21 @@ std::string readTable(const char* path) {
 
 std::vector<TcpSocketRow> tablesFromProc();
 
-// The kernel's socket diagnostics: one request, each answered socket as a row. With exact set,
-// the one socket whose local end is exact's source (no dump). False when netlink cannot be used
-// at all (no socket, or a refused dump); a lookup that finds nothing is no failure.
-bool sockDiag(uint8_t family, uint32_t states, const inet_diag_sockid* exact,
-              const std::function<void(const TcpSocketRow&)>& each) {
-    const int fd = ::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_SOCK_DIAG);
-    if (fd == -1) return false;
+TcpSocketRow rowFromDiag(const inet_diag_msg& diag) {
+    TcpSocketRow row;
+    const bool v4 = diag.idiag_family == AF_INET;
+    row.localAddress = row.remoteAddress = v4 ? mappedV4(0, 0, 0, 0) : Address{};
+    std::memcpy(row.localAddress.data() + (v4 ? 12 : 0), diag.id.idiag_src, v4 ? 4 : 16);
+    std::memcpy(row.remoteAddress.data() + (v4 ? 12 : 0), diag.id.idiag_dst, v4 ? 4 : 16);
+    row.localPort = ntohs(diag.id.idiag_sport);
+    row.remotePort = ntohs(diag.id.idiag_dport);
+    row.state = diag.idiag_state;
+    row.uid = diag.idiag_uid;
+    return row;
+}
+
+// Sends one SOCK_DIAG_BY_FAMILY request for TCP; false when it cannot be sent.
+bool sendDiagRequest(int fd, uint8_t family, uint32_t states, const inet_diag_sockid* exact) {
     struct {
         nlmsghdr header;
         inet_diag_req_v2 request;
@@ -106,50 +114,49 @@ bool sockDiag(uint8_t family, uint32_t states, const inet_diag_sockid* exact,
     if (exact) message.request.id = *exact;
     sockaddr_nl kernel{};
     kernel.nl_family = AF_NETLINK;
-    bool ok = ::sendto(fd, &message, sizeof message, 0, reinterpret_cast<sockaddr*>(&kernel),
-                       sizeof kernel) == static_cast<ssize_t>(sizeof message);
+    return ::sendto(fd, &message, sizeof message, 0, reinterpret_cast<sockaddr*>(&kernel), sizeof kernel) ==
+           static_cast<ssize_t>(sizeof message);
+}
+
+enum class DiagRead { More, Done, Failed };
+
+// One datagram of answers: each socket to `each`; whether more are to come.
+DiagRead readDiagAnswers(const char* buffer, unsigned length, bool exact,
+                         const std::function<void(const TcpSocketRow&)>& each) {
+    for (auto* header = reinterpret_cast<const nlmsghdr*>(buffer); NLMSG_OK(header, length);
+         header = NLMSG_NEXT(header, length)) {
+        if (header->nlmsg_type == NLMSG_DONE) return DiagRead::Done;
+        if (header->nlmsg_type == NLMSG_ERROR) {
+            // ENOENT: the exact socket does not exist, which is an answer too.
+            const auto* error = static_cast<const nlmsgerr*>(NLMSG_DATA(header));
+            return exact && error->error == -ENOENT ? DiagRead::Done : DiagRead::Failed;
+        }
+        if (header->nlmsg_type != SOCK_DIAG_BY_FAMILY ||
+            header->nlmsg_len < NLMSG_LENGTH(sizeof(inet_diag_msg)))
+            continue;
+        each(rowFromDiag(*static_cast<const inet_diag_msg*>(NLMSG_DATA(header))));
+        if (exact) return DiagRead::Done;  // one answer, no closing message
+    }
+    return DiagRead::More;
+}
+
+// The kernel's socket diagnostics: one request, each answered socket as a row. With exact set,
+// the one socket whose local end is exact's source (no dump). False when netlink cannot be used
+// at all (no socket, or a refused request); a lookup that finds nothing is no failure.
+bool sockDiag(uint8_t family, uint32_t states, const inet_diag_sockid* exact,
+              const std::function<void(const TcpSocketRow&)>& each) {
+    const int fd = ::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_SOCK_DIAG);
+    if (fd == -1) return false;
+    DiagRead state = sendDiagRequest(fd, family, states, exact) ? DiagRead::More : DiagRead::Failed;
     alignas(nlmsghdr) char buffer[16384];
-    bool done = !ok;
-    while (!done) {
+    while (state == DiagRead::More) {
         const ssize_t n = ::recv(fd, buffer, sizeof buffer, 0);
         if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) {
-            ok = false;
-            break;
-        }
-        auto length = static_cast<unsigned>(n);
-        for (auto* header = reinterpret_cast<nlmsghdr*>(buffer); NLMSG_OK(header, length);
-             header = NLMSG_NEXT(header, length)) {
-            if (header->nlmsg_type == NLMSG_DONE) {
-                done = true;
-                break;
-            }
-            if (header->nlmsg_type == NLMSG_ERROR) {
-                // ENOENT: the exact socket does not exist.
-                const auto* error = static_cast<const nlmsgerr*>(NLMSG_DATA(header));
-                ok = exact != nullptr && error->error == -ENOENT;
-                done = true;
-                break;
-            }
-            if (header->nlmsg_type != SOCK_DIAG_BY_FAMILY ||
-                header->nlmsg_len < NLMSG_LENGTH(sizeof(inet_diag_msg)))
-                continue;
-            const auto* diag = static_cast<const inet_diag_msg*>(NLMSG_DATA(header));
-            TcpSocketRow row;
-            const bool v4 = diag->idiag_family == AF_INET;
-            row.localAddress = row.remoteAddress = v4 ? mappedV4(0, 0, 0, 0) : Address{};
-            std::memcpy(row.localAddress.data() + (v4 ? 12 : 0), diag->id.idiag_src, v4 ? 4 : 16);
-            std::memcpy(row.remoteAddress.data() + (v4 ? 12 : 0), diag->id.idiag_dst, v4 ? 4 : 16);
-            row.localPort = ntohs(diag->id.idiag_sport);
-            row.remotePort = ntohs(diag->id.idiag_dport);
-            row.state = diag->idiag_state;
-            row.uid = diag->idiag_uid;
-            each(row);
-            if (exact) done = true;  // one answer, no closing message
-        }
+        state = n <= 0 ? DiagRead::Failed
+                       : readDiagAnswers(buffer, static_cast<unsigned>(n), exact != nullptr, each);
     }
     ::close(fd);
-    return ok;
+    return state == DiagRead::Done;
 }
 
 std::vector<TcpSocketRow> listeningRows() {

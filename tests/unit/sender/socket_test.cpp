@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 #include <netinet/tcp.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <thread>
@@ -31,15 +32,19 @@ Bytes parkedFrame() {
 
 // True when some captured line holds part.
 bool logged(const ScopedLogCapture& capture, const char* part) {
-    for (const QString& line : capture.lines())
-        if (line.contains(QString::fromUtf8(part))) return true;
-    return false;
+    const QStringList lines = capture.lines();
+    return std::ranges::any_of(
+        lines, [part](const QString& line) { return line.contains(QString::fromUtf8(part)); });
 }
 
-// A connection waiting to be accepted, if any (the listening socket is non-blocking here).
-int acceptNow(int server) {
+// What the one connection waiting on server carried; nullopt when nobody connected.
+std::optional<Bytes> receivedOnce(int server) {
     pollfd wait{server, POLLIN, 0};
-    return ::poll(&wait, 1, 0) > 0 ? ::accept(server, nullptr, nullptr) : -1;
+    if (::poll(&wait, 1, 0) <= 0) return std::nullopt;
+    const int connection = ::accept(server, nullptr, nullptr);
+    Bytes received = readReply(connection);
+    ::close(connection);
+    return received;
 }
 
 TEST(SendDataToOndrel, DeliversExactlyTheCountThenEndOfStream) {
@@ -114,15 +119,11 @@ TEST(SendDataToOndrel, SendsOnlyToAListenerOfOurs) {
         testing::internal::CaptureStdout();
         EXPECT_EQ(MainController::SendDataToOndrel(kRequest.data(), kRequest.size(), port, peers), c.outcome);
         testing::internal::GetCapturedStdout();
-        const int connection = acceptNow(server);
-        EXPECT_EQ(connection != -1, c.connects);
-        if (connection != -1) {
-            EXPECT_EQ(readReply(connection), c.outcome == DeliveryOutcome::Delivered ? kRequest : Bytes{});
-            ::close(connection);
-        }
-        if (c.logged) {
-            EXPECT_TRUE(logged(capture, c.logged)) << capture.lines().join(QLatin1Char('|')).toStdString();
-        }
+        EXPECT_EQ(receivedOnce(server),
+                  c.connects ? std::optional(c.outcome == DeliveryOutcome::Delivered ? kRequest : Bytes{})
+                             : std::nullopt);
+        EXPECT_TRUE(!c.logged || logged(capture, c.logged))
+            << capture.lines().join(QLatin1Char('|')).toStdString();
         ::close(server);
     }
 }
@@ -142,6 +143,22 @@ TEST(CommandListener, AnswersWithTheParkedFrameOnceThenZeroAndRefusesASecondBind
     EXPECT_EQ(askListener(listener.port(), kRequest), Bytes{0x00});
     EXPECT_EQ(capture.count(QStringLiteral("Send data to sender, length:%1\n").arg(frame.size())), 1);
 
+    CommandListener second(slot, closing, listener.port());
+    second.start();
+    EXPECT_EQ(second.result(), std::optional<bool>(false));
+    EXPECT_TRUE(capture.contains(QStringLiteral("bind port failed.\n")));
+    EXPECT_EQ(askListener(listener.port(), kRequest), Bytes{0x00}) << "the first runs on";
+}
+
+TEST(CommandListener, JudgesEachConnectionOnItsOwnBytes) {
+    ScopedLogCapture quiet;
+    std::atomic<bool> closing{false};
+    PendingConnectionSlot slot;
+    CommandListener listener{slot, closing, 0};
+    listener.start();
+    const Bytes frame = parkedFrame();
+    EXPECT_EQ(askListener(listener.port(), kRequest), Bytes{0x00}) << "a whole request, nothing parked";
+
     // Each connection starts empty: a request cut before its end marks is not completed by what
     // an earlier connection sent, and nothing is handed out.
     slot.park(kParked);
@@ -156,12 +173,6 @@ TEST(CommandListener, AnswersWithTheParkedFrameOnceThenZeroAndRefusesASecondBind
     for (const uint8_t byte : kRequest) ::send(fd, &byte, 1, MSG_NOSIGNAL);
     EXPECT_EQ(readReply(fd, frame.size()), frame);
     ::close(fd);
-
-    CommandListener second(slot, closing, listener.port());
-    second.start();
-    EXPECT_EQ(second.result(), std::optional<bool>(false));
-    EXPECT_TRUE(capture.contains(QStringLiteral("bind port failed.\n")));
-    EXPECT_EQ(askListener(listener.port(), kRequest), Bytes{0x00}) << "the first runs on";
 }
 
 // Only a peer whose socket is ours gets the parked frame; a refusal leaves it parked.
@@ -203,9 +214,8 @@ TEST(CommandListener, AnswersOnlyOurOwnProcesses) {
         EXPECT_EQ(askedPeerPort.load(), ntohs(local.sin_port)) << "looked up by the peer's own port";
         EXPECT_EQ(reply, c.answered ? parkedFrame() : Bytes{0x00});
         EXPECT_EQ(slot.isPending(), !c.answered);
-        if (c.logged) {
-            EXPECT_TRUE(logged(capture, c.logged)) << capture.lines().join(QLatin1Char('|')).toStdString();
-        }
+        EXPECT_TRUE(!c.logged || logged(capture, c.logged))
+            << capture.lines().join(QLatin1Char('|')).toStdString();
     }
 }
 
@@ -219,6 +229,7 @@ TEST(CommandListener, SilentConnectionsDoNotHoldUpARequest) {
     listener.start();
     slot.park(kParked);
     std::vector<int> silent;
+    silent.reserve(20);
     for (int i = 0; i < 20; ++i) silent.push_back(connectTo(listener.port()));
 
     const int fd = connectTo(listener.port());
