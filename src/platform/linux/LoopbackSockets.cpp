@@ -123,7 +123,7 @@ enum class DiagRead { More, Done, Failed };
 // One datagram of answers: each socket to `each`; whether more are to come.
 DiagRead readDiagAnswers(const char* buffer, unsigned length, bool exact,
                          const std::function<void(const TcpSocketRow&)>& each) {
-    for (auto* header = reinterpret_cast<const nlmsghdr*>(buffer); NLMSG_OK(header, length);
+    for (const auto* header = reinterpret_cast<const nlmsghdr*>(buffer); NLMSG_OK(header, length);
          header = NLMSG_NEXT(header, length)) {
         if (header->nlmsg_type == NLMSG_DONE) return DiagRead::Done;
         if (header->nlmsg_type == NLMSG_ERROR) {
