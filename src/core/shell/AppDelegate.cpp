@@ -639,8 +639,10 @@ void AppDelegate::reportLaunch(const QString& receiver, int launcherStatus) {
 void AppDelegate::reportDeliveryFailure(const QString& receiver, DeliveryOutcome outcome) {
     const QString sender = QLatin1String(kSenderDisplayName);
     if (outcome == DeliveryOutcome::ForeignListener) {
-        Log::logf("DeviceConnectAction: port %u is held by another user's program; %s was not sent",
-                  static_cast<unsigned>(kSenderDataPort), qUtf8Printable(receiver));
+        Log::logf(
+            "DeviceConnectAction: port %u is held by another user's program; the connection details "
+            "were not sent",
+            static_cast<unsigned>(kSenderDataPort));
         notify(
             QStringLiteral("%1 port held by another user").arg(sender),
             QStringLiteral("The program listening on 127.0.0.1:%1 is not your %2, so %3 and its login code "
