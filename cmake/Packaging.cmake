@@ -27,6 +27,19 @@ set(LUMERIX_AUTOSTART_DIR /etc/xdg/autostart CACHE PATH "Where the package puts 
 install(FILES ${PROJECT_SOURCE_DIR}/packaging/lumerix-autostart.desktop DESTINATION ${LUMERIX_AUTOSTART_DIR}
         RENAME lumerix.desktop COMPONENT autostart EXCLUDE_FROM_ALL)
 
+# Launcher plug-ins: the overview search provider, its D-Bus activation (a search starts the
+# tray when it is not running) and the KRunner plug-in. The generated service file is also what
+# the end-to-end tests start the build's tray from.
+set(LUMERIX_INSTALLED_BINARY ${CMAKE_INSTALL_FULL_BINDIR}/lumerix)
+configure_file(${PROJECT_SOURCE_DIR}/packaging/com.zemko.Lumerix.service.in
+               ${CMAKE_BINARY_DIR}/packaging/com.zemko.Lumerix.service @ONLY)
+install(FILES ${CMAKE_BINARY_DIR}/packaging/com.zemko.Lumerix.service
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/dbus-1/services)
+install(FILES ${PROJECT_SOURCE_DIR}/packaging/com.zemko.Lumerix.search-provider.ini
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/gnome-shell/search-providers)
+install(FILES ${PROJECT_SOURCE_DIR}/packaging/lumerix-runner.desktop
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/krunner/dbusplugins RENAME com.zemko.Lumerix.desktop)
+
 # Packaging needs the program, not the tests and benchmarks.
 set(CMAKE_SKIP_INSTALL_ALL_DEPENDENCY TRUE)
 
