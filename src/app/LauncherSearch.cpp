@@ -3,6 +3,8 @@
 #include <QDBusArgument>
 #include <QDBusConnection>
 #include <QDBusMetaType>
+#include <algorithm>
+#include <utility>
 
 #include "log/Log.h"
 #include "shell/ReceiverSearch.h"

@@ -13,6 +13,7 @@
 #include <QStringList>
 #include <QTimer>
 #include <QVariantMap>
+#include <functional>
 
 #include "app/ReceiverService.h"
 

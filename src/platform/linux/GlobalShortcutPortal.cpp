@@ -10,33 +10,29 @@
 
 namespace lumerix {
 
-namespace {
-
 // a(sa{sv}): the shortcuts to bind, each an id and its properties.
-struct ShortcutSpec {
+struct PortalShortcutSpec {
     QString id;
     QVariantMap properties;
 };
 
-QDBusArgument& operator<<(QDBusArgument& out, const ShortcutSpec& s) {
+QDBusArgument& operator<<(QDBusArgument& out, const PortalShortcutSpec& s) {
     out.beginStructure();
     out << s.id << s.properties;
     out.endStructure();
     return out;
 }
 
-const QDBusArgument& operator>>(const QDBusArgument& in, ShortcutSpec& s) {
+const QDBusArgument& operator>>(const QDBusArgument& in, PortalShortcutSpec& s) {
     in.beginStructure();
     in >> s.id >> s.properties;
     in.endStructure();
     return in;
 }
 
-}  // namespace
-
 }  // namespace lumerix
 
-Q_DECLARE_METATYPE(lumerix::ShortcutSpec)
+Q_DECLARE_METATYPE(lumerix::PortalShortcutSpec)
 
 namespace lumerix {
 
@@ -47,8 +43,8 @@ GlobalShortcutPortal::GlobalShortcutPortal(QDBusConnection sessionBus, QString i
       description_(std::move(description)),
       preferredTrigger_(std::move(preferredTrigger)),
       activated_(std::move(activated)) {
-    qDBusRegisterMetaType<ShortcutSpec>();
-    qDBusRegisterMetaType<QList<ShortcutSpec>>();
+    qDBusRegisterMetaType<PortalShortcutSpec>();
+    qDBusRegisterMetaType<QList<PortalShortcutSpec>>();
 }
 
 QString GlobalShortcutPortal::requestPath(const QString& token) const {
@@ -70,7 +66,7 @@ void GlobalShortcutPortal::start() {
     call(QStringLiteral("CreateSession"), {options}, token, Step::CreatingSession);
 }
 
-bool GlobalShortcutPortal::call(const QString& method, const QList<QVariant>& arguments, const QString& token,
+void GlobalShortcutPortal::call(const QString& method, const QList<QVariant>& arguments, const QString& token,
                                 Step step) {
     pendingRequest_ = requestPath(token);
     step_ = step;
@@ -98,7 +94,6 @@ bool GlobalShortcutPortal::call(const QString& method, const QList<QVariant>& ar
                              SLOT(requestResponse(uint, QVariantMap, QDBusMessage)));
             }
         });
-    return true;
 }
 
 void GlobalShortcutPortal::requestResponse(uint response, const QVariantMap& results,
@@ -125,9 +120,9 @@ void GlobalShortcutPortal::requestResponse(uint response, const QVariantMap& res
         QString trigger;
         const QDBusArgument shortcuts = results.value(QStringLiteral("shortcuts")).value<QDBusArgument>();
         if (shortcuts.currentType() == QDBusArgument::ArrayType) {
-            QList<ShortcutSpec> bound;
+            QList<PortalShortcutSpec> bound;
             shortcuts >> bound;
-            for (const ShortcutSpec& s : bound) {
+            for (const PortalShortcutSpec& s : bound) {
                 if (s.id == id_)
                     trigger = s.properties.value(QStringLiteral("trigger_description")).toString();
             }
@@ -139,12 +134,12 @@ void GlobalShortcutPortal::requestResponse(uint response, const QVariantMap& res
 
 void GlobalShortcutPortal::bind() {
     const QString token = QStringLiteral("lumerix_bind_%1").arg(++tokens_);
-    ShortcutSpec spec{id_, {{QStringLiteral("description"), description_}}};
+    PortalShortcutSpec spec{id_, {{QStringLiteral("description"), description_}}};
     if (!preferredTrigger_.isEmpty())
         spec.properties.insert(QStringLiteral("preferred_trigger"), preferredTrigger_);
     const QVariantMap options{{QStringLiteral("handle_token"), token}};
     call(QStringLiteral("BindShortcuts"),
-         {QVariant::fromValue(QDBusObjectPath(session_)), QVariant::fromValue(QList<ShortcutSpec>{spec}),
+         {QVariant::fromValue(QDBusObjectPath(session_)), QVariant::fromValue(QList<PortalShortcutSpec>{spec}),
           QString(), options},
          token, Step::Binding);
 }

@@ -6,6 +6,7 @@
 // else.
 #include <QDBusConnection>
 #include <QDBusMessage>
+#include <QDBusObjectPath>
 #include <QObject>
 #include <QString>
 #include <QVariantMap>
@@ -41,7 +42,7 @@ private:
     // The path the portal will answer a request with `token` on (known before the call, so the
     // answer cannot be missed).
     QString requestPath(const QString& token) const;
-    bool call(const QString& method, const QList<QVariant>& arguments, const QString& token, Step step);
+    void call(const QString& method, const QList<QVariant>& arguments, const QString& token, Step step);
     void bind();
     void unavailable(const QString& why);
 
