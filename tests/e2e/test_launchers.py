@@ -95,16 +95,16 @@ class RunningTray(LauncherCase):
 
         runner = self.runner()
         self.assertEqual(list(runner.Actions()), [])
-        matches = runner.Match('room c')
+        matches = runner.Match('oom c')
         self.assertEqual([(str(m[0]), str(m[1]), int(m[3])) for m in matches], [(C, 'Present to Room C', 30)])
         self.assertIn('-45 dBm', str(matches[0][5]['subtext']))
-        self.assertEqual([int(m[3]) for m in runner.Match('Room A')], [100])
+        self.assertEqual([int(m[3]) for m in runner.Match('room a')], [100])  # the whole name, in any case
         runner.Run(C, '')
         self.assertEqual(self.presented(2), ['Room A', 'Room C'])
 
         # Results that are gone present nothing.
         runner.Run('00000000-0000-0000-0000-00000000FFFF', '')
-        search.ActivateResult('saved:Nobody', [], dbus.UInt32(0))
+        search.ActivateResult('saved:Nobody', dbus.Array([], signature='s'), dbus.UInt32(0))
         time.sleep(1)
         self.assertEqual(len(self.frames_received()), 2)
         # This desktop has no portal: one clear line, and the tray runs on.
@@ -157,9 +157,14 @@ class StartedBySearch(LauncherCase):
 
     @staticmethod
     def stop_pid(pid):
+        def ended():
+            try:
+                with open(f'/proc/{pid}/stat', encoding='utf-8') as f:
+                    return f.read().split()[2] == 'Z'
+            except FileNotFoundError:
+                return True
         os.kill(pid, signal.SIGTERM)
-        wait_for(lambda: not os.path.exists(f'/proc/{pid}') or
-                 open(f'/proc/{pid}/stat', encoding='utf-8').read().split()[2] == 'Z', 15, 'the started tray to end')
+        wait_for(ended, 15, 'the started tray to end')
 
 
 class Shortcut(LauncherCase):
@@ -176,7 +181,7 @@ class Shortcut(LauncherCase):
         mock = dbus.Interface(portal, MOCK_IFACE)
         other = dbus.ObjectPath('/org/freedesktop/portal/desktop/session/1_999/lumerix')
         for path, shortcut in ((other, 'present-nearest'), (session, 'something-else'), (session, 'present-nearest')):
-            mock.EmitSignal(PORTAL_IFACE, 'Activated', 'osta{sv}', [path, shortcut, dbus.UInt64(1), {}])
+            mock.EmitSignal(PORTAL_IFACE, 'Activated', 'osta{sv}', [path, shortcut, dbus.UInt64(1), dbus.Dictionary({}, signature='sv')])
         self.assertEqual(self.presented(1), ['Room C'])
         time.sleep(1)
         self.assertEqual(len(self.frames_received()), 1, 'another session or shortcut presented too')

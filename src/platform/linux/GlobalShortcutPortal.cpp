@@ -58,8 +58,7 @@ void GlobalShortcutPortal::start() {
     if (!bus_.isConnected()) return unavailable(QStringLiteral("no session bus"));
     // Activated carries the session; only ours counts (checked in the slot).
     bus_.connect(QLatin1String(kService), QLatin1String(kPath), QLatin1String(kInterface),
-                 QStringLiteral("Activated"), this,
-                 SLOT(shortcutActivated(QDBusObjectPath, QString, qulonglong, QVariantMap)));
+                 QStringLiteral("Activated"), this, SLOT(shortcutActivated(QDBusMessage)));
     const QString token = QStringLiteral("lumerix_session_%1").arg(++tokens_);
     const QVariantMap options{{QStringLiteral("handle_token"), token},
                               {QStringLiteral("session_handle_token"), QStringLiteral("lumerix")}};
@@ -77,9 +76,12 @@ void GlobalShortcutPortal::call(const QString& method, const QList<QVariant>& ar
     message.setArguments(arguments);
     auto* watcher = new QDBusPendingCallWatcher(bus_.asyncCall(message), this);
     QObject::connect(
-        watcher, &QDBusPendingCallWatcher::finished, this, [this, method](QDBusPendingCallWatcher* w) {
+        watcher, &QDBusPendingCallWatcher::finished, this,
+        [this, method, expected = pendingRequest_](QDBusPendingCallWatcher* w) {
             const QDBusPendingReply<QDBusObjectPath> reply = *w;
             w->deleteLater();
+            // The portal may answer before its reply arrives, and the next request may be under way.
+            if (pendingRequest_ != expected) return;
             if (reply.isError()) {
                 unavailable(QStringLiteral("the desktop portal offers no global shortcuts (%1: %2)")
                                 .arg(method, reply.error().message()));
@@ -139,16 +141,21 @@ void GlobalShortcutPortal::bind() {
         spec.properties.insert(QStringLiteral("preferred_trigger"), preferredTrigger_);
     const QVariantMap options{{QStringLiteral("handle_token"), token}};
     call(QStringLiteral("BindShortcuts"),
-         {QVariant::fromValue(QDBusObjectPath(session_)), QVariant::fromValue(QList<PortalShortcutSpec>{spec}),
-          QString(), options},
+         {QVariant::fromValue(QDBusObjectPath(session_)),
+          QVariant::fromValue(QList<PortalShortcutSpec>{spec}), QString(), options},
          token, Step::Binding);
 }
 
-void GlobalShortcutPortal::shortcutActivated(const QDBusObjectPath& session, const QString& shortcutId,
-                                             qulonglong timestamp, const QVariantMap& options) {
-    Q_UNUSED(timestamp);
-    Q_UNUSED(options);
-    if (session_.isEmpty() || session.path() != session_ || shortcutId != id_) return;
+void GlobalShortcutPortal::shortcutActivated(const QDBusMessage& signal) {
+    // (o session_handle, s shortcut_id, t timestamp, a{sv} options); read by hand, as the
+    // session handle's type differs between portal versions.
+    const QList<QVariant> args = signal.arguments();
+    if (session_.isEmpty() || args.size() < 2) return;
+    const QVariant& session = args[0];
+    const QString path = session.userType() == qMetaTypeId<QDBusObjectPath>()
+                             ? session.value<QDBusObjectPath>().path()
+                             : session.toString();
+    if (path != session_ || args[1].toString() != id_) return;
     Log::logf("Global shortcut \"%s\" pressed", qUtf8Printable(description_));
     if (activated_) activated_();
 }

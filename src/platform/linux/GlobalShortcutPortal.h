@@ -34,8 +34,7 @@ public:
 
 private Q_SLOTS:
     void requestResponse(uint response, const QVariantMap& results, const QDBusMessage& signal);
-    void shortcutActivated(const QDBusObjectPath& session, const QString& shortcutId, qulonglong timestamp,
-                           const QVariantMap& options);
+    void shortcutActivated(const QDBusMessage& signal);
 
 private:
     enum class Step { None, CreatingSession, Binding };
