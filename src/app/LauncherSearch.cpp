@@ -44,10 +44,8 @@ namespace {
 constexpr const char* kResultIcon = "video-display";
 
 bool hasNearby(const QList<ReceiverService::SearchResult>& results) {
-    for (const auto& r : results) {
-        if (!r.id.startsWith(QLatin1String(kSavedResultPrefix))) return true;
-    }
-    return false;
+    return std::any_of(results.cbegin(), results.cend(),
+                       [](const auto& r) { return !r.id.startsWith(QLatin1String(kSavedResultPrefix)); });
 }
 
 bool exportObject(QDBusConnection& bus, const char* path, QObject* object) {

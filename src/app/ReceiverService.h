@@ -60,7 +60,7 @@ private:
     QList<Listed> listed() const;
     // The receiver the query names, connected; its identifier (or name, for a saved one).
     std::optional<QString> connect(const QString& query);
-    std::optional<QString> connectListed(const Listed& receiver);
+    std::optional<QString> connectListed(const Listed& l);
     void receiversMayHaveChanged();
 
     AppDelegate& delegate_;

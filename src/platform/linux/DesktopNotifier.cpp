@@ -77,12 +77,12 @@ void DesktopNotifier::notify(const Notification& notification) {
 }
 
 void DesktopNotifier::actionInvoked(uint id, const QString& key) {
-    for (auto it = buttons_.begin(); it != buttons_.end(); ++it) {
-        if (it->first != id) continue;
-        for (const NotificationAction& a : it->second) {
+    for (const auto& [shownId, actions] : buttons_) {
+        if (shownId != id) continue;
+        for (const NotificationAction& a : actions) {
             if (a.key != key || !a.invoke) continue;
-            const std::function<void()> invoke = a.invoke;  // the list may change while it runs
             Log::logf("Notification button \"%s\" pressed", qUtf8Printable(a.label));
+            const std::function<void()> invoke = a.invoke;  // the list may change while it runs
             invoke();
             return;
         }

@@ -120,7 +120,7 @@ void GlobalShortcutPortal::requestResponse(uint response, const QVariantMap& res
     } else if (step == Step::Binding) {
         bound_ = true;
         QString trigger;
-        const QDBusArgument shortcuts = results.value(QStringLiteral("shortcuts")).value<QDBusArgument>();
+        const auto shortcuts = results.value(QStringLiteral("shortcuts")).value<QDBusArgument>();
         if (shortcuts.currentType() == QDBusArgument::ArrayType) {
             QList<PortalShortcutSpec> bound;
             shortcuts >> bound;
