@@ -54,7 +54,8 @@ void showDiagnostics() {
     // Asynchronous: the doctor may wait on Bluetooth and the tray must not freeze meanwhile.
     auto* doctor = new QProcess(view);
     doctor->setProcessChannelMode(QProcess::MergedChannels);
-    QObject::connect(doctor, &QProcess::finished, view, [doctor, view](int, QProcess::ExitStatus) {
+    QObject::connect(doctor, &QProcess::finished, view, [doctor, view](int code, QProcess::ExitStatus) {
+        Log::logf("Troubleshoot: lumerix --doctor ended with status %d; its report is shown", code);
         view->setPlainText(QString::fromUtf8(doctor->readAll()));
         doctor->deleteLater();
     });

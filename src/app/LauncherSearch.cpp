@@ -64,7 +64,7 @@ WarmUpGate::WarmUpGate(ReceiverService& service, QObject* parent) : QObject(pare
 
 bool WarmUpGate::holdBack(const QDBusMessage& call, const QStringList& terms,
                           std::function<QDBusMessage(const QDBusMessage&)> answer) {
-    if (started_.elapsed() >= kWarmUpMs) return false;
+    if (started_.elapsed() >= kWarmUpMs || waiting_.size() >= kMaxWaiting) return false;
     if (hasNearby(service_.search({QLatin1String(kPresentKeyword)}))) return false;
     waiting_.append({call, terms, std::move(answer)});
     if (!poll_.isActive()) poll_.start();

@@ -24,6 +24,8 @@ class WarmUpGate : public QObject {
 public:
     static constexpr int kWarmUpMs = 5000;
     static constexpr int kPollMs = 200;
+    // Beyond this many held-back searches, a search is answered at once with what is known.
+    static constexpr qsizetype kMaxWaiting = 32;
 
     explicit WarmUpGate(ReceiverService& service, QObject* parent = nullptr);
     // True when `call` (a search for `terms`) should wait: the reply is then sent later by `answer`.

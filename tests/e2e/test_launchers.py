@@ -215,6 +215,10 @@ class NotificationButtons(LauncherCase):
         self.assertEqual(self.presented(1), ['Room A'])
         time.sleep(1)
         self.assertEqual(len(self.frames_received()), 1)
+        # Troubleshoot runs the doctor inside the tray, which shows its report and runs on.
+        server.EmitSignal(NOTIFICATIONS, 'ActionInvoked', 'us', [dbus.UInt32(notification_id), 'troubleshoot'])
+        wait_for(lambda: 'lumerix --doctor ended with status' in self.desktop.program_log(), 30, 'the doctor report')
+        self.assertIsNone(self.program.poll())
 
 
 if __name__ == '__main__':
