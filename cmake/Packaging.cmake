@@ -27,6 +27,26 @@ set(LUMERIX_AUTOSTART_DIR /etc/xdg/autostart CACHE PATH "Where the package puts 
 install(FILES ${PROJECT_SOURCE_DIR}/packaging/lumerix-autostart.desktop DESTINATION ${LUMERIX_AUTOSTART_DIR}
         RENAME lumerix.desktop COMPONENT autostart EXCLUDE_FROM_ALL)
 
+# Launcher plug-ins: the overview search provider, its D-Bus activation (a search starts the
+# tray when it is not running) and the KRunner plug-in. The service file names the binary by its
+# absolute path, so it is written at install time for the prefix installed to (the package's
+# /usr, whatever the build was configured with). The build tree's copy is what the end-to-end
+# tests start the build's tray from.
+set(LUMERIX_INSTALLED_BINARY ${CMAKE_INSTALL_FULL_BINDIR}/lumerix)
+configure_file(${PROJECT_SOURCE_DIR}/packaging/com.zemko.Lumerix.service.in
+               ${CMAKE_BINARY_DIR}/packaging/com.zemko.Lumerix.service @ONLY)
+install(CODE "
+  file(READ \"${PROJECT_SOURCE_DIR}/packaging/com.zemko.Lumerix.service.in\" lumerix_service)
+  string(REPLACE \"@LUMERIX_INSTALLED_BINARY@\" \"\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_BINDIR}/lumerix\"
+         lumerix_service \"\${lumerix_service}\")
+  file(WRITE \"${CMAKE_BINARY_DIR}/packaging/installed/com.zemko.Lumerix.service\" \"\${lumerix_service}\")
+  file(INSTALL DESTINATION \"\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_DATADIR}/dbus-1/services\" TYPE FILE
+       FILES \"${CMAKE_BINARY_DIR}/packaging/installed/com.zemko.Lumerix.service\")")
+install(FILES ${PROJECT_SOURCE_DIR}/packaging/com.zemko.Lumerix.search-provider.ini
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/gnome-shell/search-providers)
+install(FILES ${PROJECT_SOURCE_DIR}/packaging/lumerix-runner.desktop
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/krunner/dbusplugins RENAME com.zemko.Lumerix.desktop)
+
 # Packaging needs the program, not the tests and benchmarks.
 set(CMAKE_SKIP_INSTALL_ALL_DEPENDENCY TRUE)
 

@@ -4,6 +4,7 @@
 #include <QDBusMetaType>
 
 #include "log/Log.h"
+#include "shell/ReceiverSearch.h"
 
 namespace lumerix {
 namespace {
@@ -108,11 +109,38 @@ std::optional<QString> ReceiverService::connect(const QString& query) {
         Log::logf("D-Bus: no receiver matches \"%s\"", qUtf8Printable(query));
         return std::nullopt;
     }
-    const Listed& l = receivers[*chosen];
+    return connectListed(receivers[*chosen]);
+}
+
+std::optional<QString> ReceiverService::connectListed(const Listed& l) {
     Log::logf("D-Bus: connecting \"%s\" (%s)", qUtf8Printable(l.candidate.name),
               qUtf8Printable(l.candidate.saved ? QStringLiteral("saved") : l.candidate.identifier));
     if (delegate_.ConnectReceiver(l.dictionary) == AppDelegate::ConnectOutcome::NotSent) return std::nullopt;
     return l.candidate.saved ? l.candidate.name : l.candidate.identifier;
+}
+
+QList<ReceiverService::SearchResult> ReceiverService::search(const QStringList& terms) const {
+    const QList<Listed> receivers = listed();
+    QList<ReceiverCandidate> candidates;
+    for (const Listed& l : receivers) candidates.append(l.candidate);
+    QList<SearchResult> out;
+    for (qsizetype i : searchReceivers(candidates, terms)) {
+        const ReceiverCandidate& c = candidates[i];
+        out.append({searchResultId(c), c.name, searchResultDescription(c)});
+    }
+    return out;
+}
+
+bool ReceiverService::present(const QString& resultId) {
+    const QList<Listed> receivers = listed();
+    QList<ReceiverCandidate> candidates;
+    for (const Listed& l : receivers) candidates.append(l.candidate);
+    const std::optional<qsizetype> found = findSearchResult(candidates, resultId);
+    if (!found) {
+        Log::logf("Search: the receiver \"%s\" is no longer listed", qUtf8Printable(resultId));
+        return false;
+    }
+    return connectListed(receivers[*found]).has_value();
 }
 
 bool ReceiverService::Connect(const QString& identifierOrName) {

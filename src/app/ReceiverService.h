@@ -32,6 +32,17 @@ public:
     // Exports the object, then claims the name (never queued, never replacing its owner).
     Registration registerOn(QDBusConnection bus, QString* error);
 
+    // For launcher searches: the receivers all terms match, in the order to show them.
+    struct SearchResult {
+        QString id;  // stays with its receiver while the list changes
+        QString name;
+        QString description;
+    };
+    QList<SearchResult> search(const QStringList& terms) const;
+    // Connects the receiver a search result names, like Connect; false when it is gone or nothing
+    // could be sent.
+    bool present(const QString& resultId);
+
 public Q_SLOTS:
     QList<QVariantMap> Receivers();
     bool Connect(const QString& identifierOrName);
@@ -49,6 +60,7 @@ private:
     QList<Listed> listed() const;
     // The receiver the query names, connected; its identifier (or name, for a saved one).
     std::optional<QString> connect(const QString& query);
+    std::optional<QString> connectListed(const Listed& l);
     void receiversMayHaveChanged();
 
     AppDelegate& delegate_;

@@ -8,7 +8,9 @@
 #include <future>
 #include <memory>
 
+#include "app/DiagnosticsWindow.h"
 #include "app/HeadlessSession.h"
+#include "app/LauncherSearch.h"
 #include "app/ProductionEnvironment.h"
 #include "app/QtShellApplication.h"
 #include "app/QtStatusItem.h"
@@ -21,6 +23,7 @@
 #include "platform/linux/DesktopEntry.h"
 #include "platform/linux/DesktopNotifier.h"
 #include "platform/linux/GetPID.h"
+#include "platform/linux/GlobalShortcutPortal.h"
 #include "platform/linux/LogindWorkspace.h"
 #include "platform/linux/LoopbackSockets.h"
 #include "platform/linux/PathManager.h"
@@ -107,6 +110,7 @@ int runTrayApp(int argc, char** argv, const CommandLine& options) {
     env.bluetoothPowered = [powered] { return powered->load(); };
     env.notifier = std::make_shared<DesktopNotifier>(QDBusConnection::sessionBus(), QStringLiteral("Lumerix"),
                                                      QStringLiteral("lumerix"));
+    env.troubleshoot = [] { showDiagnostics(); };
     env.senderInstalled = [] {
         return !desktopEntryPath(QLatin1String(AppDelegate::kSenderBundleIdentifier)).isEmpty();
     };
@@ -114,6 +118,12 @@ int runTrayApp(int argc, char** argv, const CommandLine& options) {
     AppDelegate delegate(std::move(env));
     // One tray per session: the service's name tells whether another instance already runs.
     ReceiverService service(delegate, mainQueue);
+    // Launcher searches reach the tray by its name, so their objects are there before the name is.
+    WarmUpGate searchGate(service);
+    SearchProvider searchProvider(service, searchGate);
+    RunnerService runner(service, searchGate);
+    searchProvider.registerOn(QDBusConnection::sessionBus());
+    runner.registerOn(QDBusConnection::sessionBus());
     switch (service.registerOn(QDBusConnection::sessionBus(), &error)) {
         case ReceiverService::Registration::Registered:
             break;
@@ -126,6 +136,10 @@ int runTrayApp(int argc, char** argv, const CommandLine& options) {
             Log::logf("The D-Bus service is off: %s", qUtf8Printable(error));
             break;
     }
+    GlobalShortcutPortal shortcut(QDBusConnection::sessionBus(), QStringLiteral("present-nearest"),
+                                  QStringLiteral("Present to the nearest room"), QStringLiteral("CTRL+ALT+P"),
+                                  [&service] { service.ConnectNearest(); });
+    shortcut.start();
     application->setWillTerminate([&delegate] { delegate.applicationWillTerminate(); });
     UnixSignalWatcher signals([&application](int signal) {
         Log::logf("Signal %d received: quitting", signal);

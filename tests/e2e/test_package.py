@@ -41,7 +41,10 @@ class PackageTest(unittest.TestCase):
         for path in ('/usr/bin/lumerix', '/usr/share/applications/lumerix.desktop',
                      '/usr/share/icons/hicolor/scalable/apps/lumerix.svg', '/usr/share/man/man1/lumerix.1.gz',
                      '/usr/share/lumerix/DefaultReferenceTable.plist', '/usr/share/lumerix/Normal_Icon.svg',
-                     '/usr/share/lumerix/demo/DefaultReferenceTable.plist', '/etc/xdg/autostart/lumerix.desktop'):
+                     '/usr/share/lumerix/demo/DefaultReferenceTable.plist', '/etc/xdg/autostart/lumerix.desktop',
+                     '/usr/share/dbus-1/services/com.zemko.Lumerix.service',
+                     '/usr/share/gnome-shell/search-providers/com.zemko.Lumerix.search-provider.ini',
+                     '/usr/share/krunner/dbusplugins/com.zemko.Lumerix.desktop'):
             self.assertIn(path, files)
 
         info = dpkg_deb('-I', self.deb)
@@ -63,6 +66,13 @@ class PackageTest(unittest.TestCase):
         self.assertIn('[Desktop Entry]', entry)
         self.assertRegex(entry, r'(?m)^Exec=lumerix$')
         self.assertRegex(entry, r'(?m)^Type=Application$')
+
+    def test_a_search_starts_the_installed_tray(self):
+        with open(os.path.join(self.tree, 'usr/share/dbus-1/services/com.zemko.Lumerix.service'),
+                  encoding='utf-8') as f:
+            service = f.read()
+        self.assertRegex(service, r'(?m)^Name=com\.zemko\.Lumerix$')
+        self.assertRegex(service, r'(?m)^Exec=/usr/bin/lumerix --autostart$')
 
     def test_extracted_binary_answers_without_a_display(self):
         binary = os.path.join(self.tree, 'usr/bin/lumerix')

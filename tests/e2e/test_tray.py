@@ -87,8 +87,8 @@ class TrayCase(unittest.TestCase):
         self.run_result = result
         return super().run(result)
 
-    def start_desktop(self, powered=True, tray=True, host=True):
-        self.desktop = trayharness.TrayDesktop(powered=powered, tray=tray, host=host)
+    def start_desktop(self, powered=True, tray=True, host=True, **options):
+        self.desktop = trayharness.TrayDesktop(powered=powered, tray=tray, host=host, **options)
         self.desktop.start()
         self.addCleanup(self.desktop.stop)
         self.frames = os.path.join(self.desktop.root, 'frames.jsonl')

@@ -51,11 +51,15 @@ class TrayMenu:
 class TrayDesktop:
     """The private desktop, all under one temporary directory; a context manager or start()/stop()."""
 
-    def __init__(self, powered=True, tray=True, host=True):
-        """tray: a StatusNotifierWatcher runs from the start; host: it has a host registered."""
+    def __init__(self, powered=True, tray=True, host=True, session_services=None, notification_caps=None):
+        """tray: a StatusNotifierWatcher runs from the start; host: it has a host registered;
+        session_services: the session bus starts the services described there; notification_caps:
+        the notification server's capabilities instead of its defaults."""
         self.powered = powered
         self.tray = tray
         self.host = host
+        self.session_services = session_services
+        self.notification_caps = notification_caps
         self.watcher = self.notification_server = None
         self.procs = []
         self.files = []
@@ -98,7 +102,7 @@ class TrayDesktop:
             self._suppress_qt_caches()
         self._start_x()
         self.system = lxharness.PrivateBus()
-        self.session = lxharness.PrivateBus(kind='session')
+        self.session = lxharness.PrivateBus(kind='session', services_dir=self.session_services)
         self.env['DBUS_SYSTEM_BUS_ADDRESS'] = self.system.address
         self.env['DBUS_SESSION_BUS_ADDRESS'] = self.session.address
         # dbusmock's helpers read the bus addresses from this process's environment.
@@ -107,7 +111,8 @@ class TrayDesktop:
         if self.tray:
             self.start_watcher()
         proc, self.notification_server = dbusmock.DBusTestCase.spawn_server_template(
-            'notification_daemon', {}, stdout=self._log('notifications.log'))
+            'notification_daemon', {'capabilities': ' '.join(self.notification_caps)} if self.notification_caps else {},
+            stdout=self._log('notifications.log'))
         self.procs.append(proc)
         proc, self.logind = dbusmock.DBusTestCase.spawn_server_template('logind', {}, stdout=self._log('logind.log'))
         self.procs.append(proc)

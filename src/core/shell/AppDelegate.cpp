@@ -549,8 +549,8 @@ AppDelegate::ConnectOutcome AppDelegate::ConnectReceiver(const ReceiverDictionar
     int launchStatus = 0;
     const ConnectOutcome outcome =
         ConnectReceiver(receiver, env_.launcher, env_.processLookup, env_.peers.self, env_.delivery,
-                        m_pDictTargetDevice, &launchStatus, deliveryFailureReporter(label));
-    if (outcome == ConnectOutcome::Launched) reportLaunch(label, launchStatus);
+                        m_pDictTargetDevice, &launchStatus, deliveryFailureReporter(label, receiver));
+    if (outcome == ConnectOutcome::Launched) reportLaunch(label, launchStatus, receiver);
     return outcome;
 }
 
@@ -592,12 +592,12 @@ void AppDelegate::SendDataToOndrelTimer(const ConnectionInfo& userInfo) {
     deliverFrame(userInfo, env_.delivery, deliveryFailureReporter(receiverLabel(userInfo)));
 }
 
-DeliveryDone AppDelegate::deliveryFailureReporter(QString receiver) {
-    return [this, queue = env_.mainQueue, alive = std::weak_ptr<bool>(alive_),
+DeliveryDone AppDelegate::deliveryFailureReporter(QString label, std::optional<ReceiverDictionary> receiver) {
+    return [this, queue = env_.mainQueue, alive = std::weak_ptr<bool>(alive_), label = std::move(label),
             receiver = std::move(receiver)](DeliveryOutcome outcome) {
         if (outcome == DeliveryOutcome::Delivered || !queue) return;
-        queue->async([this, alive, receiver, outcome] {
-            if (alive.lock()) reportDeliveryFailure(receiver, outcome);
+        queue->async([this, alive, label, receiver, outcome] {
+            if (alive.lock()) reportDeliveryFailure(label, outcome, receiver);
         });
     };
 }
@@ -617,11 +617,32 @@ bool AppDelegate::deliverFrame(const ConnectionInfo& info, const SenderDelivery&
     return true;
 }
 
-void AppDelegate::notify(QString summary, QString body) {
-    if (env_.notifier) env_.notifier->notify({std::move(summary), std::move(body)});
+void AppDelegate::notify(QString summary, QString body, std::vector<NotificationAction> actions) {
+    if (env_.notifier) env_.notifier->notify({std::move(summary), std::move(body), std::move(actions)});
 }
 
-void AppDelegate::reportLaunch(const QString& receiver, int launcherStatus) {
+std::vector<NotificationAction> AppDelegate::failureActions(
+    const std::optional<ReceiverDictionary>& receiver) {
+    std::vector<NotificationAction> actions;
+    // The button may be pressed long after this shell is gone.
+    if (receiver) {
+        actions.push_back({QStringLiteral("try-again"), QStringLiteral("Try again"),
+                           [this, alive = std::weak_ptr<bool>(alive_), dictionary = *receiver] {
+                               if (!alive.lock()) return;
+                               Log::write(
+                                   QStringLiteral("DeviceConnectAction: trying again from a notification"));
+                               ConnectReceiver(dictionary);
+                           }});
+    }
+    if (env_.troubleshoot) {
+        actions.push_back(
+            {QStringLiteral("troubleshoot"), QStringLiteral("Troubleshoot"), env_.troubleshoot});
+    }
+    return actions;
+}
+
+void AppDelegate::reportLaunch(const QString& receiver, int launcherStatus,
+                               const ReceiverDictionary& dictionary) {
     const QString sender = QLatin1String(kSenderDisplayName);
     if (!env_.senderInstalled()) {
         notify(sender + QStringLiteral(" is not installed"),
@@ -629,14 +650,16 @@ void AppDelegate::reportLaunch(const QString& receiver, int launcherStatus) {
     } else if (launcherStatus != 0) {
         Log::logf("DeviceConnectAction: the launcher ended with status %d", launcherStatus);
         notify(QStringLiteral("%1 could not be started").arg(sender),
-               QStringLiteral("Start %1 yourself, then choose %2 again.").arg(sender, receiver));
+               QStringLiteral("Start %1 yourself, then choose %2 again.").arg(sender, receiver),
+               failureActions(dictionary));
     } else {
         notify(QStringLiteral("Starting %1 for %2").arg(sender, receiver) + QChar(0x2026),
                QStringLiteral("%1 connects to %2 as soon as it is up.").arg(sender, receiver));
     }
 }
 
-void AppDelegate::reportDeliveryFailure(const QString& receiver, DeliveryOutcome outcome) {
+void AppDelegate::reportDeliveryFailure(const QString& receiver, DeliveryOutcome outcome,
+                                        const std::optional<ReceiverDictionary>& dictionary) {
     const QString sender = QLatin1String(kSenderDisplayName);
     if (outcome == DeliveryOutcome::ForeignListener) {
         Log::logf(
@@ -656,7 +679,8 @@ void AppDelegate::reportDeliveryFailure(const QString& receiver, DeliveryOutcome
     notify(QStringLiteral("Could not reach %1").arg(sender),
            QStringLiteral("%1 did not take %2: nothing answered on 127.0.0.1:%3. Restart %1 and choose %2 "
                           "again.")
-               .arg(sender, receiver, QString::number(kSenderDataPort)));
+               .arg(sender, receiver, QString::number(kSenderDataPort)),
+           failureActions(dictionary));
 }
 
 bool AppDelegate::ListenCmdFromSenderThread() { return m_listener->ListenCmdFromSenderThread(); }

@@ -122,10 +122,15 @@ private:
     std::vector<MenuItemRef> makeFixedMenuItems() const;
     static bool deliverFrame(const ConnectionInfo& info, const SenderDelivery& delivery, DeliveryDone done);
     // Tells the user, from the main queue, when a frame did not reach the sender or was withheld.
-    DeliveryDone deliveryFailureReporter(QString receiver);
-    void notify(QString summary, QString body);
-    void reportLaunch(const QString& receiver, int launcherStatus);
-    void reportDeliveryFailure(const QString& receiver, DeliveryOutcome outcome);
+    // receiver: what "Try again" connects again (none: no such button).
+    DeliveryDone deliveryFailureReporter(QString label,
+                                         std::optional<ReceiverDictionary> receiver = std::nullopt);
+    void notify(QString summary, QString body, std::vector<NotificationAction> actions = {});
+    // "Try again" (for a receiver dictionary) and "Troubleshoot", for a notification of a failure.
+    std::vector<NotificationAction> failureActions(const std::optional<ReceiverDictionary>& receiver);
+    void reportLaunch(const QString& receiver, int launcherStatus, const ReceiverDictionary& dictionary);
+    void reportDeliveryFailure(const QString& receiver, DeliveryOutcome outcome,
+                               const std::optional<ReceiverDictionary>& dictionary);
     std::vector<ReceiverToolTip::Line> toolTipLines() const;
     void notifyReceiversChanged() {
         if (receiversObserver_) receiversObserver_();

@@ -19,6 +19,7 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <vector>
 
 #include "dispatch/Clock.h"
 #include "dispatch/DispatchQueue.h"
@@ -105,14 +106,23 @@ public:
     virtual void orderFrontStandardAboutPanel() = 0;
 };
 
-// A desktop notification: a one-line summary and a plain-text body.
+// A button on a notification; invoke runs on the main queue when the user presses it.
+struct NotificationAction {
+    QString key;    // stable, never shown
+    QString label;  // the button's text
+    std::function<void()> invoke;
+};
+
+// A desktop notification: a one-line summary, a plain-text body and optional buttons.
 struct Notification {
     QString summary;
     QString body;
+    std::vector<NotificationAction> actions;
 };
 
 // Desktop notifications (org.freedesktop.Notifications on Linux). Fire and forget: never blocks,
-// and shows nothing when the desktop has no notification server.
+// and shows nothing when the desktop has no notification server. Buttons are offered only where
+// the desktop supports them; elsewhere the notification is shown without them.
 class Notifier {
 public:
     virtual ~Notifier() = default;
@@ -182,6 +192,7 @@ struct ShellEnvironment {
     BluetoothPowerCheck bluetoothPowered;           // default: always true
     Launcher launcher;                              // null: the sender is never launched
     SenderInstallCheck senderInstalled;             // null: taken as installed
+    std::function<void()> troubleshoot;             // shows diagnostics; null: not offered
     ProcessLookup processLookup;                    // null: the sender never counts as running
     // Our uid and the socket owners: the sender is looked up among our own processes (peers.self,
     // 0 for any) and the command listener answers only our own processes. Empty: nothing checked.

@@ -26,13 +26,21 @@ QString escapedMarkup(QString text) {
 DesktopNotifier::DesktopNotifier(QDBusConnection sessionBus, QString appName, QString iconName)
     : bus_(std::move(sessionBus)), appName_(std::move(appName)), iconName_(std::move(iconName)) {
     if (!bus_.isConnected()) return;
+    // Bound to the server's name, so that only its owner's signals count.
+    bus_.connect(QLatin1String(kService), QLatin1String(kPath), QLatin1String(kService),
+                 QStringLiteral("ActionInvoked"), this, SLOT(actionInvoked(uint, QString)));
+    bus_.connect(QLatin1String(kService), QLatin1String(kPath), QLatin1String(kService),
+                 QStringLiteral("NotificationClosed"), this, SLOT(notificationClosed(uint, uint)));
     const QDBusMessage call =
         QDBusMessage::createMethodCall(QLatin1String(kService), QLatin1String(kPath), QLatin1String(kService),
                                        QStringLiteral("GetCapabilities"));
     auto* watcher = new QDBusPendingCallWatcher(bus_.asyncCall(call), this);
     QObject::connect(watcher, &QDBusPendingCallWatcher::finished, this, [this](QDBusPendingCallWatcher* w) {
         const QDBusPendingReply<QStringList> reply = *w;
-        if (!reply.isError()) markup_ = reply.value().contains(QStringLiteral("body-markup"));
+        if (!reply.isError()) {
+            markup_ = reply.value().contains(QStringLiteral("body-markup"));
+            actions_ = reply.value().contains(QStringLiteral("actions"));
+        }
         w->deleteLater();
     });
 }
@@ -43,17 +51,52 @@ void DesktopNotifier::notify(const Notification& notification) {
                                                        QLatin1String(kService), QStringLiteral("Notify"));
     // Servers that read markup in the body must see receiver names as text.
     const QString body = markup_ ? escapedMarkup(notification.body) : notification.body;
-    call << appName_ << 0u << iconName_ << notification.summary << body << QStringList() << QVariantMap()
+    QStringList actions;  // key, label, key, label...
+    std::vector<NotificationAction> buttons;
+    if (actions_) {
+        buttons = notification.actions;
+        for (const NotificationAction& a : buttons) actions << a.key << a.label;
+    }
+    call << appName_ << 0u << iconName_ << notification.summary << body << actions << QVariantMap()
          << kDefaultExpiry;
     auto* watcher = new QDBusPendingCallWatcher(bus_.asyncCall(call), this);
-    QObject::connect(watcher, &QDBusPendingCallWatcher::finished, this, [this](QDBusPendingCallWatcher* w) {
-        const QDBusPendingReply<uint> reply = *w;
-        if (reply.isError() && !failureLogged_) {
-            failureLogged_ = true;
-            Log::logf("Desktop notifications are not shown: %s", qUtf8Printable(reply.error().message()));
+    QObject::connect(watcher, &QDBusPendingCallWatcher::finished, this,
+                     [this, buttons = std::move(buttons)](QDBusPendingCallWatcher* w) mutable {
+                         const QDBusPendingReply<uint> reply = *w;
+                         if (!reply.isError() && !buttons.empty()) {
+                             if (buttons_.size() >= kKeptNotifications) buttons_.pop_front();
+                             buttons_.emplace_back(reply.value(), std::move(buttons));
+                         }
+                         if (reply.isError() && !failureLogged_) {
+                             failureLogged_ = true;
+                             Log::logf("Desktop notifications are not shown: %s",
+                                       qUtf8Printable(reply.error().message()));
+                         }
+                         w->deleteLater();
+                     });
+}
+
+void DesktopNotifier::actionInvoked(uint id, const QString& key) {
+    for (const auto& [shownId, actions] : buttons_) {
+        if (shownId != id) continue;
+        for (const NotificationAction& a : actions) {
+            if (a.key != key || !a.invoke) continue;
+            Log::logf("Notification button \"%s\" pressed", qUtf8Printable(a.label));
+            const std::function<void()> invoke = a.invoke;  // the list may change while it runs
+            invoke();
+            return;
         }
-        w->deleteLater();
-    });
+        return;
+    }
+}
+
+void DesktopNotifier::notificationClosed(uint id, uint /*reason*/) {
+    for (auto it = buttons_.begin(); it != buttons_.end(); ++it) {
+        if (it->first == id) {
+            buttons_.erase(it);
+            return;
+        }
+    }
 }
 
 }  // namespace lumerix

@@ -1,0 +1,76 @@
+#include "shell/ReceiverSearch.h"
+
+#include <QRegularExpression>
+#include <algorithm>
+#include <cmath>
+
+namespace lumerix {
+namespace {
+
+constexpr qsizetype kMinimumKeywordPrefix = 3;
+
+bool termMatches(const ReceiverCandidate& receiver, const QString& term) {
+    if (term.size() >= kMinimumKeywordPrefix &&
+        QLatin1String(kPresentKeyword).startsWith(term, Qt::CaseInsensitive))
+        return true;
+    return receiver.name.contains(term, Qt::CaseInsensitive);
+}
+
+// Nearby before saved; among nearby ones the stronger first, an unknown signal last.
+bool shownBefore(const ReceiverCandidate& a, const ReceiverCandidate& b) {
+    if (a.saved != b.saved) return !a.saved;
+    if (a.saved) return false;
+    const bool aKnown = !std::isnan(a.rssi);
+    const bool bKnown = !std::isnan(b.rssi);
+    if (aKnown != bKnown) return aKnown;
+    return aKnown && a.rssi > b.rssi;
+}
+
+}  // namespace
+
+QStringList searchTerms(const QString& query) {
+    static const QRegularExpression space(QStringLiteral("\\s+"));
+    return query.split(space, Qt::SkipEmptyParts);
+}
+
+QList<qsizetype> searchReceivers(const QList<ReceiverCandidate>& receivers, const QStringList& terms) {
+    QStringList wanted;
+    for (const QString& term : terms) {
+        if (const QString t = term.trimmed(); !t.isEmpty()) wanted.append(t);
+    }
+    QList<qsizetype> found;
+    if (wanted.isEmpty()) return found;
+    for (qsizetype i = 0; i < receivers.size(); ++i) {
+        const ReceiverCandidate& r = receivers[i];
+        if (!r.saved && r.identifier.isEmpty()) continue;  // nothing to name the result by
+        if (std::all_of(wanted.cbegin(), wanted.cend(), [&r](const QString& t) { return termMatches(r, t); }))
+            found.append(i);
+    }
+    std::stable_sort(found.begin(), found.end(), [&receivers](qsizetype a, qsizetype b) {
+        return shownBefore(receivers[a], receivers[b]);
+    });
+    return found;
+}
+
+QString searchResultId(const ReceiverCandidate& receiver) {
+    return receiver.saved ? QLatin1String(kSavedResultPrefix) + receiver.name : receiver.identifier;
+}
+
+std::optional<qsizetype> findSearchResult(const QList<ReceiverCandidate>& receivers,
+                                          const QString& resultId) {
+    if (resultId.isEmpty()) return std::nullopt;
+    for (qsizetype i = 0; i < receivers.size(); ++i) {
+        if (searchResultId(receivers[i]) == resultId) return i;
+    }
+    return std::nullopt;
+}
+
+QString searchResultDescription(const ReceiverCandidate& receiver) {
+    if (receiver.saved) return QStringLiteral("Saved receiver");
+    if (std::isnan(receiver.rssi)) return QStringLiteral("Nearby, signal unknown");
+    const char* strength = receiver.rssi >= -60 ? "strong" : receiver.rssi >= -75 ? "fair" : "weak";
+    return QStringLiteral("Nearby, %1 signal (%2 dBm)")
+        .arg(QLatin1String(strength), QString::number(static_cast<int>(std::lround(receiver.rssi))));
+}
+
+}  // namespace lumerix
