@@ -26,7 +26,7 @@ struct ModeSpec {
 
 const std::vector<ModeSpec>& modes() {
     static const std::vector<ModeSpec> table = {
-        {Mode::Tray, QString(), QStringLiteral("[--demo]")},
+        {Mode::Tray, QString(), QStringLiteral("[--autostart] [--demo]")},
         {Mode::Scan, QStringLiteral("scan"), QStringLiteral("--scan [SECONDS] [--json] [--demo]")},
         {Mode::GattRead, QStringLiteral("gatt-read"),
          QStringLiteral("--gatt-read IDENTIFIER [--timeout SECONDS] [--demo]")},
@@ -69,6 +69,10 @@ const std::vector<OptionSpec>& options() {
          QStringLiteral("NAME|IDENTIFIER|nearest"),
          QStringLiteral("Hand a receiver to the sender, through the running tray or on its own."),
          {}},
+        {{QStringLiteral("autostart")},
+         QString(),
+         QStringLiteral("Login mode: no alert; wait in the tray until Bluetooth is on."),
+         {Mode::Tray}},
         {{QStringLiteral("demo")},
          QString(),
          QStringLiteral("Show simulated receivers instead of scanning."),
@@ -197,6 +201,7 @@ CommandLineResult parseCommandLine(const QStringList& arguments) {
     }
 
     cl.demo = parser.isSet(QStringLiteral("demo"));
+    cl.autostart = parser.isSet(QStringLiteral("autostart"));
     cl.json = parser.isSet(QStringLiteral("json"));
     if (cl.mode == Mode::Scan) {
         const QString value = parser.value(QStringLiteral("scan"));

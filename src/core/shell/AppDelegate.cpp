@@ -103,7 +103,11 @@ void AppDelegate::awakeFromNib() {
 void AppDelegate::applicationDidFinishLaunching() {
     if (env_.application) env_.application->hide();
 
-    if (!env_.bluetoothPowered()) {
+    if (!env_.bluetoothPowered() && env_.quietLaunch) {
+        // At login Bluetooth may come later (or the bus not be up yet): wait in the tray, whose
+        // tooltip says why nothing is listed.
+        Log::write(QStringLiteral("Bluetooth is not on at login: waiting for it in the tray"));
+    } else if (!env_.bluetoothPowered()) {
         Alert alert;
         alert.messageText = QStringLiteral("Please turn on bluetooth");
         alert.informativeText = QStringLiteral("This application needs bluetooth access authority");
@@ -118,7 +122,8 @@ void AppDelegate::applicationDidFinishLaunching() {
 
     LoadReferenceTable();
     InitStatusBar();
-    if (env_.statusBar && !env_.statusBar->isTrayAvailable()) {
+    // At login the panel may start after us; the item appears when it does, without a bubble.
+    if (env_.statusBar && !env_.statusBar->isTrayAvailable() && !env_.quietLaunch) {
         notify(QStringLiteral("Lumerix has no tray icon on this desktop"),
                QStringLiteral(
                    "This desktop runs no system tray. Install one, such as the AppIndicator extension "
@@ -167,6 +172,12 @@ void AppDelegate::StartScanBeacon() {
     }
     scanning_ = started;
     m_pLumerix->setDelegate(this);
+    // Reports made before the delegate was set are not repeated: read the state once.
+    if (const std::optional<int> state = m_pLumerix->centralState()) showCentralState(*state);
+}
+
+void AppDelegate::showCentralState(int state) {
+    if (toolTip_) toolTip_->setRadio(ReceiverToolTip::radioFor(state));
 }
 
 void AppDelegate::StopScanBeacon() {
@@ -194,6 +205,7 @@ void AppDelegate::lumerixStateDidChange(int state) {
 }
 
 void AppDelegate::centralStateChanged(int state) {
+    showCentralState(state);
     // Discovery ends with the power, the adapter or bluetoothd, and so does the handler's rescan
     // cycle: only a new start brings the receivers back.
     if (state != BleStatePoweredOn) {
