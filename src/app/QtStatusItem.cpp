@@ -17,6 +17,15 @@ QString iconPath(const QString& dir, const QString& name) {
     return dir + QLatin1Char('/') + name + QStringLiteral(".svg");
 }
 
+// The design's image names as installed in the hicolor theme. Announced by name, a host draws
+// them in the panel's own colours; the files in the resources stand in when no theme has them.
+QString themeIconName(const QString& image) {
+    if (image == QLatin1String("Normal_Icon")) return QStringLiteral("com.zemko.Lumerix-symbolic");
+    if (image == QLatin1String("Normal_Disable_Icon"))
+        return QStringLiteral("com.zemko.Lumerix-disabled-symbolic");
+    return QString();
+}
+
 // '&' marks a mnemonic in a QAction's text; receiver names are shown as they are.
 QString escapedTitle(const QString& title) {
     QString text = title;
@@ -96,7 +105,10 @@ QIcon QtStatusItem::iconFor(const StatusImage& image) {
     const QString key = imageKey(image);
     auto cached = icons_.constFind(key);
     if (cached != icons_.constEnd()) return *cached;
-    QIcon icon(iconPath(resourcesDir_, image.name()));
+    const QString themed = themeIconName(image.name());
+    QIcon icon = !themed.isEmpty() && QIcon::hasThemeIcon(themed)
+                     ? QIcon::fromTheme(themed)
+                     : QIcon(iconPath(resourcesDir_, image.name()));
     if (icon.pixmap(22, 22).isNull()) {
         Log::logf("Tray icon %s could not be loaded from %s", image.name().toUtf8().constData(),
                   resourcesDir_.toUtf8().constData());

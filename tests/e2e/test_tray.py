@@ -331,7 +331,7 @@ class InstalledTrayTest(TrayCase):
                        check=True, stdout=subprocess.DEVNULL, timeout=60)
         for installed in ('share/lumerix/DefaultReferenceTable.plist',
                           'share/lumerix/demo/DefaultReferenceTable.plist', 'share/lumerix/Normal_Icon.svg',
-                          'share/lumerix/Normal_Disable_Icon.svg', 'share/applications/lumerix.desktop',
+                          'share/lumerix/Normal_Disable_Icon.svg', 'share/applications/com.zemko.Lumerix.desktop',
                           'share/man/man1/lumerix.1.gz'):
             self.assertTrue(os.path.exists(os.path.join(prefix, installed)), installed)
         # No made-up rooms for real users; the autostart entry is the package's alone.
