@@ -16,6 +16,7 @@
 #include "app/QtStatusItem.h"
 #include "app/ReceiverService.h"
 #include "app/ReferenceTableLocation.h"
+#include "app/Translations.h"
 #include "app/UnixSignalWatcher.h"
 #include "dispatch/QtQueues.h"
 #include "log/Log.h"
@@ -66,6 +67,7 @@ int runTrayApp(int argc, char** argv, const CommandLine& options) {
     std::signal(SIGPIPE, SIG_IGN);
 
     QApplication app(argc, argv);
+    installTranslations();
     QApplication::setApplicationName(QStringLiteral("Lumerix"));
     QApplication::setApplicationVersion(QStringLiteral(LUMERIX_VERSION));
     QApplication::setDesktopFileName(QStringLiteral("com.zemko.Lumerix"));

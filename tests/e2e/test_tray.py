@@ -266,7 +266,7 @@ class TrayTest(TrayCase):
         frames = wait_for(self.frames_received, 20, 'the launched sender to fetch its receiver')
         self.assertEqual(frames[0]['via'], 'fetch')
         self.assertEqual(frames[0]['fields'], ['10.0.0.6', 'Room B', '5607', 'Room B', ''], frames[0]['hex'])
-        self.assertEqual([summary for summary, _ in self.desktop.notifications()], ['Starting Sharvane for Room B\u2026'])
+        self.assertEqual([summary for summary, _ in self.desktop.notifications()], ['Starting Sharvane\u2026'])
 
     def test_sleep_stops_scanning_wake_restarts_it_and_sigterm_saves(self):
         lab = [{'Device': 'Lab', 'Note': 'kept as is'}]

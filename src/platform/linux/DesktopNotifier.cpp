@@ -43,11 +43,13 @@ void DesktopNotifier::notify(const Notification& notification) {
                                                        QLatin1String(kService), QStringLiteral("Notify"));
     // Servers that read markup in the body must see receiver names as text.
     const QString body = markup_ ? escapedMarkup(notification.body) : notification.body;
-    call << appName_ << 0u << iconName_ << notification.summary << body << QStringList() << QVariantMap()
+    // Each bubble replaces the previous one: repeated failures do not stack up on the screen.
+    call << appName_ << lastId_ << iconName_ << notification.summary << body << QStringList() << QVariantMap()
          << kDefaultExpiry;
     auto* watcher = new QDBusPendingCallWatcher(bus_.asyncCall(call), this);
     QObject::connect(watcher, &QDBusPendingCallWatcher::finished, this, [this](QDBusPendingCallWatcher* w) {
         const QDBusPendingReply<uint> reply = *w;
+        if (!reply.isError()) lastId_ = reply.value();
         if (reply.isError() && !failureLogged_) {
             failureLogged_ = true;
             Log::logf("Desktop notifications are not shown: %s", qUtf8Printable(reply.error().message()));

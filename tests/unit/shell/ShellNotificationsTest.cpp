@@ -25,7 +25,7 @@ TEST(ShellNotifications, EachSenderOutcomeNotifiesOnceWithTheReceiversName) {
     const Case cases[] = {
         {"delivered", 1, true, 0, true, nullptr, nullptr},
         {"delivery failed", 1, true, 0, false, "Could not reach Sharvane", "127.0.0.1:19314"},
-        {"launched", 0, true, 0, std::nullopt, "Starting Sharvane for Boardroom\u2026", "Boardroom"},
+        {"launched", 0, true, 0, std::nullopt, "Starting Sharvane\u2026", "Boardroom"},
         {"launcher failed", 0, true, 256, std::nullopt, "Sharvane could not be started", "Boardroom"},
         {"not installed", 0, false, 256, std::nullopt, "Sharvane is not installed", "Boardroom"},
     };
