@@ -179,7 +179,11 @@ void AppDelegate::StartScanBeacon() {
 }
 
 void AppDelegate::showCentralState(int state) {
-    if (toolTip_) toolTip_->setRadio(ReceiverToolTip::radioFor(state));
+    const ReceiverToolTip::Radio radio = ReceiverToolTip::radioFor(state);
+    if (toolTip_) toolTip_->setRadio(radio);
+    if (m_pStatusItem)
+        m_pStatusItem->setNeedsAttention(radio != ReceiverToolTip::Radio::On &&
+                                         radio != ReceiverToolTip::Radio::Checking);
 }
 
 void AppDelegate::StopScanBeacon() {

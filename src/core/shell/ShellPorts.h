@@ -62,6 +62,8 @@ public:
     virtual bool isMenuOpen() const = 0;
     // Plain text shown when the pointer rests on the icon.
     virtual void setToolTip(const QString& text) {}
+    // Bluetooth cannot be used (off, no adapter, no bluetoothd): hosts that can, draw attention.
+    virtual void setNeedsAttention(bool attention) {}
 };
 using StatusItemRef = std::shared_ptr<StatusItem>;
 

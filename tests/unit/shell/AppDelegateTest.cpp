@@ -94,22 +94,24 @@ TEST(AppDelegateLifecycle, ToolTipNamesTheRadioState) {
         std::vector<int> reports;
         bool receiver;
         QString expected;
+        bool attention;  // the item's status asks for it
     };
     const QString a = QStringLiteral("\nA \u2014 \u221250 dBm");  // its age is left out below
     const Case cases[] = {
-        {"off at launch", 4, {}, false, QStringLiteral("Lumerix\nBluetooth is off")},
-        {"no adapter", 2, {}, false, QStringLiteral("Lumerix\nNo Bluetooth adapter")},
+        {"off at launch", 4, {}, false, QStringLiteral("Lumerix\nBluetooth is off"), true},
+        {"no adapter", 2, {}, false, QStringLiteral("Lumerix\nNo Bluetooth adapter"), true},
         {"bluetoothd gone",
          5,
          {0},
          false,
-         QStringLiteral("Lumerix\nBluetooth service (bluetoothd) is not running")},
-        {"access denied", 3, {}, false, QStringLiteral("Lumerix\nBluetooth access denied")},
-        {"on, nothing heard", 5, {}, false, QStringLiteral("Lumerix\nSearching for receivers")},
-        {"not known yet", std::nullopt, {}, false, QStringLiteral("Lumerix\nChecking Bluetooth")},
-        {"off, then on", 4, {5}, false, QStringLiteral("Lumerix\nSearching for receivers")},
-        {"receivers while on", 5, {}, true, QStringLiteral("Lumerix") + a},
-        {"switched off with a receiver", 5, {4}, true, QStringLiteral("Lumerix\nBluetooth is off") + a},
+         QStringLiteral("Lumerix\nBluetooth service (bluetoothd) is not running"),
+         true},
+        {"access denied", 3, {}, false, QStringLiteral("Lumerix\nBluetooth access denied"), true},
+        {"on, nothing heard", 5, {}, false, QStringLiteral("Lumerix\nSearching for receivers"), false},
+        {"not known yet", std::nullopt, {}, false, QStringLiteral("Lumerix\nChecking Bluetooth"), false},
+        {"off, then on", 4, {5}, false, QStringLiteral("Lumerix\nSearching for receivers"), false},
+        {"receivers while on", 5, {}, true, QStringLiteral("Lumerix") + a, false},
+        {"switched off with a receiver", 5, {4}, true, QStringLiteral("Lumerix\nBluetooth is off") + a, true},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
@@ -124,6 +126,7 @@ TEST(AppDelegateLifecycle, ToolTipNamesTheRadioState) {
         QString shown = rig.statusBar->item->toolTips.back();
         shown.remove(QRegularExpression(QStringLiteral(", \\d+ s ago")));
         EXPECT_EQ(shown, c.expected);
+        EXPECT_EQ(rig.statusBar->item->attention, c.attention);
     }
 }
 

@@ -23,9 +23,11 @@ public:
     }
     bool isMenuOpen() const override { return menuOpen; }
     void setToolTip(const QString& text) override { toolTips.push_back(text); }
+    void setNeedsAttention(bool a) override { attention = a; }
 
     MenuActionTarget* target = nullptr;
     std::vector<QString> toolTips;
+    bool attention = false;
     StatusImageRef image;
     MenuRef menu;
     int menuAttachCount = 0;
