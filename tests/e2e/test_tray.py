@@ -387,7 +387,7 @@ class NoTrayHostTest(TrayCase):
                 shown = wait_for(self.desktop.notifications, 10, 'the missing-tray notification')
                 self.assertEqual(len(shown), 1, shown)
                 self.assertIn('lumerix --scan', shown[0][1])
-                self.assertIn('StatusNotifierItem', shown[0][1])
+                self.assertIn('AppIndicator', shown[0][1])
 
                 if late_watcher:
                     self.desktop.start_watcher()
