@@ -58,7 +58,9 @@ QString ReceiverToolTip::radioText(Radio radio) {
 
 QString ReceiverToolTip::text(const std::vector<Line>& lines, double nowMs, Radio radio) {
     QString out = QStringLiteral("Lumerix");
-    if (radio != Radio::On || lines.empty()) out += QLatin1Char('\n') + radioText(radio);
+    // Receivers heard mean the radio works, whatever state was last reported.
+    const bool radioWorks = radio == Radio::On || radio == Radio::Checking;
+    if (!radioWorks || lines.empty()) out += QLatin1Char('\n') + radioText(radio);
     const size_t shown = std::min(lines.size(), kMaxLines);
     for (size_t i = 0; i < shown; ++i) {
         const Line& line = lines[i];
