@@ -78,7 +78,7 @@ std::unique_ptr<SniItem> SniItem::takeOverQtItem(const QString& iconThemePath) {
         if (!bus.isConnected() || !bus.objectRegisteredAt(QLatin1String(kItemPath))) continue;
         std::unique_ptr<SniItem> item(
             new SniItem(bus, bus.objectRegisteredAt(QLatin1String(kMenuPath)), iconThemePath));
-        if (!item->install()) return nullptr;
+        if (!item->install(false)) return nullptr;
         return item;
     }
     return nullptr;
@@ -93,7 +93,7 @@ SniItem::SniItem(QDBusConnection bus, QObject* menu, QString iconThemePath)
                                                      QDBusServiceWatcher::WatchForRegistration);
     QObject::connect(watcher_.get(), &QDBusServiceWatcher::serviceRegistered, this, [this] {
         QMetaObject::invokeMethod(
-            this, [this] { install(); }, Qt::QueuedConnection);
+            this, [this] { install(true); }, Qt::QueuedConnection);
     });
 }
 
@@ -102,9 +102,11 @@ SniItem::~SniItem() {
         bus_.unregisterObject(QLatin1String(kItemPath));
 }
 
-bool SniItem::install() {
+bool SniItem::install(bool afterDrop) {
     const QString path = QLatin1String(kItemPath);
+    bool replaced = false;
     if (bus_.objectRegisteredAt(path) != this) {
+        replaced = true;
         bus_.unregisterObject(path);
         if (!bus_.registerObject(path, this)) {
             Log::logf("Tray: could not export the status item: %s",
@@ -114,6 +116,9 @@ bool SniItem::install() {
     }
     if (menu_ && !bus_.objectRegisteredAt(QLatin1String(kMenuPath)))
         bus_.registerObject(QLatin1String(kMenuPath), menu_.data());
+    // At the take-over Qt's own announcement is on its way; an item put back after Qt dropped it
+    // has to be announced again.
+    if (!afterDrop || !replaced) return true;
     QDBusMessage call =
         QDBusMessage::createMethodCall(QLatin1String(kWatcher), QStringLiteral("/StatusNotifierWatcher"),
                                        QLatin1String(kWatcher), QStringLiteral("RegisterStatusNotifierItem"));

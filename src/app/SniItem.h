@@ -64,7 +64,8 @@ Q_SIGNALS:
 
 private:
     SniItem(QDBusConnection bus, QObject* menu, QString iconThemePath);
-    bool install();
+    // Exports the item (and Qt's menu) where missing; afterDrop: announce an item put back.
+    bool install(bool afterDrop);
 
     QDBusConnection bus_;
     QPointer<QObject> menu_;  // Qt's D-Bus menu, put back if Qt drops it
