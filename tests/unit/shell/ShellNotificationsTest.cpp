@@ -82,8 +82,9 @@ TEST(ShellNotifications, AMissingTrayIsToldOnceAtLaunch) {
         ASSERT_EQ(rig.notifier->shown.size(), tray ? 0u : 1u);
         if (!tray) {
             const QString& body = rig.notifier->shown[0].body;
-            EXPECT_TRUE(body.contains(QStringLiteral("StatusNotifierItem")) &&
-                        body.contains(QStringLiteral("AppIndicator")));
+            EXPECT_TRUE(body.contains(QStringLiteral("AppIndicator")));
+            // Notification servers cut long summaries; the body carries the details.
+            EXPECT_LE(rig.notifier->shown[0].summary.size(), 40);
             EXPECT_TRUE(body.contains(QStringLiteral("lumerix --scan")));
         }
         // The item exists either way; it is shown once a tray host comes up.
