@@ -52,10 +52,11 @@ set(CPACK_PACKAGE_NAME lumerix)
 set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
 set(CPACK_PACKAGE_CONTACT "Lumerix developers <developers@lumerix.zemko.com>")
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "tray utility that connects the sender to a meeting-room receiver")
-# CPack puts the summary first and wraps the rest for the control file.
-set(CPACK_PACKAGE_DESCRIPTION "Lumerix lists the presentation receivers nearby (Bluetooth LE, through \
-BlueZ) in the system tray, strongest signal first, and hands the one you pick to the sender \
-application, which then shows your screen in that meeting room.
+# CPack puts the summary first and indents the rest for the control file; the lines are kept
+# within 80 columns here, as Debian asks.
+set(CPACK_PACKAGE_DESCRIPTION "Lumerix lists the presentation receivers nearby (Bluetooth LE, through
+BlueZ) in the system tray, strongest signal first, and hands the one you pick
+to the sender application, which then shows your screen in that meeting room.
 
 Started at login, it waits quietly in the tray until Bluetooth is on.")
 set(CPACK_DEBIAN_PACKAGE_DESCRIPTION "${CPACK_PACKAGE_DESCRIPTION}")
