@@ -76,7 +76,8 @@ TEST(ReceiverToolTip, PushesAtMostOnceASecondAndTicksOnlyWhileListed) {
     tip.setNeedsUpdate();
     time.advance(1000);
     ASSERT_EQ(pushes.size(), 6u);
-    EXPECT_TRUE(pushes.back().second.endsWith(QStringLiteral("Checking Bluetooth"))) << "no state reported yet";
+    EXPECT_TRUE(pushes.back().second.endsWith(QStringLiteral("Checking Bluetooth")))
+        << "no state reported yet";
     time.advance(10000);
     EXPECT_EQ(pushes.size(), 6u) << "no ticking with nothing listed";
 }
