@@ -72,6 +72,15 @@ class LoginTest(test_tray.TrayCase):
         self.desktop.bluez = None  # stopped above
         self.assertIsNone(self.program.poll())
 
+    def test_login_before_the_system_bus_is_up_keeps_the_tray(self):
+        self.start_desktop()
+        self.desktop.env['DBUS_SYSTEM_BUS_ADDRESS'] = 'unix:path=' + os.path.join(self.desktop.root, 'no-bus')
+        self.start_tray('--autostart')
+        wait_for(lambda: 'bluetoothd) is not running' in tooltip(self.desktop), 15, 'the tooltip naming the cause')
+        wait_for(lambda: 'trying again every 2 s' in self.desktop.program_log(), 10, 'the retry')
+        self.assertEqual(shown_windows(self.desktop.env['DISPLAY']), [])
+        self.assertIsNone(self.program.poll())
+
     def test_plain_launch_with_bluetooth_off_still_alerts_and_ends(self):
         self.start_desktop(powered=False)
         self.start_tray()
