@@ -46,6 +46,16 @@ install(FILES ${PROJECT_SOURCE_DIR}/packaging/com.zemko.Lumerix.search-provider.
         DESTINATION ${CMAKE_INSTALL_DATADIR}/gnome-shell/search-providers)
 install(FILES ${PROJECT_SOURCE_DIR}/packaging/lumerix-runner.desktop
         DESTINATION ${CMAKE_INSTALL_DATADIR}/krunner/dbusplugins RENAME com.zemko.Lumerix.desktop)
+# What software centres list, and what a distribution expects beside every package: the copyright
+# (machine-readable) and the changelog, gzipped, in the package's doc folder.
+install(FILES ${PROJECT_SOURCE_DIR}/packaging/com.zemko.Lumerix.metainfo.xml DESTINATION ${CMAKE_INSTALL_DATADIR}/metainfo)
+set(LUMERIX_CHANGELOG ${CMAKE_BINARY_DIR}/packaging/changelog.gz)
+add_custom_command(OUTPUT ${LUMERIX_CHANGELOG}
+  COMMAND sh -c "gzip -9n -c '${PROJECT_SOURCE_DIR}/packaging/changelog' > '${LUMERIX_CHANGELOG}'"
+  DEPENDS ${PROJECT_SOURCE_DIR}/packaging/changelog VERBATIM)
+add_custom_target(lumerix_changelog ALL DEPENDS ${LUMERIX_CHANGELOG})
+install(FILES ${PROJECT_SOURCE_DIR}/packaging/copyright ${LUMERIX_CHANGELOG}
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/lumerix)
 
 # Packaging needs the program, not the tests and benchmarks.
 set(CMAKE_SKIP_INSTALL_ALL_DEPENDENCY TRUE)
@@ -59,10 +69,16 @@ endif()
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME lumerix)
 set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
-set(CPACK_PACKAGE_CONTACT "Lumerix maintainers <lumerix@localhost>")
+set(CPACK_PACKAGE_CONTACT "Lumerix developers <developers@lumerix.zemko.com>")
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "tray utility that connects the sender to a meeting-room receiver")
-set(CPACK_PACKAGE_DESCRIPTION "Lists the presentation receivers nearby (Bluetooth LE, through BlueZ) in \
-the tray, strongest first, and hands the one you pick to the sender application.")
+# CPack puts the summary first and indents the rest for the control file; the lines are kept
+# within 80 columns here, as Debian asks.
+set(CPACK_PACKAGE_DESCRIPTION "Lumerix lists the presentation receivers nearby (Bluetooth LE, through
+BlueZ) in the system tray, strongest signal first, and hands the one you pick
+to the sender application, which then shows your screen in that meeting room.
+
+Started at login, it waits quietly in the tray until Bluetooth is on.")
+set(CPACK_DEBIAN_PACKAGE_DESCRIPTION "${CPACK_PACKAGE_DESCRIPTION}")
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_STRIP_FILES ON)
 set(CPACK_DEB_COMPONENT_INSTALL ON)

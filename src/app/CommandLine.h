@@ -19,6 +19,7 @@ struct CommandLine {
 
     Mode mode = Mode::Tray;
     bool demo = false;                         // --demo: simulated receivers
+    bool autostart = false;                    // --autostart: login mode, no alert
     bool json = false;                         // --json: machine-readable output
     double scanSeconds = kDefaultScanSeconds;  // --scan [SECONDS]
     QString identifier;                        // --gatt-read IDENTIFIER

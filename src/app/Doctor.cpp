@@ -23,6 +23,7 @@
 #include <cstring>
 
 #include "app/ReferenceTableLocation.h"
+#include "app/Translations.h"
 #include "app/TrayHost.h"
 #include "platform/bluez/ObjectManager.h"
 #include "platform/linux/DesktopEntry.h"
@@ -45,6 +46,13 @@ DoctorCheck passed(const QString& name, bool essential, const QString& detail) {
 
 DoctorCheck failed(const QString& name, bool essential, const QString& detail, const QString& remedy) {
     return {name, false, essential, detail, remedy};
+}
+
+// Not run because what it needs failed; the failed check is the one line that tells why.
+DoctorCheck skipped(const QString& name, const QString& needs) {
+    DoctorCheck check{name, false, true, QString(), needs};
+    check.skipped = true;
+    return check;
 }
 
 QString adapterName(const QString& path) { return path.section(QLatin1Char('/'), -1); }
@@ -193,68 +201,82 @@ QString pidList(const QList<int>& pids) {
 // ---- checks: what the findings mean ------------------------------------------------------------------
 
 QList<DoctorCheck> Doctor::bluetoothChecks(const BluetoothFindings& found) {
-    const QString bus = QStringLiteral("System bus");
+    const QString bus = QCoreApplication::translate("Doctor", "System bus");
     const QString daemon = QStringLiteral("bluetoothd");
-    const QString adapter = QStringLiteral("Bluetooth adapter");
-    const QString power = QStringLiteral("Adapter powered");
-    const QString filter = QStringLiteral("Discovery filter");
-    const QString unchecked = QStringLiteral("not checked");
+    const QString adapter = QCoreApplication::translate("Doctor", "Bluetooth adapter");
+    const QString power = QCoreApplication::translate("Doctor", "Adapter powered");
+    const QString filter = QCoreApplication::translate("Doctor", "Discovery filter");
 
     QList<DoctorCheck> checks;
     if (!found.busReachable) {
-        const QString why = found.busError.isEmpty() ? QStringLiteral("cannot connect") : found.busError;
-        checks << failed(bus, true, why, QStringLiteral("start the system bus: sudo systemctl start dbus"));
+        const QString why = found.busError.isEmpty() ? QCoreApplication::translate("Doctor", "cannot connect")
+                                                     : found.busError;
+        checks << failed(
+            bus, true, why,
+            QCoreApplication::translate("Doctor", "start the system bus: sudo systemctl start dbus"));
         for (const QString& name : {daemon, adapter, power, filter})
-            checks << failed(name, true, unchecked, QStringLiteral("needs the system bus"));
+            checks << skipped(name, QCoreApplication::translate("Doctor", "needs the system bus"));
         return checks;
     }
-    checks << passed(bus, true, QStringLiteral("reachable"));
+    checks << passed(bus, true, QCoreApplication::translate("Doctor", "reachable"));
     if (!found.bluetoothdRunning) {
-        checks << failed(daemon, true, QStringLiteral("org.bluez is not on the system bus"),
-                         QStringLiteral("install bluez and start it: sudo systemctl enable --now bluetooth"));
+        checks << failed(daemon, true,
+                         QCoreApplication::translate("Doctor", "org.bluez is not on the system bus"),
+                         QCoreApplication::translate(
+                             "Doctor", "install bluez and start it: sudo systemctl enable --now bluetooth"));
         for (const QString& name : {adapter, power, filter})
-            checks << failed(name, true, unchecked, QStringLiteral("needs bluetoothd"));
+            checks << skipped(name, QCoreApplication::translate("Doctor", "needs bluetoothd"));
         return checks;
     }
-    checks << passed(daemon, true, QStringLiteral("running"));
+    checks << passed(daemon, true, QCoreApplication::translate("Doctor", "running"));
 
     const QString path = bluez::defaultAdapterPath(found.adapters.keys());
     if (found.accessDenied) {
-        checks << failed(adapter, true, QStringLiteral("bluetoothd refused to answer: ") + found.error,
-                         QStringLiteral("allow this user to use Bluetooth (the bluetooth group or the D-Bus "
+        checks << failed(
+            adapter, true,
+            QCoreApplication::translate("Doctor", "bluetoothd refused to answer: ") + found.error,
+            QCoreApplication::translate("Doctor",
+                                        "allow this user to use Bluetooth (the bluetooth group or the D-Bus "
                                         "policy of org.bluez)"));
     } else if (!found.error.isEmpty()) {
-        checks << failed(adapter, true, QStringLiteral("bluetoothd did not answer: ") + found.error,
-                         QStringLiteral("restart it: sudo systemctl restart bluetooth"));
+        checks << failed(
+            adapter, true, QCoreApplication::translate("Doctor", "bluetoothd did not answer: ") + found.error,
+            QCoreApplication::translate("Doctor", "restart it: sudo systemctl restart bluetooth"));
     } else if (path.isEmpty()) {
         checks << failed(
-            adapter, true, QStringLiteral("none"),
-            QStringLiteral("plug in a Bluetooth adapter, or check that its driver is loaded (dmesg)"));
+            adapter, true, QCoreApplication::translate("Doctor", "none"),
+            QCoreApplication::translate(
+                "Doctor", "plug in a Bluetooth adapter, or check that its driver is loaded (dmesg)"));
     } else {
         checks << passed(adapter, true, adapterName(path));
     }
     if (path.isEmpty()) {
         for (const QString& name : {power, filter})
-            checks << failed(name, true, unchecked, QStringLiteral("needs an adapter"));
+            checks << skipped(name, QCoreApplication::translate("Doctor", "needs an adapter"));
         return checks;
     }
 
     const std::optional<bool> powered = found.adapters.value(path);
     if (powered.value_or(false)) {
-        checks << passed(power, true, QStringLiteral("%1 is on").arg(adapterName(path)));
+        checks << passed(power, true,
+                         QCoreApplication::translate("Doctor", "%1 is on").arg(adapterName(path)));
     } else {
-        checks << failed(power, true,
-                         powered ? QStringLiteral("%1 is off").arg(adapterName(path))
-                                 : QStringLiteral("%1 does not say").arg(adapterName(path)),
-                         QStringLiteral("turn Bluetooth on: bluetoothctl power on"));
+        checks << failed(
+            power, true,
+            powered ? QCoreApplication::translate("Doctor", "%1 is off").arg(adapterName(path))
+                    : QCoreApplication::translate("Doctor", "%1 does not say").arg(adapterName(path)),
+            QCoreApplication::translate("Doctor", "turn Bluetooth on: bluetoothctl power on"));
     }
     if (!found.filterError) {
-        checks << failed(filter, true, unchecked, QStringLiteral("needs the adapter on"));
+        checks << skipped(filter, QCoreApplication::translate("Doctor", "needs the adapter on"));
     } else if (found.filterError->isEmpty()) {
-        checks << passed(filter, true, QStringLiteral("Transport le with DuplicateData accepted"));
+        checks << passed(filter, true,
+                         QCoreApplication::translate("Doctor", "Transport le with DuplicateData accepted"));
     } else {
-        checks << failed(filter, true, QStringLiteral("refused: ") + *found.filterError,
-                         QStringLiteral("update BlueZ (5.50 or later) and make sure no other program holds a "
+        checks << failed(
+            filter, true, QCoreApplication::translate("Doctor", "refused: ") + *found.filterError,
+            QCoreApplication::translate("Doctor",
+                                        "update BlueZ (5.50 or later) and make sure no other program holds a "
                                         "different filter"));
     }
     return checks;
@@ -279,120 +301,154 @@ DoctorCheck Doctor::rfkillCheck(const QString& sysfsRoot) {
     }
     if (!hard.isEmpty()) {
         return failed(
-            name, true, QStringLiteral("hard-blocked: ") + hard.join(QStringLiteral(", ")),
-            QStringLiteral("turn on the wireless switch or key of this computer (or its firmware setting)"));
+            name, true,
+            QCoreApplication::translate("Doctor", "hard-blocked: ") + hard.join(QStringLiteral(", ")),
+            QCoreApplication::translate(
+                "Doctor", "turn on the wireless switch or key of this computer (or its firmware setting)"));
     }
     if (!soft.isEmpty()) {
-        return failed(name, true, QStringLiteral("soft-blocked: ") + soft.join(QStringLiteral(", ")),
-                      QStringLiteral("rfkill unblock bluetooth"));
+        return failed(
+            name, true,
+            QCoreApplication::translate("Doctor", "soft-blocked: ") + soft.join(QStringLiteral(", ")),
+            QCoreApplication::translate("Doctor", "rfkill unblock bluetooth"));
     }
-    return passed(
-        name, true,
-        switches == 0 ? QStringLiteral("no Bluetooth switch") : QStringLiteral("Bluetooth not blocked"));
+    return passed(name, true,
+                  switches == 0 ? QCoreApplication::translate("Doctor", "no Bluetooth switch")
+                                : QCoreApplication::translate("Doctor", "Bluetooth not blocked"));
 }
 
 DoctorCheck Doctor::trayHostCheck(bool sniWatcher, std::optional<bool> xembedTray) {
-    const QString name = QStringLiteral("Tray host");
-    if (sniWatcher) return passed(name, false, QStringLiteral("StatusNotifierWatcher on the session bus"));
-    if (xembedTray.value_or(false)) return passed(name, false, QStringLiteral("X11 system tray"));
-    return failed(
-        name, false, QStringLiteral("no StatusNotifierWatcher and no X11 system tray"),
-        QStringLiteral("enable a tray (on GNOME the AppIndicator extension); lumerix --scan works without "
-                       "one"));
+    const QString name = QCoreApplication::translate("Doctor", "Tray host");
+    if (sniWatcher)
+        return passed(name, false,
+                      QCoreApplication::translate("Doctor", "StatusNotifierWatcher on the session bus"));
+    if (xembedTray.value_or(false))
+        return passed(name, false, QCoreApplication::translate("Doctor", "X11 system tray"));
+    return failed(name, false,
+                  QCoreApplication::translate("Doctor", "no StatusNotifierWatcher and no X11 system tray"),
+                  QCoreApplication::translate(
+                      "Doctor",
+                      "enable a tray (on GNOME the AppIndicator extension); lumerix --scan works without "
+                      "one"));
 }
 
 DoctorCheck Doctor::notificationCheck(bool available) {
-    const QString name = QStringLiteral("Notification server");
-    if (available) return passed(name, false, QStringLiteral("org.freedesktop.Notifications"));
-    return failed(name, false, QStringLiteral("none on the session bus"),
-                  QStringLiteral("install or start one (the desktop's own, or dunst or mako)"));
+    const QString name = QCoreApplication::translate("Doctor", "Notification server");
+    if (available)
+        return passed(name, false, QCoreApplication::translate("Doctor", "org.freedesktop.Notifications"));
+    return failed(
+        name, false, QCoreApplication::translate("Doctor", "none on the session bus"),
+        QCoreApplication::translate("Doctor", "install or start one (the desktop's own, or dunst or mako)"));
 }
 
 DoctorCheck Doctor::senderCheck(const QString& desktopEntry, const QList<int>& senderPids) {
-    const QString name = QStringLiteral("Sender application");
-    const QString running = senderPids.isEmpty()
-                                ? QStringLiteral("not running")
-                                : QStringLiteral("running (pid %1)").arg(pidList(senderPids));
+    const QString name = QCoreApplication::translate("Doctor", "Sender application");
+    const QString running =
+        senderPids.isEmpty()
+            ? QCoreApplication::translate("Doctor", "not running")
+            : QCoreApplication::translate("Doctor", "running (pid %1)").arg(pidList(senderPids));
     if (!desktopEntry.isEmpty()) {
         return passed(
             name, false,
-            QStringLiteral("installed, ") + running +
-                (senderPids.isEmpty() ? QStringLiteral(": Lumerix starts it when you pick a receiver")
-                                      : QString()));
+            QCoreApplication::translate("Doctor", "installed, ") + running +
+                (senderPids.isEmpty()
+                     ? QCoreApplication::translate("Doctor", ": Lumerix starts it when you pick a receiver")
+                     : QString()));
     }
     return failed(name, false,
-                  QStringLiteral("no %1 in the applications folders, %2")
+                  QCoreApplication::translate("Doctor", "no %1 in the applications folders, %2")
                       .arg(QLatin1String(kSenderDesktopEntry), running),
-                  QStringLiteral("install the sender application (Sharvane)"));
+                  QCoreApplication::translate("Doctor", "install the sender application (Sharvane)"));
 }
 
 DoctorCheck Doctor::portCheck(quint16 port, PortState state, const QString& problem,
                               const QList<int>& otherLumerixPids) {
-    const QString name = QStringLiteral("Port 127.0.0.1:%1").arg(port);
+    const QString name = QCoreApplication::translate("Doctor", "Port 127.0.0.1:%1").arg(port);
     switch (state) {
         case PortState::Free:
-            return passed(name, true, QStringLiteral("free"));
+            return passed(name, true, QCoreApplication::translate("Doctor", "free"));
         case PortState::InUse:
             if (!otherLumerixPids.isEmpty())
-                return passed(
-                    name, true,
-                    QStringLiteral("held by the running Lumerix (pid %1)").arg(pidList(otherLumerixPids)));
-            return failed(name, true, QStringLiteral("held by another program"),
-                          QStringLiteral("find it with: ss -ltnp 'sport = :%1'").arg(port));
+                return passed(name, true,
+                              QCoreApplication::translate("Doctor", "held by the running Lumerix (pid %1)")
+                                  .arg(pidList(otherLumerixPids)));
+            return failed(
+                name, true, QCoreApplication::translate("Doctor", "held by another program"),
+                QCoreApplication::translate("Doctor", "find it with: ss -ltnp 'sport = :%1'").arg(port));
         case PortState::Unusable:
             break;
     }
-    return failed(name, true, QStringLiteral("cannot be opened: ") + problem,
-                  QStringLiteral("check that the loopback interface is up"));
+    return failed(name, true, QCoreApplication::translate("Doctor", "cannot be opened: ") + problem,
+                  QCoreApplication::translate("Doctor", "check that the loopback interface is up"));
 }
 
 DoctorCheck Doctor::referenceTableCheck(const QString& savedTable, const QString& defaultTable) {
-    const QString name = QStringLiteral("Reference table");
+    const QString name = QCoreApplication::translate("Doctor", "Saved receivers");
     if (QFileInfo::exists(savedTable)) {
         const auto saved = ReferenceTable::arrayWithContentsOfFile(savedTable);
         if (saved)
             return passed(name, false,
-                          QStringLiteral("%1 saved receiver(s) in %2").arg(saved->size()).arg(savedTable));
+                          QCoreApplication::translate("Doctor", "%1 saved receiver(s) in %2")
+                              .arg(saved->size())
+                              .arg(savedTable));
         return failed(
             name, false,
-            savedTable + QStringLiteral(" is not a readable list (Lumerix keeps it aside and starts empty)"),
-            QStringLiteral("repair it (plistutil -i) or remove it"));
+            savedTable + QCoreApplication::translate(
+                             "Doctor", " is not a readable list (Lumerix keeps it aside and starts empty)"),
+            QCoreApplication::translate("Doctor", "repair it (plistutil -i) or remove it"));
     }
     if (!QFileInfo::exists(defaultTable))
         return passed(name, false,
-                      QStringLiteral("none saved yet; the first start begins with an empty list"));
+                      QCoreApplication::translate(
+                          "Doctor", "none saved yet; the first start begins with an empty list"));
     const auto seed = ReferenceTable::arrayWithContentsOfFile(defaultTable);
     if (seed && seed->isEmpty())
         return passed(name, false,
-                      QStringLiteral("none saved yet; the first start begins with an empty list"));
+                      QCoreApplication::translate(
+                          "Doctor", "none saved yet; the first start begins with an empty list"));
     if (seed) {
         return passed(name, false,
-                      QStringLiteral("none saved yet; the first start takes %1 receiver(s) from %2")
+                      QCoreApplication::translate(
+                          "Doctor", "none saved yet; the first start takes %1 receiver(s) from %2")
                           .arg(seed->size())
                           .arg(defaultTable));
     }
-    return failed(name, false, defaultTable + QStringLiteral(" is not a readable list"),
-                  QStringLiteral("repair the default list (plistutil -i) or remove it"));
+    return failed(
+        name, false, defaultTable + QCoreApplication::translate("Doctor", " is not a readable list"),
+        QCoreApplication::translate("Doctor", "repair the default list (plistutil -i) or remove it"));
 }
 
 int Doctor::exitCode(const QList<DoctorCheck>& checks) {
     for (const DoctorCheck& c : checks) {
-        if (c.essential && !c.ok) return 1;
+        if (c.essential && !c.ok && !c.skipped) return 1;
     }
     return 0;
 }
 
 QString Doctor::text(const QList<DoctorCheck>& checks) {
     QString out;
-    for (const DoctorCheck& c : checks) {
-        out +=
-            (c.ok ? QStringLiteral("✓ ") : QStringLiteral("✗ ")) + c.name + QStringLiteral(": ") + c.detail;
-        if (!c.ok) out += QStringLiteral(" — ") + c.remedy;
+    for (qsizetype i = 0; i < checks.size(); ++i) {
+        const DoctorCheck& c = checks.at(i);
+        if (c.skipped) {
+            // A run of checks skipped for the same reason is one line.
+            QStringList names{c.name};
+            while (i + 1 < checks.size() && checks.at(i + 1).skipped && checks.at(i + 1).remedy == c.remedy)
+                names << checks.at(++i).name;
+            out += QStringLiteral("- ") + QCoreApplication::translate("Doctor", "Skipped (%1): %2")
+                                              .arg(c.remedy, names.join(QStringLiteral(", ")));
+        } else {
+            const QString mark = c.ok          ? QStringLiteral("✓ ")
+                                 : c.essential ? QStringLiteral("✗ ")
+                                               : QStringLiteral("! ");
+            out += mark + c.name + QStringLiteral(": ") + c.detail;
+            if (!c.ok) out += QStringLiteral(" — ") + c.remedy;
+        }
         out += QLatin1Char('\n');
     }
-    out += exitCode(checks) == 0
-               ? QStringLiteral("The tray can work.\n")
-               : QStringLiteral("The tray cannot work until the essential checks marked ✗ pass.\n");
+    out += exitCode(checks) == 0 ? QCoreApplication::translate("Doctor", "The tray can work.")
+                                 : QCoreApplication::translate(
+                                       "Doctor", "The tray cannot work until the checks marked ✗ pass.");
+    out += QLatin1Char('\n');
     return out;
 }
 
@@ -404,7 +460,12 @@ QString Doctor::json(const QList<DoctorCheck>& checks) {
         o.insert(QStringLiteral("ok"), c.ok);
         o.insert(QStringLiteral("essential"), c.essential);
         o.insert(QStringLiteral("detail"), c.detail);
-        if (!c.ok) o.insert(QStringLiteral("remedy"), c.remedy);
+        if (c.skipped) {
+            o.insert(QStringLiteral("skipped"), true);
+            o.insert(QStringLiteral("needs"), c.remedy);
+        } else if (!c.ok) {
+            o.insert(QStringLiteral("remedy"), c.remedy);
+        }
         array.append(o);
     }
     QJsonObject root;
@@ -415,6 +476,7 @@ QString Doctor::json(const QList<DoctorCheck>& checks) {
 
 int runDoctorMode(int argc, char** argv, bool json) {
     QCoreApplication app(argc, argv);
+    installTranslations();
     QList<DoctorCheck> checks = Doctor::bluetoothChecks(probeBluetooth());
     // rfkill goes right after the power check, the filter after it.
     const QString sysfs = qEnvironmentVariableIsEmpty("LUMERIX_SYSFS")

@@ -1,9 +1,10 @@
 #pragma once
-// `lumerix --doctor`: what the tray relies on, one check per line, each passed or failed with what
-// to do about it. Each check is a small function of what was found, so tests feed it findings;
-// probes that look at the system (D-Bus, sysfs, sockets, /proc) are separate. The doctor only
-// reads: it never powers an adapter or starts discovery, and the discovery filter it tries is reset
-// at once.
+// `lumerix --doctor`: what the tray relies on, one check per line: passed (✓), failed (✗, with
+// what to do), advice (!, a desktop part that is missing but not needed), or skipped (-, because a
+// check it depends on failed; one line names the cause and lists them). Each check is a small function of
+// what was found, so tests feed it findings; probes that look at the system (D-Bus, sysfs, sockets, /proc)
+// are separate. The doctor only reads: it never powers an adapter or starts discovery, and the discovery
+// filter it tries is reset at once.
 //
 // Essential (the tray cannot work without them, exit 1): the system bus, bluetoothd, an adapter,
 // its power, no rfkill block, the discovery filter, the sender port. Advisory: a tray host (Lumerix
@@ -20,8 +21,9 @@ struct DoctorCheck {
     QString name;
     bool ok = false;
     bool essential = false;
-    QString detail;  // what was found
-    QString remedy;  // what to do, when not ok
+    QString detail;        // what was found
+    QString remedy;        // what to do, when not ok; for a skipped check, what it needs
+    bool skipped = false;  // not run: a check it depends on failed (ok is false)
 };
 
 // What the system bus and bluetoothd said.

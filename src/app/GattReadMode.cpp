@@ -4,6 +4,7 @@
 #include <cstdio>
 
 #include "app/HeadlessSession.h"
+#include "app/Translations.h"
 #include "log/Log.h"
 #include "platform/linux/SyslogSink.h"
 #include "receiver/BoundedText.h"
@@ -70,6 +71,7 @@ private:
 
 int runGattReadMode(int argc, char** argv, const CommandLine& options) {
     QCoreApplication app(argc, argv);
+    installTranslations();
     installSystemLogSink();
     GattReadSession session(options);
     return session.exec(options.timeoutSeconds.value_or(kDefaultTimeoutSeconds) * 1000.0);

@@ -7,6 +7,7 @@
 
 #include "app/ProductionEnvironment.h"
 #include "log/Log.h"
+#include "shell/ReceiverToolTip.h"
 
 namespace lumerix {
 namespace {
@@ -37,22 +38,7 @@ HeadlessSession::~HeadlessSession() {
 }
 
 QString HeadlessSession::stateText(int state) {
-    switch (state) {
-        case 0:
-            return QStringLiteral("state 0, unknown: bluetoothd is not running or cannot be reached");
-        case 1:
-            return QStringLiteral("state 1, resetting");
-        case 2:
-            return QStringLiteral("state 2, unsupported: no Bluetooth adapter");
-        case 3:
-            return QStringLiteral("state 3, unauthorized: access to bluetoothd was denied");
-        case 4:
-            return QStringLiteral("state 4, powered off");
-        case 5:
-            return QStringLiteral("state 5, powered on");
-        default:
-            return QStringLiteral("state %1").arg(state);
-    }
+    return ReceiverToolTip::radioText(ReceiverToolTip::radioFor(state));
 }
 
 int HeadlessSession::exec(double durationMs) {
@@ -91,10 +77,16 @@ void HeadlessSession::tryStart() {
 }
 
 void HeadlessSession::bluetoothUnavailable(int state, bool wasScanning) {
-    const QString text = wasScanning
-                             ? QStringLiteral("lumerix: Bluetooth became unavailable during the scan: %1\n")
-                             : QStringLiteral("lumerix: Bluetooth is off or no adapter was found: %1\n");
-    std::fputs(text.arg(stateText(state)).toUtf8().constData(), stderr);
+    const QString text =
+        wasScanning ? QCoreApplication::translate("HeadlessSession", "Bluetooth stopped during the scan: %1.")
+                    : QCoreApplication::translate("HeadlessSession", "Cannot scan: %1.");
+    const QString hint =
+        QCoreApplication::translate("HeadlessSession", "Run \"lumerix --doctor\" to see why.");
+    std::fputs((QStringLiteral("lumerix: ") + text.arg(stateText(state)) + QLatin1Char('\n') + hint +
+                QLatin1Char('\n'))
+                   .toUtf8()
+                   .constData(),
+               stderr);
     finish(kExitBluetoothUnavailable);
 }
 

@@ -25,6 +25,7 @@ public:
     // Scans until finish() or until durationMs have passed (then deadlineReached() decides).
     int exec(double durationMs);
 
+    // What a central state means to the user ("Bluetooth is off").
     static QString stateText(int state);
 
 protected:

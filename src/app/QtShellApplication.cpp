@@ -55,7 +55,9 @@ int QtShellApplication::runModal(const Alert& alert) {
     box.setText(alert.messageText);
     box.setInformativeText(alert.informativeText);
     QList<QAbstractButton*> buttons;
-    const QStringList titles = alert.buttons.isEmpty() ? QStringList{QStringLiteral("OK")} : alert.buttons;
+    const QStringList titles = alert.buttons.isEmpty()
+                                   ? QStringList{QCoreApplication::translate("AppDelegate", "OK")}
+                                   : alert.buttons;
     for (const QString& title : titles) buttons.append(box.addButton(title, QMessageBox::AcceptRole));
     box.setDefaultButton(static_cast<QPushButton*>(buttons.first()));
     if (terminateRequested_) return -1;
@@ -73,10 +75,16 @@ void QtShellApplication::orderFrontStandardAboutPanel() {
     if (!about_) {
         const QString name = QCoreApplication::applicationName();
         about_ =
-            new QMessageBox(QMessageBox::NoIcon, QStringLiteral("About %1").arg(name),
-                            QStringLiteral("<b>%1</b><br>Version %2<br><br>Lists the presentation receivers "
-                                           "nearby and connects the sender to the one you choose.")
-                                .arg(name.toHtmlEscaped(), QCoreApplication::applicationVersion()),
+            new QMessageBox(QMessageBox::NoIcon, QCoreApplication::translate("About", "About %1").arg(name),
+                            QStringLiteral("<b>%1</b><br>").arg(name.toHtmlEscaped()) +
+                                QCoreApplication::translate("About", "Version %1")
+                                    .arg(QCoreApplication::applicationVersion())
+                                    .toHtmlEscaped() +
+                                QStringLiteral("<br><br>") +
+                                QCoreApplication::translate("About",
+                                                            "Lists the presentation receivers nearby and "
+                                                            "connects the sender to the one you choose.")
+                                    .toHtmlEscaped(),
                             QMessageBox::Ok);
         about_->setAttribute(Qt::WA_DeleteOnClose);
         about_->setTextFormat(Qt::RichText);

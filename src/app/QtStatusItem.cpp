@@ -6,6 +6,7 @@
 #include <QMenu>
 #include <QSystemTrayIcon>
 
+#include "app/SniItem.h"
 #include "app/TrayHost.h"
 #include "log/Log.h"
 
@@ -15,6 +16,15 @@ namespace {
 
 QString iconPath(const QString& dir, const QString& name) {
     return dir + QLatin1Char('/') + name + QStringLiteral(".svg");
+}
+
+// The design's image names as installed in the hicolor theme. Announced by name, a host draws
+// them in the panel's own colours; the files in the resources stand in when no theme has them.
+QString themeIconName(const QString& image) {
+    if (image == QLatin1String("Normal_Icon")) return QStringLiteral("com.zemko.Lumerix-symbolic");
+    if (image == QLatin1String("Normal_Disable_Icon"))
+        return QStringLiteral("com.zemko.Lumerix-disabled-symbolic");
+    return QString();
 }
 
 // '&' marks a mnemonic in a QAction's text; receiver names are shown as they are.
@@ -47,6 +57,7 @@ QtStatusItem::QtStatusItem(QString resourcesDir, bool inTray)
 }
 
 QtStatusItem::~QtStatusItem() {
+    sni_.reset();
     if (!tray_) return;
     tray_->hide();
     tray_->setContextMenu(nullptr);
@@ -61,13 +72,30 @@ void QtStatusItem::attachToTray() {
     // A left click opens the same menu, as a menu-bar item does.
     QObject::connect(tray_.get(), &QSystemTrayIcon::activated, menu_.get(),
                      [this](QSystemTrayIcon::ActivationReason reason) {
-                         if (reason == QSystemTrayIcon::Trigger && !menu_->isVisible())
+                         // A StatusNotifierItem host opens its own menu (ItemIsMenu) instead.
+                         if (reason == QSystemTrayIcon::Trigger && !sni_ && !menu_->isVisible())
                              menu_->popup(QCursor::pos());
                      });
     if (!shownIcon_.isNull()) {
         tray_->setIcon(shownIcon_);
-        tray_->show();
+        showInTray();
     }
+}
+
+void QtStatusItem::showInTray() {
+    tray_->show();
+    if (sni_) return;
+    const QString themes = QFileInfo(resourcesDir_ + QStringLiteral("/../icons")).absoluteFilePath();
+    sni_ = SniItem::takeOverQtItem(QFileInfo::exists(themes) ? themes : QString());
+    if (!sni_) return;
+    sni_->setIcon(shownIcon_);
+    sni_->setToolTip(toolTip_);
+    sni_->setNeedsAttention(needsAttention_);
+}
+
+void QtStatusItem::setNeedsAttention(bool attention) {
+    needsAttention_ = attention;
+    if (sni_) sni_->setNeedsAttention(attention);
 }
 
 void QtStatusItem::setImage(const StatusImageRef& image) {
@@ -82,21 +110,26 @@ void QtStatusItem::setImage(const StatusImageRef& image) {
     shownIcon_ = image ? iconFor(*image) : QIcon();
     if (!tray_) return;
     tray_->setIcon(shownIcon_);
+    if (sni_) sni_->setIcon(shownIcon_);
     // Shown with its first icon: an icon-less tray item would be an empty slot.
-    if (image && !tray_->isVisible()) tray_->show();
+    if (image && !tray_->isVisible()) showInTray();
 }
 
 void QtStatusItem::setToolTip(const QString& text) {
     if (text == toolTip_) return;
     toolTip_ = text;
     if (tray_) tray_->setToolTip(text);
+    if (sni_) sni_->setToolTip(text);
 }
 
 QIcon QtStatusItem::iconFor(const StatusImage& image) {
     const QString key = imageKey(image);
     auto cached = icons_.constFind(key);
     if (cached != icons_.constEnd()) return *cached;
-    QIcon icon(iconPath(resourcesDir_, image.name()));
+    const QString themed = themeIconName(image.name());
+    QIcon icon = !themed.isEmpty() && QIcon::hasThemeIcon(themed)
+                     ? QIcon::fromTheme(themed)
+                     : QIcon(iconPath(resourcesDir_, image.name()));
     if (icon.pixmap(22, 22).isNull()) {
         Log::logf("Tray icon %s could not be loaded from %s", image.name().toUtf8().constData(),
                   resourcesDir_.toUtf8().constData());

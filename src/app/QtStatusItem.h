@@ -18,6 +18,8 @@ class QSystemTrayIcon;
 
 namespace lumerix {
 
+class SniItem;
+
 class QtStatusItem final : public StatusItem, private TrayMenuView {
 public:
     // resourcesDir holds "<image name>.svg" for every image the shell names. Without inTray the
@@ -30,11 +32,14 @@ public:
     void setMenu(const MenuRef& menu) override;
     bool isMenuOpen() const override { return menuOpen_; }
     void setToolTip(const QString& text) override;
+    void setNeedsAttention(bool attention) override;
     // Makes the tray icon with the current menu, icon and tooltip; once only.
     void attachToTray();
 
     QMenu* menu() const { return menu_.get(); }
     QSystemTrayIcon* trayIcon() const { return tray_.get(); }  // null until attached
+    // The StatusNotifierItem hosts see; null on an X11 tray or before the icon is shown.
+    SniItem* statusNotifierItem() const { return sni_.get(); }
     // How many times the menu and the icon were actually changed (diagnostics, benchmarks).
     uint64_t menuUpdates() const { return menuUpdates_; }
     uint64_t iconUpdates() const { return iconUpdates_; }
@@ -44,11 +49,14 @@ private:
     void updateEntry(int index, const TrayEntry& entry) override;
     void removeEntry(int index) override;
     void activate(QObject* action);
+    void showInTray();
     QIcon iconFor(const StatusImage& image);
 
     QString resourcesDir_;
     std::unique_ptr<QMenu> menu_;
     std::unique_ptr<QSystemTrayIcon> tray_;
+    std::unique_ptr<SniItem> sni_;
+    bool needsAttention_ = false;
     TrayMenuPresenter presenter_;
     MenuActionTarget* target_ = nullptr;
     bool menuOpen_ = false;

@@ -17,7 +17,9 @@
 #include "app/CommandLine.h"
 #include "app/HeadlessSession.h"
 #include "app/ReceiverService.h"
+#include "app/Translations.h"
 #include "log/Log.h"
+#include "platform/linux/DesktopEntry.h"
 #include "platform/linux/GetPID.h"
 #include "platform/linux/LoopbackSockets.h"
 #include "platform/linux/SenderLauncher.h"
@@ -33,8 +35,33 @@ namespace {
 constexpr double kDefaultTimeoutSeconds = 5.0;
 constexpr int kSenderWaitMs = 30000;
 constexpr int kSlotPollMs = 50;
-constexpr int kExitNotFound = 3;
-constexpr int kExitSenderSilent = 1;
+// Exit status of --connect beyond 0 (handed over), 1 (other failures), 2 (no Bluetooth) and 64.
+constexpr int kExitNotFound = 3;       // no such receiver nearby
+constexpr int kExitSenderMissing = 4;  // the sender application is not installed
+constexpr int kExitSenderSilent = 5;   // the sender did not take the receiver
+
+// Neither installed (no desktop entry) nor running: nothing could take the receiver.
+bool senderMissing() {
+    if (!desktopEntryPath(QLatin1String(AppDelegate::kSenderBundleIdentifier)).isEmpty()) return false;
+    int32_t pids[1];
+    uint32_t count = 0;
+    GetAllPIDsForProcessName(AppDelegate::kSenderProcessName, 0, pids, 1, &count, nullptr);
+    return count == 0;
+}
+
+int reportSenderMissing() {
+    std::fputs(
+        (QStringLiteral("lumerix: ") +
+         QCoreApplication::translate("ReceiverCommands", "The sender application (%1) is not installed.")
+             .arg(QLatin1String(AppDelegate::kSenderDisplayName)) +
+         QLatin1Char('\n') +
+         QCoreApplication::translate("ReceiverCommands", "Run \"lumerix --doctor\" to see what is missing.") +
+         QLatin1Char('\n'))
+            .toUtf8()
+            .constData(),
+        stderr);
+    return kExitSenderMissing;
+}
 constexpr int kDBusTimeoutMs = 10000;
 
 void print(FILE* stream, const QString& text) {
@@ -90,9 +117,11 @@ std::unique_ptr<QDBusInterface> runningInstance() {
 int listThroughInstance(QDBusInterface& iface, const CommandLine& options) {
     const QDBusReply<QList<QVariantMap>> reply = iface.call(QStringLiteral("Receivers"));
     if (!reply.isValid()) {
-        print(
-            stderr,
-            QStringLiteral("lumerix: the running Lumerix did not answer: %1\n").arg(reply.error().message()));
+        print(stderr,
+              QStringLiteral("lumerix: ") +
+                  QCoreApplication::translate("ReceiverCommands", "The running Lumerix did not answer: %1")
+                      .arg(reply.error().message()) +
+                  QLatin1Char('\n'));
         return 1;
     }
     printReceivers(reply.value(), options.json);
@@ -113,11 +142,18 @@ int connectThroughInstance(QDBusInterface& iface, const CommandLine& options) {
         if (!reply.isValid()) error = reply.error().message();
     }
     if (!error.isEmpty()) {
-        print(stderr, QStringLiteral("lumerix: the running Lumerix did not answer: %1\n").arg(error));
+        print(stderr,
+              QStringLiteral("lumerix: ") +
+                  QCoreApplication::translate("ReceiverCommands", "The running Lumerix did not answer: %1")
+                      .arg(error) +
+                  QLatin1Char('\n'));
         return 1;
     }
     if (!found) {
-        print(stderr, QStringLiteral("lumerix: no receiver \"%1\" nearby\n").arg(options.receiver));
+        print(stderr, QStringLiteral("lumerix: ") +
+                          QCoreApplication::translate("ReceiverCommands", "No receiver \"%1\" nearby.")
+                              .arg(options.receiver) +
+                          QLatin1Char('\n'));
         return kExitNotFound;
     }
     return 0;
@@ -207,7 +243,10 @@ private:
         handler().scanForLumerixService(false);
         const QVLumerixItemRef chosen = choose();
         if (!chosen) {
-            print(stderr, QStringLiteral("lumerix: no receiver \"%1\" nearby\n").arg(options_.receiver));
+            print(stderr, QStringLiteral("lumerix: ") +
+                              QCoreApplication::translate("ReceiverCommands", "No receiver \"%1\" nearby.")
+                                  .arg(options_.receiver) +
+                              QLatin1Char('\n'));
             finish(kExitNotFound);
             return;
         }
@@ -238,36 +277,53 @@ private:
         const auto outcome = AppDelegate::ConnectReceiver(dict, launcher, &GetAllPIDsForProcessName,
                                                           peers.self, delivery, slot_);
         if (outcome == AppDelegate::ConnectOutcome::Sent && delivered == DeliveryOutcome::ForeignListener) {
-            print(stderr,
-                  QStringLiteral("lumerix: port %1 is held by another user's program; \"%2\" was not sent\n")
-                      .arg(QString::number(kSenderDataPort), name));
-            finish(1);
+            print(stderr, QStringLiteral("lumerix: ") +
+                              QCoreApplication::translate(
+                                  "ReceiverCommands",
+                                  "Port %1 is held by another user's program; \"%2\" was not sent.")
+                                  .arg(QString::number(kSenderDataPort), name) +
+                              QLatin1Char('\n'));
+            finish(kExitSenderSilent);
             return;
         }
         if (outcome == AppDelegate::ConnectOutcome::Sent && delivered != DeliveryOutcome::Delivered) {
-            print(stderr, QStringLiteral("lumerix: the sender did not take \"%1\" on port %2\n")
-                              .arg(name, QString::number(kSenderDataPort)));
-            finish(1);
+            print(stderr, QStringLiteral("lumerix: ") +
+                              QCoreApplication::translate("ReceiverCommands",
+                                                          "The sender did not take \"%1\" on port %2.")
+                                  .arg(name, QString::number(kSenderDataPort)) +
+                              QLatin1Char('\n'));
+            finish(kExitSenderSilent);
             return;
         }
         if (outcome == AppDelegate::ConnectOutcome::Sent) {
-            print(stdout, QStringLiteral("Sent \"%1\" to the sender\n").arg(name));
+            print(stdout,
+                  QCoreApplication::translate("ReceiverCommands", "Sent \"%1\" to the sender.").arg(name) +
+                      QLatin1Char('\n'));
             finish(0);
             return;
         }
         if (outcome == AppDelegate::ConnectOutcome::NotSent) {
-            print(stderr, QStringLiteral("lumerix: the details of \"%1\" do not fit a frame\n").arg(name));
+            print(stderr, QStringLiteral("lumerix: ") +
+                              QCoreApplication::translate("ReceiverCommands",
+                                                          "The details of \"%1\" do not fit a frame.")
+                                  .arg(name) +
+                              QLatin1Char('\n'));
             finish(1);
             return;
         }
         if (listener_->result() == std::optional<bool>(false)) {
-            print(
-                stderr,
-                QStringLiteral("lumerix: cannot listen for the sender on port %1\n").arg(kSenderCommandPort));
+            print(stderr, QStringLiteral("lumerix: ") +
+                              QCoreApplication::translate("ReceiverCommands",
+                                                          "Cannot listen for the sender on port %1.")
+                                  .arg(kSenderCommandPort) +
+                              QLatin1Char('\n'));
             finish(1);
             return;
         }
-        print(stdout, QStringLiteral("Launched the sender for \"%1\"; waiting for it to ask\n").arg(name));
+        print(stdout, QCoreApplication::translate("ReceiverCommands",
+                                                  "Launched the sender for \"%1\"; waiting for it to ask.")
+                              .arg(name) +
+                          QLatin1Char('\n'));
         waitingSinceMs_ = 0;
         auto* poll = new QTimer(QCoreApplication::instance());
         QObject::connect(poll, &QTimer::timeout, poll, [this, poll, name] {
@@ -275,13 +331,19 @@ private:
             if (!slot_.isPending()) {
                 poll->deleteLater();
                 listener_->stop();
-                print(stdout, QStringLiteral("The sender fetched \"%1\"\n").arg(name));
+                print(
+                    stdout,
+                    QCoreApplication::translate("ReceiverCommands", "The sender fetched \"%1\".").arg(name) +
+                        QLatin1Char('\n'));
                 finish(0);
             } else if (waitingSinceMs_ >= kSenderWaitMs) {
                 poll->deleteLater();
-                print(stderr, QStringLiteral("lumerix: the sender did not ask for \"%1\" within %2 s\n")
-                                  .arg(name)
-                                  .arg(kSenderWaitMs / 1000));
+                print(stderr, QStringLiteral("lumerix: ") +
+                                  QCoreApplication::translate(
+                                      "ReceiverCommands", "The sender did not ask for \"%1\" within %2 s.")
+                                      .arg(name)
+                                      .arg(kSenderWaitMs / 1000) +
+                                  QLatin1Char('\n'));
                 finish(kExitSenderSilent);
             }
         });
@@ -301,7 +363,9 @@ private:
 
 int runReceiverCommand(int argc, char** argv, const CommandLine& options) {
     QCoreApplication app(argc, argv);
+    installTranslations();
     installSystemLogSink();
+    if (options.mode == CommandLine::Mode::Connect && senderMissing()) return reportSenderMissing();
     if (auto iface = runningInstance()) {
         return options.mode == CommandLine::Mode::List ? listThroughInstance(*iface, options)
                                                        : connectThroughInstance(*iface, options);

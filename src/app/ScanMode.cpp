@@ -9,6 +9,7 @@
 #include <cstdio>
 
 #include "app/HeadlessSession.h"
+#include "app/Translations.h"
 #include "platform/linux/SyslogSink.h"
 
 namespace lumerix {
@@ -109,6 +110,7 @@ private:
 
 int runScanMode(int argc, char** argv, const CommandLine& options) {
     QCoreApplication app(argc, argv);
+    installTranslations();
     installSystemLogSink();
     QString error;
     const std::optional<ScanSource> source = ScanSource::fromCommandLine(options, &error);

@@ -2,6 +2,8 @@
 
 #include <QApplication>
 #include <QDBusConnection>
+#include <QFileInfo>
+#include <QIcon>
 #include <atomic>
 #include <csignal>
 #include <cstdio>
@@ -16,6 +18,7 @@
 #include "app/QtStatusItem.h"
 #include "app/ReceiverService.h"
 #include "app/ReferenceTableLocation.h"
+#include "app/Translations.h"
 #include "app/UnixSignalWatcher.h"
 #include "dispatch/QtQueues.h"
 #include "log/Log.h"
@@ -68,9 +71,15 @@ int runTrayApp(int argc, char** argv, const CommandLine& options) {
     std::signal(SIGPIPE, SIG_IGN);
 
     QApplication app(argc, argv);
+    installTranslations();
     QApplication::setApplicationName(QStringLiteral("Lumerix"));
     QApplication::setApplicationVersion(QStringLiteral(LUMERIX_VERSION));
-    QApplication::setDesktopFileName(QStringLiteral("lumerix"));
+    QApplication::setDesktopFileName(QStringLiteral("com.zemko.Lumerix"));
+    // Theme icons of a build tree or an unusual prefix: share/icons beside share/lumerix.
+    const QString iconDir =
+        QFileInfo(PathManager::GetResourcePath() + QStringLiteral("/../icons")).absoluteFilePath();
+    if (!QIcon::themeSearchPaths().contains(iconDir) && QFileInfo::exists(iconDir))
+        QIcon::setThemeSearchPaths(QIcon::themeSearchPaths() << iconDir);
     // The program lives in the tray: closing the About box or an alert must not end it.
     QApplication::setQuitOnLastWindowClosed(false);
     const bool demo = options.demo || !options.replayPath.isEmpty();
@@ -108,8 +117,9 @@ int runTrayApp(int argc, char** argv, const CommandLine& options) {
     // finishes once it has answered, and the shell reads that answer.
     auto powered = std::make_shared<std::atomic<bool>>(true);
     env.bluetoothPowered = [powered] { return powered->load(); };
+    env.quietLaunch = options.autostart;
     env.notifier = std::make_shared<DesktopNotifier>(QDBusConnection::sessionBus(), QStringLiteral("Lumerix"),
-                                                     QStringLiteral("lumerix"));
+                                                     QStringLiteral("com.zemko.Lumerix"));
     env.troubleshoot = [] { showDiagnostics(); };
     env.senderInstalled = [] {
         return !desktopEntryPath(QLatin1String(AppDelegate::kSenderBundleIdentifier)).isEmpty();

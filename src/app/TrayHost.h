@@ -4,9 +4,9 @@
 // go through D-Bus, so asking it before a StatusNotifierWatcher runs would keep the icon off that
 // watcher for good. A watcher counts once it says a host is registered, as Qt requires.
 #include <QObject>
-#include <optional>
 #include <functional>
 #include <memory>
+#include <optional>
 
 class QDBusServiceWatcher;
 

@@ -1,12 +1,15 @@
 // lumerix: the tray utility by default; the command line picks a headless mode instead.
+#include <QCoreApplication>
 #include <QStringList>
 #include <cstdio>
+#include <memory>
 
 #include "app/CommandLine.h"
 #include "app/Doctor.h"
 #include "app/GattReadMode.h"
 #include "app/ReceiverCommands.h"
 #include "app/ScanMode.h"
+#include "app/Translations.h"
 #include "app/TrayApp.h"
 
 namespace {
@@ -24,7 +27,15 @@ int main(int argc, char** argv) {
     // neither a display nor D-Bus.
     QStringList arguments;
     for (int i = 0; i < argc; ++i) arguments << QString::fromLocal8Bit(argv[i]);
-    const lumerix::CommandLineResult parsed = lumerix::parseCommandLine(arguments);
+    lumerix::CommandLineResult parsed = lumerix::parseCommandLine(arguments);
+    // Help and usage errors are read by people: in their language, which takes a (display-less)
+    // application object; parsed again so that the error is translated too.
+    std::unique_ptr<QCoreApplication> textOnly;
+    if (!parsed.ok() || parsed.options.mode == Mode::Help) {
+        textOnly = std::make_unique<QCoreApplication>(argc, argv);
+        lumerix::installTranslations();
+        parsed = lumerix::parseCommandLine(arguments);
+    }
     if (!parsed.ok()) {
         print(stderr,
               QStringLiteral("lumerix: ") + parsed.error + QStringLiteral("\n\n") + lumerix::usageText());

@@ -5,7 +5,7 @@ import unittest
 
 import lxharness
 
-USAGE = 'Usage: lumerix [--demo]'
+USAGE = 'Usage: lumerix [--autostart] [--demo]'
 
 
 def run_headless(*args, env_extra=None):
@@ -45,6 +45,26 @@ class CommandLineTest(unittest.TestCase):
                 else:
                     self.assertEqual(err, '')
                 self.assertNotIn('platform plugin', err)
+
+    def test_help_fits_80_columns_and_speaks_the_users_language(self):
+        # (environment, words of the help expected, of the usage error)
+        cases = [
+            ({'LANG': 'C.UTF-8'}, ['Usage: lumerix', 'Options:', 'Show this help.', '4 when --connect'],
+             'cannot be used together'),
+            ({'LANG': 'de_DE.UTF-8', 'LANGUAGE': 'de'},
+             ['Aufruf: lumerix', 'Optionen:', 'Diese Hilfe anzeigen.', '4, wenn --connect'], 'gehen nicht zusammen'),
+        ]
+        for env, words, usage_error in cases:
+            with self.subTest(env=env):
+                rc, out, err = run_headless('--help', env_extra=env)
+                self.assertEqual(rc, 0, err)
+                for word in words:
+                    self.assertIn(word, out)
+                too_wide = [line for line in out.splitlines() if len(line) > 80]
+                self.assertEqual(too_wide, [])
+                rc, _, err = run_headless('--scan', '--doctor', env_extra=env)
+                self.assertEqual(rc, 64)
+                self.assertIn(usage_error, err)
 
     def test_tray_without_a_display_says_so_in_one_line(self):
         rc, out, err = run_headless('--demo')

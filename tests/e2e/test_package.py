@@ -38,8 +38,12 @@ class PackageTest(unittest.TestCase):
         self.assertEqual(os.path.basename(self.deb), f'lumerix_{version}_{arch}.deb')
 
         files = {line.split()[-1].lstrip('.') for line in dpkg_deb('-c', self.deb).splitlines()}
-        for path in ('/usr/bin/lumerix', '/usr/share/applications/lumerix.desktop',
-                     '/usr/share/icons/hicolor/scalable/apps/lumerix.svg', '/usr/share/man/man1/lumerix.1.gz',
+        for path in ('/usr/bin/lumerix', '/usr/share/applications/com.zemko.Lumerix.desktop',
+                     '/usr/share/icons/hicolor/scalable/apps/com.zemko.Lumerix.svg',
+                     '/usr/share/icons/hicolor/scalable/status/com.zemko.Lumerix-symbolic.svg',
+                     '/usr/share/icons/hicolor/scalable/status/com.zemko.Lumerix-disabled-symbolic.svg',
+                     '/usr/share/metainfo/com.zemko.Lumerix.metainfo.xml', '/usr/share/man/man1/lumerix.1.gz',
+                     '/usr/share/doc/lumerix/copyright', '/usr/share/doc/lumerix/changelog.gz',
                      '/usr/share/lumerix/DefaultReferenceTable.plist', '/usr/share/lumerix/Normal_Icon.svg',
                      '/usr/share/lumerix/demo/DefaultReferenceTable.plist', '/etc/xdg/autostart/lumerix.desktop',
                      '/usr/share/dbus-1/services/com.zemko.Lumerix.service',
@@ -56,6 +60,7 @@ class PackageTest(unittest.TestCase):
         for script in ('preinst', 'postinst', 'prerm', 'postrm'):
             self.assertNotRegex(info, rf'\b{script}\b')
         self.assertEqual(dpkg_deb('-f', self.deb, 'Package').strip(), 'lumerix')
+        self.assertNotIn('localhost', dpkg_deb('-f', self.deb, 'Maintainer'))
         self.assertEqual(dpkg_deb('-I', self.deb, 'conffiles').split(), ['/etc/xdg/autostart/lumerix.desktop'])
         with gzip.open(os.path.join(self.tree, 'usr/share/man/man1/lumerix.1.gz'), 'rt', encoding='utf-8') as f:
             self.assertTrue(f.readline().startswith(f'.TH LUMERIX 1 "2026" "lumerix {version}"'))
@@ -64,7 +69,8 @@ class PackageTest(unittest.TestCase):
         with open(os.path.join(self.tree, 'etc/xdg/autostart/lumerix.desktop'), encoding='utf-8') as f:
             entry = f.read()
         self.assertIn('[Desktop Entry]', entry)
-        self.assertRegex(entry, r'(?m)^Exec=lumerix$')
+        self.assertRegex(entry, r'(?m)^Exec=lumerix --autostart$')
+        self.assertRegex(entry, r'(?m)^TryExec=lumerix$')
         self.assertRegex(entry, r'(?m)^Type=Application$')
 
     def test_a_search_starts_the_installed_tray(self):

@@ -155,13 +155,13 @@ class ScanListsReceivers(h.LumerixTestCase):
 class ScanWithoutBluetooth(h.LumerixTestCase):
 
     def test_exits_with_the_reason(self):
-        off = 'Bluetooth is off or no adapter was found: '
+        off = 'lumerix: Cannot scan: '
         cases = [  # bus policy, bluetoothd running, adapter (None: none, else powered), reason
-            ('', True, False, off + 'state 4, powered off'),
-            ('', True, None, off + 'state 2, unsupported: no Bluetooth adapter'),
-            ('', False, None, off + 'state 0, unknown: bluetoothd is not running'),
-            (h.DENY_BLUEZ, True, None, off + 'state 3, unauthorized'),
-            (h.DENY_BLUEZ_DISCOVERY, True, True, 'state 3, unauthorized'),
+            ('', True, False, off + 'Bluetooth is off.'),
+            ('', True, None, off + 'No Bluetooth adapter.'),
+            ('', False, None, off + 'Bluetooth service (bluetoothd) is not running.'),
+            (h.DENY_BLUEZ, True, None, off + 'Bluetooth access denied.'),
+            (h.DENY_BLUEZ_DISCOVERY, True, True, 'Bluetooth access denied.'),
         ]
         for policy, bluez, powered, reason in cases:
             with self.subTest(reason):
@@ -171,6 +171,10 @@ class ScanWithoutBluetooth(h.LumerixTestCase):
                 rc, out, err = self.run_lumerix('--scan', '5', '--json')
                 self.assertEqual((rc, out), (2, ''), err)
                 self.assertIn(reason, err)
+                # The cause in words, and where to look next; no internals (log lines aside).
+                self.assertIn('Run "lumerix --doctor" to see why.', err)
+                said = [line for line in err.splitlines() if line.startswith('lumerix: ')]
+                self.assertFalse(any('state ' in line for line in said), said)
 
     def test_power_lost_during_the_scan(self):
         self.bluez.add_adapter()
@@ -179,7 +183,7 @@ class ScanWithoutBluetooth(h.LumerixTestCase):
         self.bluez.set_powered(False)
         rc, out, err = run.wait(8)
         self.assertEqual((rc, out), (2, ''), err)
-        self.assertIn('Bluetooth became unavailable during the scan: state 4, powered off', err)
+        self.assertIn('Bluetooth stopped during the scan: Bluetooth is off.', err)
 
 
 if __name__ == '__main__':

@@ -125,6 +125,10 @@ class WithoutATray(ServiceCase):
     def test_standalone_connect_launches_the_sender_which_fetches_bravo(self):
         pid_file = os.path.join(self.desktop.root, 'launched.pid')
         self.addCleanup(self.stop_launched_sender, pid_file)
+        # Nothing to hand the receiver to: said at once, with its own status.
+        code, _, err = self.lumerix('--connect', 'Bravo', '--timeout', '1')
+        self.assertEqual(code, 4, err)
+        self.assertIn('not installed', err)
         applications = os.path.join(self.desktop.data_home, 'applications')
         os.makedirs(applications)
         with open(os.path.join(applications, 'com.Sharvane.Ondrel.desktop'), 'w', encoding='utf-8') as f:
@@ -144,7 +148,7 @@ class WithoutATray(ServiceCase):
 
         code, _, err = self.lumerix('--connect', 'Charlie', '--timeout', '2')
         self.assertEqual(code, 3, err)
-        self.assertIn('no receiver "Charlie"', err)
+        self.assertIn('No receiver "Charlie" nearby', err)
 
     def test_a_recorded_scan_replays_to_the_same_receivers(self):
         trace = os.path.join(self.desktop.root, 'trace.jsonl')

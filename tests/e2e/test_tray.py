@@ -266,7 +266,7 @@ class TrayTest(TrayCase):
         frames = wait_for(self.frames_received, 20, 'the launched sender to fetch its receiver')
         self.assertEqual(frames[0]['via'], 'fetch')
         self.assertEqual(frames[0]['fields'], ['10.0.0.6', 'Room B', '5607', 'Room B', ''], frames[0]['hex'])
-        self.assertEqual([summary for summary, _ in self.desktop.notifications()], ['Starting Sharvane for Room B\u2026'])
+        self.assertEqual([summary for summary, _ in self.desktop.notifications()], ['Starting Sharvane\u2026'])
 
     def test_sleep_stops_scanning_wake_restarts_it_and_sigterm_saves(self):
         lab = [{'Device': 'Lab', 'Note': 'kept as is'}]
@@ -331,7 +331,7 @@ class InstalledTrayTest(TrayCase):
                        check=True, stdout=subprocess.DEVNULL, timeout=60)
         for installed in ('share/lumerix/DefaultReferenceTable.plist',
                           'share/lumerix/demo/DefaultReferenceTable.plist', 'share/lumerix/Normal_Icon.svg',
-                          'share/lumerix/Normal_Disable_Icon.svg', 'share/applications/lumerix.desktop',
+                          'share/lumerix/Normal_Disable_Icon.svg', 'share/applications/com.zemko.Lumerix.desktop',
                           'share/man/man1/lumerix.1.gz'):
             self.assertTrue(os.path.exists(os.path.join(prefix, installed)), installed)
         # No made-up rooms for real users; the autostart entry is the package's alone.
@@ -387,7 +387,7 @@ class NoTrayHostTest(TrayCase):
                 shown = wait_for(self.desktop.notifications, 10, 'the missing-tray notification')
                 self.assertEqual(len(shown), 1, shown)
                 self.assertIn('lumerix --scan', shown[0][1])
-                self.assertIn('StatusNotifierItem', shown[0][1])
+                self.assertIn('AppIndicator', shown[0][1])
 
                 if late_watcher:
                     self.desktop.start_watcher()

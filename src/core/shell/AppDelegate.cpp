@@ -1,5 +1,6 @@
 #include "shell/AppDelegate.h"
 
+#include <QCoreApplication>
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
@@ -33,7 +34,7 @@ QString receiverLabel(const ConnectionInfo& info) {
     if (name != info.constEnd() && !name->isEmpty()) return *name;
     const auto ip = info.constFind(QStringLiteral("IP"));
     if (ip != info.constEnd() && !ip->isEmpty()) return *ip;
-    return QStringLiteral("the receiver");
+    return QCoreApplication::translate("AppDelegate", "the receiver");
 }
 
 // Items hand out copies of their own strings, so shared data settles most comparisons at once.
@@ -104,11 +105,16 @@ void AppDelegate::awakeFromNib() {
 void AppDelegate::applicationDidFinishLaunching() {
     if (env_.application) env_.application->hide();
 
-    if (!env_.bluetoothPowered()) {
+    if (!env_.bluetoothPowered() && env_.quietLaunch) {
+        // At login Bluetooth may come later (or the bus not be up yet): wait in the tray, whose
+        // tooltip says why nothing is listed.
+        Log::write(QStringLiteral("Bluetooth is not on at login: waiting for it in the tray"));
+    } else if (!env_.bluetoothPowered()) {
         Alert alert;
-        alert.messageText = QStringLiteral("Please turn on bluetooth");
-        alert.informativeText = QStringLiteral("This application needs bluetooth access authority");
-        alert.buttons = {QStringLiteral("OK")};
+        alert.messageText = QCoreApplication::translate("AppDelegate", "Please turn on bluetooth");
+        alert.informativeText =
+            QCoreApplication::translate("AppDelegate", "This application needs bluetooth access authority");
+        alert.buttons = {QCoreApplication::translate("AppDelegate", "OK")};
         alert.alertStyle = Alert::Warning;
         if (env_.application) {
             env_.application->runModal(alert);
@@ -119,12 +125,13 @@ void AppDelegate::applicationDidFinishLaunching() {
 
     LoadReferenceTable();
     InitStatusBar();
-    if (env_.statusBar && !env_.statusBar->isTrayAvailable()) {
-        notify(QStringLiteral("Lumerix has no tray icon on this desktop"),
-               QStringLiteral(
-                   "This desktop runs no system tray. Install one, such as the AppIndicator extension "
-                   "on GNOME or any StatusNotifierItem host, and the Lumerix icon appears at once. "
-                   "Meanwhile \"lumerix --scan\" lists the receivers nearby in a terminal."));
+    // At login the panel may start after us; the item appears when it does, without a bubble.
+    if (env_.statusBar && !env_.statusBar->isTrayAvailable() && !env_.quietLaunch) {
+        notify(QCoreApplication::translate("AppDelegate", "No tray on this desktop"),
+               QCoreApplication::translate(
+                   "AppDelegate",
+                   "Lumerix appears once a tray runs (on GNOME: the AppIndicator extension). Meanwhile "
+                   "\"lumerix --scan\" lists the receivers in a terminal."));
     }
     StartScanBeacon();
     UpdateMenuOfStatusBar();
@@ -168,6 +175,16 @@ void AppDelegate::StartScanBeacon() {
     }
     scanning_ = started;
     m_pLumerix->setDelegate(this);
+    // Reports made before the delegate was set are not repeated: read the state once.
+    if (const std::optional<int> state = m_pLumerix->centralState()) showCentralState(*state);
+}
+
+void AppDelegate::showCentralState(int state) {
+    const ReceiverToolTip::Radio radio = ReceiverToolTip::radioFor(state);
+    if (toolTip_) toolTip_->setRadio(radio);
+    if (m_pStatusItem)
+        m_pStatusItem->setNeedsAttention(radio != ReceiverToolTip::Radio::On &&
+                                         radio != ReceiverToolTip::Radio::Checking);
 }
 
 void AppDelegate::StopScanBeacon() {
@@ -195,6 +212,7 @@ void AppDelegate::lumerixStateDidChange(int state) {
 }
 
 void AppDelegate::centralStateChanged(int state) {
+    showCentralState(state);
     // Discovery ends with the power, the adapter or bluetoothd, and so does the handler's rescan
     // cycle: only a new start brings the receivers back.
     if (state != BleStatePoweredOn) {
@@ -349,8 +367,10 @@ std::vector<MenuItemRef> AppDelegate::makeFixedMenuItems() const {
         }
     }
     items.push_back(MenuItem::separatorItem());
-    items.push_back(MenuItem::initWithTitle(QStringLiteral("About"), MenuAction::ShowAbout, QString()));
-    items.push_back(MenuItem::initWithTitle(QStringLiteral("Exit"), MenuAction::QuitApp, QString()));
+    items.push_back(MenuItem::initWithTitle(QCoreApplication::translate("AppDelegate", "About"),
+                                            MenuAction::ShowAbout, QString()));
+    items.push_back(MenuItem::initWithTitle(QCoreApplication::translate("AppDelegate", "Exit"),
+                                            MenuAction::QuitApp, QString()));
     return items;
 }
 
@@ -545,7 +565,7 @@ void AppDelegate::DeviceConnectAction(const MenuItemRef& sender) {
 AppDelegate::ConnectOutcome AppDelegate::ConnectReceiver(const ReceiverDictionary& receiver) {
     QString label = receiver.value(kKeyDevice);
     if (label.isEmpty()) label = receiver.value(kKeyIP);
-    if (label.isEmpty()) label = QStringLiteral("the receiver");
+    if (label.isEmpty()) label = QCoreApplication::translate("AppDelegate", "the receiver");
     int launchStatus = 0;
     const ConnectOutcome outcome =
         ConnectReceiver(receiver, env_.launcher, env_.processLookup, env_.peers.self, env_.delivery,
@@ -645,16 +665,19 @@ void AppDelegate::reportLaunch(const QString& receiver, int launcherStatus,
                                const ReceiverDictionary& dictionary) {
     const QString sender = QLatin1String(kSenderDisplayName);
     if (!env_.senderInstalled()) {
-        notify(sender + QStringLiteral(" is not installed"),
-               QStringLiteral("Install %1 to share your screen with %2.").arg(sender, receiver));
+        notify(QCoreApplication::translate("AppDelegate", "%1 is not installed").arg(sender),
+               QCoreApplication::translate("AppDelegate", "Install %1 to share your screen with %2.")
+                   .arg(sender, receiver));
     } else if (launcherStatus != 0) {
         Log::logf("DeviceConnectAction: the launcher ended with status %d", launcherStatus);
-        notify(QStringLiteral("%1 could not be started").arg(sender),
-               QStringLiteral("Start %1 yourself, then choose %2 again.").arg(sender, receiver),
+        notify(QCoreApplication::translate("AppDelegate", "%1 could not be started").arg(sender),
+               QCoreApplication::translate("AppDelegate", "Start %1 yourself, then choose %2 again.")
+                   .arg(sender, receiver),
                failureActions(dictionary));
     } else {
-        notify(QStringLiteral("Starting %1 for %2").arg(sender, receiver) + QChar(0x2026),
-               QStringLiteral("%1 connects to %2 as soon as it is up.").arg(sender, receiver));
+        notify(QCoreApplication::translate("AppDelegate", "Starting %1").arg(sender) + QChar(0x2026),
+               QCoreApplication::translate("AppDelegate", "%1 connects to %2 as soon as it is up.")
+                   .arg(sender, receiver));
     }
 }
 
@@ -667,18 +690,20 @@ void AppDelegate::reportDeliveryFailure(const QString& receiver, DeliveryOutcome
             "were not sent",
             static_cast<unsigned>(kSenderDataPort));
         notify(
-            QStringLiteral("%1 port held by another user").arg(sender),
-            QStringLiteral("The program listening on 127.0.0.1:%1 is not your %2, so %3 and its login code "
-                           "were not sent. Quit the other program or ask an administrator, then start %2 "
-                           "and choose %3 again.")
+            QCoreApplication::translate("AppDelegate", "%1 port held by another user").arg(sender),
+            QCoreApplication::translate("AppDelegate",
+                                        "The program listening on 127.0.0.1:%1 is not your %2, so %3 and its "
+                                        "login code were not sent. Quit the other program or ask an "
+                                        "administrator, then start %2 and choose %3 again.")
                 .arg(QString::number(kSenderDataPort), sender, receiver));
         return;
     }
     Log::logf("DeviceConnectAction: %s did not take the connection details on port %u",
               qUtf8Printable(sender), static_cast<unsigned>(kSenderDataPort));
-    notify(QStringLiteral("Could not reach %1").arg(sender),
-           QStringLiteral("%1 did not take %2: nothing answered on 127.0.0.1:%3. Restart %1 and choose %2 "
-                          "again.")
+    notify(QCoreApplication::translate("AppDelegate", "Could not reach %1").arg(sender),
+           QCoreApplication::translate("AppDelegate",
+                                       "%1 did not take %2: nothing answered on 127.0.0.1:%3. Restart %1 and "
+                                       "choose %2 again.")
                .arg(sender, receiver, QString::number(kSenderDataPort)),
            failureActions(dictionary));
 }

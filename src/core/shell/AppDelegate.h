@@ -119,6 +119,7 @@ public:
 
 private:
     void centralStateChanged(int state);
+    void showCentralState(int state);
     std::vector<MenuItemRef> makeFixedMenuItems() const;
     static bool deliverFrame(const ConnectionInfo& info, const SenderDelivery& delivery, DeliveryDone done);
     // Tells the user, from the main queue, when a frame did not reach the sender or was withheld.

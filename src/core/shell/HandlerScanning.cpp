@@ -14,6 +14,10 @@ public:
     void setDelegate(LumerixHandler_Delegate* delegate) override { handler_->setDelegate(delegate); }
     LumerixHandler_Delegate* delegate() const override { return handler_->delegate(); }
     std::shared_ptr<QVLumerixHandler> handler() const override { return handler_; }
+    std::optional<int> centralState() const override {
+        if (BleCentral* central = handler_->cbCM()) return central->state();
+        return std::nullopt;
+    }
 
 private:
     std::shared_ptr<QVLumerixHandler> handler_;

@@ -1,6 +1,9 @@
 #include "shell/ReceiverToolTip.h"
 
+#include <QCoreApplication>
 #include <cmath>
+
+#include "ble/BleCentral.h"
 
 namespace lumerix {
 
@@ -17,9 +20,47 @@ QString signalText(double rssi) {
 
 }  // namespace
 
-QString ReceiverToolTip::text(const std::vector<Line>& lines, double nowMs) {
+ReceiverToolTip::Radio ReceiverToolTip::radioFor(int bleState) {
+    switch (bleState) {
+        case BleStatePoweredOn:
+            return Radio::On;
+        case BleStatePoweredOff:
+            return Radio::Off;
+        case BleStateUnsupported:
+            return Radio::NoAdapter;
+        case BleStateUnauthorized:
+            return Radio::Denied;
+        case BleStateUnknown:
+            return Radio::ServiceDown;
+        default:
+            return Radio::Checking;
+    }
+}
+
+QString ReceiverToolTip::radioText(Radio radio) {
+    switch (radio) {
+        case Radio::On:
+            return QCoreApplication::translate("ReceiverToolTip", "Searching for receivers");
+        case Radio::Off:
+            return QCoreApplication::translate("ReceiverToolTip", "Bluetooth is off");
+        case Radio::NoAdapter:
+            return QCoreApplication::translate("ReceiverToolTip", "No Bluetooth adapter");
+        case Radio::ServiceDown:
+            return QCoreApplication::translate("ReceiverToolTip",
+                                               "Bluetooth service (bluetoothd) is not running");
+        case Radio::Denied:
+            return QCoreApplication::translate("ReceiverToolTip", "Bluetooth access denied");
+        case Radio::Checking:
+            break;
+    }
+    return QCoreApplication::translate("ReceiverToolTip", "Checking Bluetooth");
+}
+
+QString ReceiverToolTip::text(const std::vector<Line>& lines, double nowMs, Radio radio) {
     QString out = QStringLiteral("Lumerix");
-    if (lines.empty()) return out + QStringLiteral("\nNo receivers nearby");
+    // Receivers heard mean the radio works, whatever state was last reported.
+    const bool radioWorks = radio == Radio::On || radio == Radio::Checking;
+    if (!radioWorks || lines.empty()) out += QLatin1Char('\n') + radioText(radio);
     const size_t shown = std::min(lines.size(), kMaxLines);
     for (size_t i = 0; i < shown; ++i) {
         const Line& line = lines[i];
@@ -27,10 +68,13 @@ QString ReceiverToolTip::text(const std::vector<Line>& lines, double nowMs) {
                signalText(line.rssi);
         if (line.lastHeardMs) {
             const double seconds = std::floor(std::max(0.0, nowMs - *line.lastHeardMs) / 1000.0);
-            out += QStringLiteral(", %1 s ago").arg(static_cast<qint64>(seconds));
+            out += QCoreApplication::translate("ReceiverToolTip", ", %1 s ago")
+                       .arg(static_cast<qint64>(seconds));
         }
     }
-    if (lines.size() > shown) out += QStringLiteral("\nand %1 more").arg(lines.size() - shown);
+    if (lines.size() > shown)
+        out += QLatin1Char('\n') +
+               QCoreApplication::translate("ReceiverToolTip", "and %1 more").arg(lines.size() - shown);
     return out;
 }
 
@@ -52,10 +96,16 @@ void ReceiverToolTip::setNeedsUpdate() {
     }
 }
 
+void ReceiverToolTip::setRadio(Radio radio) {
+    if (radio == radio_) return;
+    radio_ = radio;
+    setNeedsUpdate();
+}
+
 void ReceiverToolTip::refresh() {
     pending_.reset();
     const std::vector<Line> lines = source_();
-    const QString next = text(lines, queue_->clock().nowMs());
+    const QString next = text(lines, queue_->clock().nowMs(), radio_);
     if (!shown_ || *shown_ != next) {
         shown_ = next;
         lastPushMs_ = queue_->clock().monotonicMs();

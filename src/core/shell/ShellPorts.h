@@ -65,6 +65,8 @@ public:
     virtual bool isMenuOpen() const = 0;
     // Plain text shown when the pointer rests on the icon.
     virtual void setToolTip(const QString& text) {}
+    // Bluetooth cannot be used (off, no adapter, no bluetoothd): hosts that can, draw attention.
+    virtual void setNeedsAttention(bool attention) {}
 };
 using StatusItemRef = std::shared_ptr<StatusItem>;
 
@@ -154,6 +156,8 @@ public:
     virtual LumerixHandler_Delegate* delegate() const = 0;
     // The wrapped handler, when there is one (null in tests).
     virtual std::shared_ptr<QVLumerixHandler> handler() const { return nullptr; }
+    // The central's state (BleState) when the handler has a central; nullopt before.
+    virtual std::optional<int> centralState() const { return std::nullopt; }
 };
 // Makes a fresh handler (at awakening and on every wake).
 using LumerixScanningFactory = std::function<std::unique_ptr<LumerixScanning>()>;
@@ -199,6 +203,9 @@ struct ShellEnvironment {
     PeerCheck peers;
     SenderDelivery delivery;  // null: frames are dropped
     Sleeper sleeper;          // default: std::this_thread::sleep_for
+    // Login mode: Bluetooth off at launch raises no alert and does not end the program; the shell
+    // waits in the tray and starts scanning when the central reports power.
+    bool quietLaunch = false;
     // The command listener's port; nullopt leaves the listener off (tests), 0 picks a free port.
     std::optional<uint16_t> listenerPort = kSenderCommandPort;
     // Folder holding "DefaultReferenceTable.plist"; empty: no default receivers.

@@ -26,6 +26,9 @@ const QString kDevice = QString::fromLatin1(Device1::kInterface);
 const QString kGattService = QString::fromLatin1(GattService1::kInterface);
 const QString kGattCharacteristic = QString::fromLatin1(GattCharacteristic1::kInterface);
 
+// Without a system bus (not up yet at login, or lost), a new connection is tried this often.
+constexpr double kBusRetryMs = 2000.0;
+
 // A second service discovery within one connection is answered no sooner than this after the
 // previous answer, so a caller that repeats until a service shows up does not spin.
 constexpr double kRediscoveryIntervalMs = 200.0;
@@ -126,6 +129,7 @@ bool BluezEngine::drain() {
         matches_.clear();
         bus_.reset();
         bluezGone();
+        after(kBusRetryMs, [this] { reconnect(); });
         return false;
     }
     return r > 0;
@@ -186,14 +190,24 @@ void BluezEngine::start() {
     QString error;
     bus_ = sdbus::openSystemBus(&error);
     if (!bus_) {
-        Log::logf("BluezCentral: cannot reach the system bus: %s", utf8(error).constData());
+        if (!busMissingLogged_)
+            Log::logf("BluezCentral: cannot reach the system bus: %s; trying again every %.0f s",
+                      utf8(error).constData(), kBusRetryMs / 1000.0);
+        busMissingLogged_ = true;
         snapshotDone_ = true;
         recomputeState();
+        after(kBusRetryMs, [this] { reconnect(); });
         return;
     }
+    if (busMissingLogged_) Log::logf("BluezCentral: the system bus is reachable again");
+    busMissingLogged_ = false;
     // Subscribe before the snapshot so that nothing falls between the two.
     if (!subscribe()) Log::logf("BluezCentral: could not subscribe to every org.bluez signal");
     takeSnapshot();
+}
+
+void BluezEngine::reconnect() {
+    if (!bus_) start();
 }
 
 bool BluezEngine::subscribe() {

@@ -91,6 +91,7 @@ private:
     };
 
     void start();
+    void reconnect();  // start() again while there is no bus
     bool subscribe();
     // Processes what is waiting, at most kMaxMessagesPerDrain messages; true when more may be.
     bool drain();
@@ -141,6 +142,7 @@ private:
 
     quint64 snapshotGeneration_ = 0;
     bool snapshotDone_ = false;
+    bool busMissingLogged_ = false;  // the missing bus is logged once, not every retry
     bool bluezPresent_ = false;
     bool accessDenied_ = false;
     bool stateReported_ = false;

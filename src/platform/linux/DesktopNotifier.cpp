@@ -57,23 +57,29 @@ void DesktopNotifier::notify(const Notification& notification) {
         buttons = notification.actions;
         for (const NotificationAction& a : buttons) actions << a.key << a.label;
     }
-    call << appName_ << 0u << iconName_ << notification.summary << body << actions << QVariantMap()
+    // Each bubble replaces the previous one: repeated failures do not stack up on the screen.
+    call << appName_ << lastId_ << iconName_ << notification.summary << body << actions << QVariantMap()
          << kDefaultExpiry;
     auto* watcher = new QDBusPendingCallWatcher(bus_.asyncCall(call), this);
-    QObject::connect(watcher, &QDBusPendingCallWatcher::finished, this,
-                     [this, buttons = std::move(buttons)](QDBusPendingCallWatcher* w) mutable {
-                         const QDBusPendingReply<uint> reply = *w;
-                         if (!reply.isError() && !buttons.empty()) {
-                             if (buttons_.size() >= kKeptNotifications) buttons_.pop_front();
-                             buttons_.emplace_back(reply.value(), std::move(buttons));
-                         }
-                         if (reply.isError() && !failureLogged_) {
-                             failureLogged_ = true;
-                             Log::logf("Desktop notifications are not shown: %s",
-                                       qUtf8Printable(reply.error().message()));
-                         }
-                         w->deleteLater();
-                     });
+    QObject::connect(
+        watcher, &QDBusPendingCallWatcher::finished, this,
+        [this, buttons = std::move(buttons)](QDBusPendingCallWatcher* w) mutable {
+            const QDBusPendingReply<uint> reply = *w;
+            if (!reply.isError()) {
+                lastId_ = reply.value();
+                // A replaced bubble keeps its id: its old buttons go with it.
+                std::erase_if(buttons_, [id = lastId_](const auto& shown) { return shown.first == id; });
+            }
+            if (!reply.isError() && !buttons.empty()) {
+                if (buttons_.size() >= kKeptNotifications) buttons_.pop_front();
+                buttons_.emplace_back(reply.value(), std::move(buttons));
+            }
+            if (reply.isError() && !failureLogged_) {
+                failureLogged_ = true;
+                Log::logf("Desktop notifications are not shown: %s", qUtf8Printable(reply.error().message()));
+            }
+            w->deleteLater();
+        });
 }
 
 void DesktopNotifier::actionInvoked(uint id, const QString& key) {

@@ -4,7 +4,8 @@
 // Bodies are escaped only for servers that announce the "body-markup" capability; buttons are
 // sent only to servers that announce "actions", and a press (ActionInvoked) runs the button's
 // action on the main thread. Buttons are kept until their notification is closed, for at most
-// the last few notifications.
+// the last few notifications. A notification replaces the one shown before it (replaces_id), so
+// there is one Lumerix bubble at a time.
 #include <QDBusConnection>
 #include <QObject>
 #include <QString>
@@ -38,6 +39,7 @@ private:
     QString appName_;
     QString iconName_;
     bool failureLogged_ = false;
+    uint lastId_ = 0;       // the server's id of the last bubble; 0: none yet
     bool markup_ = false;   // until the server says otherwise, bodies go out as they are
     bool actions_ = false;  // likewise, no buttons
     // Buttons of the notifications shown, oldest first, by the server's notification id.

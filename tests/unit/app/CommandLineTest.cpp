@@ -107,12 +107,13 @@ TEST(CommandLineTest, RejectedLinesSayWhy) {
 
 TEST(CommandLineTest, HelpNamesEveryModeAndOption) {
     const QString help = helpText();
-    for (const char* word : {"lumerix [--demo]", "--scan [SECONDS] [--json] [--demo]",
+    for (const char* word : {"lumerix [--autostart] [--demo]", "--scan [SECONDS] [--json] [--demo]",
                              "--gatt-read IDENTIFIER [--timeout SECONDS] [--demo]", "--doctor [--json]",
                              "--help | --version", "-h, --help", "-v, --version", "--timeout SECONDS"}) {
         EXPECT_TRUE(help.contains(QString::fromUtf8(word))) << word;
     }
     EXPECT_TRUE(help.startsWith(usageText()));
+    for (const QString& line : help.split(u'\n')) EXPECT_LE(line.size(), 80) << line.toStdString();
     EXPECT_TRUE(versionText().startsWith(QStringLiteral("lumerix ")));
 }
 

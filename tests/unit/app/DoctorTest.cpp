@@ -7,6 +7,7 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <QRegularExpression>
 #include <QTemporaryDir>
 
 namespace lumerix {
@@ -51,11 +52,11 @@ TEST(DoctorTest, BluetoothChecksStopAtTheFirstMissingLayer) {
         BluetoothFindings found;
         const char* verdicts;
     } cases[] = {
-        {"no bus", noBus, "0 0 0 0 0"},
-        {"no bluetoothd", noDaemon, "1 0 0 0 0"},
-        {"access denied", denied, "1 1 0 0 0"},
-        {"no adapter", noAdapter, "1 1 0 0 0"},
-        {"default adapter off", defaultOff, "1 1 1 0 0"},
+        {"no bus", noBus, "0 - - - -"},
+        {"no bluetoothd", noDaemon, "1 0 - - -"},
+        {"access denied", denied, "1 1 0 - -"},
+        {"no adapter", noAdapter, "1 1 0 - -"},
+        {"default adapter off", defaultOff, "1 1 1 0 -"},
         {"filter refused", filterRefused, "1 1 1 1 0"},
         {"all well", well, "1 1 1 1 1"},
     };
@@ -64,13 +65,25 @@ TEST(DoctorTest, BluetoothChecksStopAtTheFirstMissingLayer) {
         const QList<DoctorCheck> checks = Doctor::bluetoothChecks(c.found);
         QStringList oks;
         for (const DoctorCheck& check : checks) {
-            oks << QString::number(check.ok);
+            oks << (check.skipped ? QStringLiteral("-") : QString::number(check.ok));
             EXPECT_TRUE(check.essential);
+            EXPECT_FALSE(check.ok && check.skipped);
             EXPECT_EQ(check.remedy.isEmpty(), check.ok) << check.name.toStdString();
         }
         EXPECT_EQ(oks.join(u' '), QLatin1String(c.verdicts));
         EXPECT_EQ(Doctor::exitCode(checks), QLatin1String(c.verdicts).contains(u'0') ? 1 : 0);
+        // One cause, one line: the failure, then the checks it kept from running on one line.
+        const QStringList lines = Doctor::text(checks).split(u'\n', Qt::SkipEmptyParts);
+        EXPECT_EQ(lines.filter(QRegularExpression(QStringLiteral("^✗ "))).size(),
+                  QLatin1String(c.verdicts).count(u'0'));
+        EXPECT_LE(lines.filter(QRegularExpression(QStringLiteral("^- Skipped"))).size(), 1);
     }
+    const QStringList noBusLines =
+        Doctor::text(Doctor::bluetoothChecks(noBus)).split(u'\n', Qt::SkipEmptyParts);
+    ASSERT_EQ(noBusLines.size(), 3);
+    EXPECT_EQ(noBusLines.at(1),
+              QStringLiteral("- Skipped (needs the system bus): bluetoothd, Bluetooth adapter, "
+                             "Adapter powered, Discovery filter"));
     EXPECT_TRUE(Doctor::bluetoothChecks(defaultOff).at(3).detail.contains(QLatin1String("hci0 is off")));
 }
 
@@ -157,7 +170,7 @@ TEST(DoctorTest, AdvisoryFailuresShowTheirRemedyButKeepExitZero) {
     EXPECT_EQ(Doctor::exitCode(checks), 0);
     const QStringList lines = Doctor::text(checks).split(u'\n', Qt::SkipEmptyParts);
     EXPECT_EQ(lines.at(0), QStringLiteral("✓ Port 127.0.0.1:19319: held by the running Lumerix (pid 4242)"));
-    EXPECT_TRUE(lines.at(1).startsWith(QStringLiteral("✗ Tray host: ")));
+    EXPECT_TRUE(lines.at(1).startsWith(QStringLiteral("! Tray host: "))) << "advice, not a failure";
     EXPECT_TRUE(lines.at(1).contains(QStringLiteral(" — enable a tray")));
     EXPECT_EQ(lines.last(), QStringLiteral("The tray can work."));
 

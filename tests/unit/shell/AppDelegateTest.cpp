@@ -2,6 +2,7 @@
 
 #include <QFile>
 #include <QFileInfo>
+#include <QRegularExpression>
 #include <algorithm>
 #include <string>
 
@@ -46,34 +47,86 @@ QByteArray frameFor(const ConnectionInfo& info) {
     return QByteArray(reinterpret_cast<const char*>(buffer), static_cast<qsizetype>(n));
 }
 
-// With Bluetooth off the alert comes once and the launch runs on all the same.
+// With Bluetooth off a plain launch alerts once and ends; a login launch stays quiet and stays.
+// Either way the launch runs every step.
 TEST(AppDelegateLifecycle, LaunchRunsEveryStepWithOrWithoutBluetooth) {
-    for (const bool bluetoothOn : {true, false}) {
-        SCOPED_TRACE(bluetoothOn);
-        ShellRig rig;
-        rig.bluetoothOn = bluetoothOn;
-        rig.env.listenerPort = 0;  // any free port
-        writeDefaultTable(rig, twoReferenceEntries());
-        AppDelegate& shell = rig.launch();
-        ASSERT_EQ(rig.application->alerts.size(), bluetoothOn ? 0u : 1u);
-        if (!bluetoothOn) {
-            EXPECT_EQ(rig.application->alerts[0].messageText, QStringLiteral("Please turn on bluetooth"));
-            EXPECT_EQ(rig.application->alerts[0].informativeText,
-                      QStringLiteral("This application needs bluetooth access authority"));
+    for (const bool quiet : {false, true}) {
+        for (const bool bluetoothOn : {true, false}) {
+            SCOPED_TRACE(testing::Message() << "quiet " << quiet << ", bluetooth " << bluetoothOn);
+            ShellRig rig;
+            rig.bluetoothOn = bluetoothOn;
+            rig.env.quietLaunch = quiet;
+            rig.statusBar->trayAvailable = false;  // no bubble at login either
+            rig.env.listenerPort = 0;              // any free port
+            writeDefaultTable(rig, twoReferenceEntries());
+            AppDelegate& shell = rig.launch();
+            const bool alerted = !bluetoothOn && !quiet;
+            ASSERT_EQ(rig.application->alerts.size(), alerted ? 1u : 0u);
+            if (alerted) {
+                EXPECT_EQ(rig.application->alerts[0].messageText, QStringLiteral("Please turn on bluetooth"));
+                EXPECT_EQ(rig.application->alerts[0].informativeText,
+                          QStringLiteral("This application needs bluetooth access authority"));
+            }
+            EXPECT_EQ(rig.application->terminateCount, alerted ? 1 : 0);
+            EXPECT_EQ(rig.notifier->shown.size(), quiet ? 0u : 1u) << "the no-tray notice";
+            EXPECT_EQ(rig.application->hideCount, 1);
+            EXPECT_EQ(rig.statusBar->item->target, &shell);
+            EXPECT_TRUE(rig.statusBar->item->image->isTemplate());
+            EXPECT_EQ(shell.referenceTable(), twoReferenceEntries());
+            ASSERT_EQ(rig.handlers.size(), 1u);
+            EXPECT_EQ(rig.handlers[0]->calls, std::vector<bool>{true});
+            EXPECT_EQ(rig.handlers[0]->delegate, &shell);
+            EXPECT_EQ(rig.workspace->observers.count(&shell), 1u);
+            const uint16_t port = shell.commandListener()->port();
+            ASSERT_NE(port, 0) << "the listener is bound";
+            EXPECT_EQ(testing_loopback::askListener(port, {0x02, 0x03, 0x04, 0x05, 0x00, 0x00, 0x02, 0x03}),
+                      testing_loopback::Bytes{0x00});
         }
-        EXPECT_EQ(rig.application->terminateCount, bluetoothOn ? 0 : 1);
-        EXPECT_EQ(rig.application->hideCount, 1);
-        EXPECT_EQ(rig.statusBar->item->target, &shell);
-        EXPECT_TRUE(rig.statusBar->item->image->isTemplate());
-        EXPECT_EQ(shell.referenceTable(), twoReferenceEntries());
-        ASSERT_EQ(rig.handlers.size(), 1u);
-        EXPECT_EQ(rig.handlers[0]->calls, std::vector<bool>{true});
-        EXPECT_EQ(rig.handlers[0]->delegate, &shell);
-        EXPECT_EQ(rig.workspace->observers.count(&shell), 1u);
-        const uint16_t port = shell.commandListener()->port();
-        ASSERT_NE(port, 0) << "the listener is bound";
-        EXPECT_EQ(testing_loopback::askListener(port, {0x02, 0x03, 0x04, 0x05, 0x00, 0x00, 0x02, 0x03}),
-                  testing_loopback::Bytes{0x00});
+    }
+}
+
+// The tooltip tells why nothing is listed: the state read at launch, then each report; receivers
+// heard before the radio went stay listed under its state until they age out.
+TEST(AppDelegateLifecycle, ToolTipNamesTheRadioState) {
+    struct Case {
+        const char* name;
+        std::optional<int> atLaunch;
+        std::vector<int> reports;
+        bool receiver;
+        QString expected;
+        bool attention;  // the item's status asks for it
+    };
+    const QString a = QStringLiteral("\nA \u2014 \u221250 dBm");  // its age is left out below
+    const Case cases[] = {
+        {"off at launch", 4, {}, false, QStringLiteral("Lumerix\nBluetooth is off"), true},
+        {"no adapter", 2, {}, false, QStringLiteral("Lumerix\nNo Bluetooth adapter"), true},
+        {"bluetoothd gone",
+         5,
+         {0},
+         false,
+         QStringLiteral("Lumerix\nBluetooth service (bluetoothd) is not running"),
+         true},
+        {"access denied", 3, {}, false, QStringLiteral("Lumerix\nBluetooth access denied"), true},
+        {"on, nothing heard", 5, {}, false, QStringLiteral("Lumerix\nSearching for receivers"), false},
+        {"not known yet", std::nullopt, {}, false, QStringLiteral("Lumerix\nChecking Bluetooth"), false},
+        {"off, then on", 4, {5}, false, QStringLiteral("Lumerix\nSearching for receivers"), false},
+        {"receivers while on", 5, {}, true, QStringLiteral("Lumerix") + a, false},
+        {"switched off with a receiver", 5, {4}, true, QStringLiteral("Lumerix\nBluetooth is off") + a, true},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        ShellRig rig;
+        rig.centralState = c.atLaunch;
+        AppDelegate& shell = rig.launch();
+        if (c.receiver) rig.discover({uuidFor(1), -50, QStringLiteral("A")});
+        for (const int state : c.reports) shell.lumerixStateDidChange(state);
+        rig.time->advance(1000);
+        rig.time->runUntilIdle();
+        ASSERT_FALSE(rig.statusBar->item->toolTips.empty());
+        QString shown = rig.statusBar->item->toolTips.back();
+        shown.remove(QRegularExpression(QStringLiteral(", \\d+ s ago")));
+        EXPECT_EQ(shown, c.expected);
+        EXPECT_EQ(rig.statusBar->item->attention, c.attention);
     }
 }
 

@@ -12,7 +12,7 @@ ShellRig::ShellRig() {
     env.mainQueue = &mainQueue;
     env.makeHandler = [this]() -> std::unique_ptr<LumerixScanning> {
         handlers.push_back(std::make_shared<HandlerLog>());
-        return std::make_unique<FakeScanning>(handlers.back(), scanFailures);
+        return std::make_unique<FakeScanning>(handlers.back(), scanFailures, centralState);
     };
     env.statusBar = statusBar;
     env.application = application;

@@ -23,9 +23,11 @@ public:
     }
     bool isMenuOpen() const override { return menuOpen; }
     void setToolTip(const QString& text) override { toolTips.push_back(text); }
+    void setNeedsAttention(bool a) override { attention = a; }
 
     MenuActionTarget* target = nullptr;
     std::vector<QString> toolTips;
+    bool attention = false;
     StatusImageRef image;
     MenuRef menu;
     int menuAttachCount = 0;
@@ -80,8 +82,8 @@ struct HandlerLog {
 // failuresLeft makes scanForLumerixService(true) fail that many times; negative: always.
 class FakeScanning final : public LumerixScanning {
 public:
-    FakeScanning(std::shared_ptr<HandlerLog> log, int failures)
-        : log_(std::move(log)), failuresLeft_(failures) {}
+    FakeScanning(std::shared_ptr<HandlerLog> log, int failures, std::optional<int> state = std::nullopt)
+        : log_(std::move(log)), failuresLeft_(failures), state_(state) {}
     ~FakeScanning() override { log_->alive = false; }
     bool scanForLumerixService(bool start) override {
         log_->calls.push_back(start);
@@ -93,10 +95,12 @@ public:
     }
     void setDelegate(LumerixHandler_Delegate* d) override { log_->delegate = d; }
     LumerixHandler_Delegate* delegate() const override { return log_->delegate; }
+    std::optional<int> centralState() const override { return state_; }
 
 private:
     std::shared_ptr<HandlerLog> log_;
     int failuresLeft_;
+    std::optional<int> state_;
 };
 
 struct ReceiverSetup {
@@ -136,6 +140,7 @@ public:
     std::vector<std::shared_ptr<HandlerLog>> handlers;  // one per handler made, in order
     int scanFailures = 0;
     bool bluetoothOn = true;
+    std::optional<int> centralState;  // what a new handler's central reports
     uint32_t senderProcesses = 0;
     bool senderInstalled = true;
     int launcherStatus = 0;

@@ -30,7 +30,7 @@ TEST(ShellNotifications, EachSenderOutcomeNotifiesOnceWithTheReceiversName) {
          "127.0.0.1:19314", failed},
         {"port held by another user", 1, true, 0, DeliveryOutcome::ForeignListener,
          "Sharvane port held by another user", "Boardroom and its login code were not sent", {}},
-        {"launched", 0, true, 0, std::nullopt, "Starting Sharvane for Boardroom\u2026", "Boardroom", {}},
+        {"launched", 0, true, 0, std::nullopt, "Starting Sharvane\u2026", "Boardroom", {}},
         {"launcher failed", 0, true, 256, std::nullopt, "Sharvane could not be started", "Boardroom", failed},
         {"not installed", 0, false, 256, std::nullopt, "Sharvane is not installed", "Boardroom", {}},
     };
@@ -141,8 +141,9 @@ TEST(ShellNotifications, AMissingTrayIsToldOnceAtLaunch) {
         ASSERT_EQ(rig.notifier->shown.size(), tray ? 0u : 1u);
         if (!tray) {
             const QString& body = rig.notifier->shown[0].body;
-            EXPECT_TRUE(body.contains(QStringLiteral("StatusNotifierItem")) &&
-                        body.contains(QStringLiteral("AppIndicator")));
+            EXPECT_TRUE(body.contains(QStringLiteral("AppIndicator")));
+            // Notification servers cut long summaries; the body carries the details.
+            EXPECT_LE(rig.notifier->shown[0].summary.size(), 40);
             EXPECT_TRUE(body.contains(QStringLiteral("lumerix --scan")));
         }
         // The item exists either way; it is shown once a tray host comes up.
