@@ -7,19 +7,13 @@
 #include <QVariantMap>
 
 #include "log/Log.h"
+#include "text/DisplayText.h"
 
 namespace lumerix {
 
 namespace {
 
 constexpr int kDefaultExpiry = -1;  // the server's own timeout
-
-QString escapedMarkup(QString text) {
-    text.replace(QLatin1Char('&'), QStringLiteral("&amp;"));
-    text.replace(QLatin1Char('<'), QStringLiteral("&lt;"));
-    text.replace(QLatin1Char('>'), QStringLiteral("&gt;"));
-    return text;
-}
 
 }  // namespace
 
@@ -41,10 +35,12 @@ void DesktopNotifier::notify(const Notification& notification) {
     if (!bus_.isConnected()) return;
     QDBusMessage call = QDBusMessage::createMethodCall(QLatin1String(kService), QLatin1String(kPath),
                                                        QLatin1String(kService), QStringLiteral("Notify"));
-    // Servers that read markup in the body must see receiver names as text.
-    const QString body = markup_ ? escapedMarkup(notification.body) : notification.body;
-    call << appName_ << 0u << iconName_ << notification.summary << body << QStringList() << QVariantMap()
-         << kDefaultExpiry;
+    // Receiver names are shown as text: no control characters anywhere, and servers that read
+    // markup in the body get it escaped.
+    const QString lines = DisplayText::inertLines(notification.body);
+    const QString body = markup_ ? DisplayText::escapedMarkup(lines) : lines;
+    call << appName_ << 0u << iconName_ << DisplayText::inert(notification.summary) << body << QStringList()
+         << QVariantMap() << kDefaultExpiry;
     auto* watcher = new QDBusPendingCallWatcher(bus_.asyncCall(call), this);
     QObject::connect(watcher, &QDBusPendingCallWatcher::finished, this, [this](QDBusPendingCallWatcher* w) {
         const QDBusPendingReply<uint> reply = *w;
