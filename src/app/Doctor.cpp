@@ -24,6 +24,7 @@
 
 #include "app/ReferenceTableLocation.h"
 #include "app/TrayHost.h"
+#include "io/RegularFile.h"
 #include "platform/bluez/ObjectManager.h"
 #include "platform/linux/DesktopEntry.h"
 #include "platform/linux/GetPID.h"
@@ -348,7 +349,7 @@ DoctorCheck Doctor::portCheck(quint16 port, PortState state, const QString& prob
 
 DoctorCheck Doctor::referenceTableCheck(const QString& savedTable, const QString& defaultTable) {
     const QString name = QStringLiteral("Reference table");
-    if (QFileInfo::exists(savedTable)) {
+    if (RegularFile::exists(savedTable)) {
         const auto saved = ReferenceTable::arrayWithContentsOfFile(savedTable);
         if (saved)
             return passed(name, false,
@@ -361,7 +362,7 @@ DoctorCheck Doctor::referenceTableCheck(const QString& savedTable, const QString
     if (!QFileInfo::exists(defaultTable))
         return passed(name, false,
                       QStringLiteral("none saved yet; the first start begins with an empty list"));
-    const auto seed = ReferenceTable::arrayWithContentsOfFile(defaultTable);
+    const auto seed = ReferenceTable::arrayWithContentsOfFile(defaultTable, true);
     if (seed && seed->isEmpty())
         return passed(name, false,
                       QStringLiteral("none saved yet; the first start begins with an empty list"));

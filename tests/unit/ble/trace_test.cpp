@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <QFile>
 #include <QTemporaryDir>
@@ -107,13 +108,92 @@ TEST(AdvertisementTrace, ReplayTimingAndRecording) {
     EXPECT_EQ(recorded->advertisements, expectedRecorded);
 }
 
-TEST(AdvertisementTrace, UnreadableFiles) {
+// Overlong lines are skipped without being gathered, the line after one is still read, and past
+// a few problems the rest are only counted.
+TEST(AdvertisementTrace, LinesAreCappedAndProblemsCounted) {
+    const QByteArray good = R"({"offsetMs":1,"identifier":"A","rssi":-60})";
+    QByteArray text = R"({"offsetMs":0,"identifier":")" +
+                      QByteArray(static_cast<int>(AdvertisementTrace::kMaxLineBytes), 'x') +
+                      R"(","rssi":-1})" + "\n" + good + "\n";
+    for (int i = 0; i < 100; ++i) text += "junk\n";
+    text += good;  // the last line has no line end
+    const AdvertisementTrace trace = AdvertisementTrace::parse(text);
+    ASSERT_EQ(trace.advertisements.size(), 2u);
+    EXPECT_EQ(trace.skippedLines, 101);
+    ASSERT_EQ(trace.problems.size(), AdvertisementTrace::kMaxProblems);
+    EXPECT_EQ(trace.problems[0],
+              QStringLiteral("line 1: longer than %1 bytes").arg(AdvertisementTrace::kMaxLineBytes));
+    EXPECT_TRUE(trace.problems[1].startsWith(QStringLiteral("line 3: ")));
+    EXPECT_FALSE(trace.truncated);
+}
+
+// --replay takes a regular file (a link to one is fine) holding at least one valid line; --record
+// creates a file for the user alone and refuses a link or a FIFO at its path.
+TEST(AdvertisementTrace, OnlyRegularFilesAreReadAndRecorded) {
     QTemporaryDir dir;
+    ASSERT_TRUE(dir.isValid());
+    const auto write = [&](const char* name, const QByteArray& bytes) {
+        const QString path = dir.filePath(QString::fromUtf8(name));
+        QFile f(path);
+        EXPECT_TRUE(f.open(QIODevice::WriteOnly));
+        f.write(bytes);
+        return path;
+    };
+    const QString good = write("good.jsonl", R"({"offsetMs":0,"identifier":"A","rssi":-60})"
+                                             "\n");
+    const QString link = dir.filePath(QStringLiteral("link.jsonl"));
+    ASSERT_TRUE(QFile::link(good, link));
+    const QString fifo = dir.filePath(QStringLiteral("fifo"));
+    ASSERT_EQ(::mkfifo(QFile::encodeName(fifo).constData(), 0600), 0);
+
+    struct Replay {
+        const char* name;
+        QString path;
+        const char* error;  // empty when it reads
+    };
+    const Replay replays[] = {
+        {"a trace", good, ""},
+        {"a link to one", link, ""},
+        {"missing", dir.filePath(QStringLiteral("missing")), "cannot read the trace"},
+        {"a device that never ends", QStringLiteral("/dev/zero"), "not a regular file"},
+        {"a FIFO without a writer", fifo, "not a regular file"},
+        {"no valid line", write("bad.jsonl", "junk\n{}\n"), "holds no valid line"},
+        {"empty", write("empty.jsonl", ""), "holds no valid line"},
+    };
+    for (const Replay& r : replays) {
+        SCOPED_TRACE(r.name);
+        QString error;
+        const auto trace = AdvertisementTrace::readFile(r.path, &error);
+        EXPECT_EQ(trace.has_value(), *r.error == '\0');
+        EXPECT_TRUE(error.contains(QString::fromUtf8(r.error))) << error.toStdString();
+    }
+
+    const auto time = std::make_shared<VirtualTime>();
+    const QString fresh = dir.filePath(QStringLiteral("fresh.jsonl"));
+    TraceRecorder(time, fresh).record(kIdA, {QStringLiteral("LX"), std::nullopt}, -50);
+    struct stat st {};
+    ASSERT_EQ(::stat(QFile::encodeName(fresh).constData(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0600u) << "a trace decodes to login codes";
+
+    struct Record {
+        const char* name;
+        QString path;
+        bool opens;
+    };
+    const Record records[] = {
+        {"appending to the user's trace", fresh, true},
+        {"a link", link, false},
+        {"a FIFO", fifo, false},
+        {"a missing folder", dir.filePath(QStringLiteral("no/such/dir/t")), false},
+    };
+    for (const Record& r : records) {
+        SCOPED_TRACE(r.name);
+        EXPECT_EQ(TraceRecorder(time, r.path).isOpen(), r.opens);
+    }
     QString error;
-    EXPECT_FALSE(AdvertisementTrace::readFile(dir.filePath(QStringLiteral("missing")), &error));
-    EXPECT_TRUE(error.contains(QStringLiteral("cannot read the trace")));
-    TraceRecorder recorder(std::make_shared<VirtualTime>(), dir.filePath(QStringLiteral("no/such/dir/t")));
-    EXPECT_FALSE(recorder.isOpen());
+    const auto target = AdvertisementTrace::readFile(good, &error);
+    ASSERT_TRUE(target) << error.toStdString();
+    EXPECT_EQ(target->advertisements.size(), 1u) << "the link's target was not written through";
 }
 
 }  // namespace

@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <QFile>
 #include <QFileInfo>
@@ -437,6 +438,9 @@ TEST(AppDelegateConnect, ChoosingTwiceThenTheSenderAsksTheListener) {
     EXPECT_EQ(ask(), QByteArray(1, '\0')) << "take-once: the second request gets nothing";
 }
 
+// What is found at the saved table's path, and what the shell makes of it.
+enum class AtPath { Nothing, File, Link, Fifo };
+
 TEST(AppDelegateReferenceTable, DefaultSavedAndUnreadableFiles) {
     const QVariantList defaults = twoReferenceEntries();
     const QVariantList saved{
@@ -444,33 +448,66 @@ TEST(AppDelegateReferenceTable, DefaultSavedAndUnreadableFiles) {
     struct Case {
         const char* name;
         bool haveDefault;
-        std::optional<QByteArray> savedFile;
+        AtPath atPath;
+        QByteArray savedFile;  // the file's bytes, or those of the link's target
         QVariantList loaded;
         QVariantList written;
         bool keptAside;
     };
     const Case cases[] = {
-        {"first run copies the default", true, std::nullopt, defaults, defaults, false},
-        {"no default: an empty table", false, std::nullopt, {}, {}, false},
-        {"saved file replaces the default", true, tableXml(saved), saved, saved, false},
-        {"zero-entry saved file hides the default", true, tableXml({}), {}, {}, false},
-        {"unreadable saved file is kept beside", true, QByteArray("<plist><array><dict>"), {}, {}, true},
+        {"first run copies the default", true, AtPath::Nothing, {}, defaults, defaults, false},
+        {"no default: an empty table", false, AtPath::Nothing, {}, {}, {}, false},
+        {"saved file replaces the default", true, AtPath::File, tableXml(saved), saved, saved, false},
+        {"zero-entry saved file hides the default", true, AtPath::File, tableXml({}), {}, {}, false},
+        {"unreadable saved file is kept beside",
+         true,
+         AtPath::File,
+         QByteArray("<plist><array><dict>"),
+         {},
+         {},
+         true},
+        // A link is neither read nor written through: its target stays as it was.
+        {"link to a good table is kept beside", true, AtPath::Link, tableXml(saved), {}, {}, true},
+        // Opening a FIFO for reading would wait for a writer for ever.
+        {"FIFO is kept beside", true, AtPath::Fifo, {}, {}, {}, true},
     };
     for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
         ShellRig rig;
         if (c.haveDefault) writeDefaultTable(rig, defaults);
-        if (c.savedFile) rig.writeSavedTable(*c.savedFile);
-        AppDelegate& shell = rig.launch();
-        EXPECT_EQ(shell.referenceTable(), c.loaded) << c.name;
-        shell.applicationWillTerminate();
-        EXPECT_EQ(ReferenceTable::arrayWithContentsOfFile(rig.savedTablePath()), c.written) << c.name;
-        const QString aside = rig.savedTablePath() + QStringLiteral(".unreadable");
-        EXPECT_EQ(QFileInfo::exists(aside), c.keptAside) << c.name;
-        if (c.keptAside) {
-            QFile f(aside);
-            ASSERT_TRUE(f.open(QIODevice::ReadOnly));
-            EXPECT_EQ(f.readAll(), *c.savedFile) << "the user's bytes, untouched";
+        const QString path = rig.savedTablePath();
+        const QString target = rig.resources.filePath(QStringLiteral("elsewhere.plist"));
+        if (c.atPath != AtPath::Nothing) rig.writeSavedTable(c.savedFile);
+        if (c.atPath == AtPath::Link) {
+            QFile::rename(path, target);
+            ASSERT_TRUE(QFile::link(target, path));
+        } else if (c.atPath == AtPath::Fifo) {
+            QFile::remove(path);
+            ASSERT_EQ(::mkfifo(QFile::encodeName(path).constData(), 0600), 0);
         }
+        AppDelegate& shell = rig.launch();
+        EXPECT_EQ(shell.referenceTable(), c.loaded);
+        shell.applicationWillTerminate();
+
+        EXPECT_EQ(ReferenceTable::arrayWithContentsOfFile(path), c.written);
+        struct stat st {};
+        ASSERT_EQ(::lstat(QFile::encodeName(path).constData(), &st), 0);
+        EXPECT_TRUE(S_ISREG(st.st_mode));
+        EXPECT_EQ(st.st_mode & 0777, 0600u) << "the table holds login codes";
+
+        const QString aside = path + QStringLiteral(".unreadable");
+        struct stat kept {};
+        const bool isAside = ::lstat(QFile::encodeName(aside).constData(), &kept) == 0;
+        EXPECT_EQ(isAside, c.keptAside);
+        if (!isAside) continue;
+        if (c.atPath == AtPath::Fifo) {
+            EXPECT_TRUE(S_ISFIFO(kept.st_mode));
+            continue;
+        }
+        EXPECT_EQ(S_ISLNK(kept.st_mode), c.atPath == AtPath::Link);
+        QFile f(c.atPath == AtPath::Link ? target : aside);
+        ASSERT_TRUE(f.open(QIODevice::ReadOnly));
+        EXPECT_EQ(f.readAll(), c.savedFile) << "the user's bytes, untouched";
     }
 }
 
