@@ -127,7 +127,7 @@ AdvertisementTrace AdvertisementTrace::read(QIODevice& device) {
         line.clear();
         overlong = false;
     };
-    std::vector<char> chunk(64 * 1024);
+    std::vector<char> chunk(size_t{64} * 1024);
     while (!trace.truncated) {
         // One byte past the cap tells a trace at the cap from a longer one.
         const qint64 want = std::min<qint64>(static_cast<qint64>(chunk.size()), kMaxTraceBytes + 1 - total);

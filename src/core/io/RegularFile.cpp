@@ -104,7 +104,7 @@ std::optional<QByteArray> RegularFile::readAll(const QString& path, qint64 maxBy
     Descriptor fd(openForReading(path, followLinks, error));
     if (fd.get() < 0) return std::nullopt;
     QByteArray data;
-    std::vector<char> chunk(64 * 1024);
+    std::vector<char> chunk(size_t{64} * 1024);
     // One byte past the cap tells a file at the cap from a larger one.
     while (data.size() <= maxBytes) {
         const qint64 want = std::min<qint64>(static_cast<qint64>(chunk.size()), maxBytes + 1 - data.size());

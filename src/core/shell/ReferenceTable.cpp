@@ -46,11 +46,9 @@ std::optional<QVariant> toVariant(plist_t node, int depth) {
             return QVariant(v);
         }
         case PLIST_STRING: {
-            char* s = nullptr;
-            plist_get_string_val(node, &s);
-            QString v = QString::fromUtf8(s ? s : "");
-            std::free(s);
-            return QVariant(v);
+            uint64_t length = 0;
+            const char* s = plist_get_string_ptr(node, &length);
+            return QVariant(s ? QString::fromUtf8(s, static_cast<qsizetype>(length)) : QString());
         }
         case PLIST_DATE: {
             int32_t sec = 0;
@@ -325,27 +323,51 @@ private:
         uint64_t values = 0;  // values the parser would make below, so far
     };
 
+    // The count in an object's marker, or the integer object after it; `next` is where the
+    // object's contents start.
+    bool countAt(uint64_t at, uint64_t& n, uint64_t& next) const {
+        n = p_[at] & 0x0F;
+        next = at + 1;
+        if (n != 0x0F) return true;
+        if (next >= body_ || (p_[next] >> 4) != 0x1) return false;
+        const unsigned width = 1u << (p_[next] & 0x0F);
+        if (width > 8 || body_ - next - 1 < width) return false;
+        n = bigEndian(p_ + next + 1, width);
+        next += 1 + width;
+        return true;
+    }
+
+    // A string holding a zero character: the parser stops the process on one (an assertion
+    // compares its length with strlen), so the document is refused.
+    bool hasZeroCharacter(uint64_t at, unsigned type) const {
+        uint64_t n = 0;
+        uint64_t text = 0;
+        if (!countAt(at, n, text)) return true;
+        const uint64_t unit = type == 0x6 ? 2 : 1;  // UTF-16, else single bytes
+        if (n > body_ || text > body_ || (body_ - text) / unit < n) return true;
+        for (uint64_t i = 0; i < n; ++i) {
+            if (p_[text + i * unit] == 0 && (unit == 1 || p_[text + i * unit + 1] == 0)) return true;
+        }
+        return false;
+    }
+
     // Reads the object's header; a container gets its references, anything else none.
     bool visit(uint64_t object, Frame& frame) {
         const uint64_t at = bigEndian(p_ + table_ + object * offsetSize_, offsetSize_);
         if (at >= body_) return false;
         frame.object = object;
-        const uchar marker = p_[at];
-        const unsigned type = marker >> 4;
+        const unsigned type = p_[at] >> 4;
+        if (type == 0x5 || type == 0x6 || type == 0x7) {
+            if (hasZeroCharacter(at, type)) return false;
+        }
         if (type != 0xA && type != 0xC && type != 0xD) {
             state_[object] = kDone;
             values_[object] = 1;
             return true;
         }
-        uint64_t n = marker & 0x0F;
-        uint64_t refs = at + 1;
-        if (n == 0x0F) {  // the count follows as an integer object
-            if (refs >= body_ || (p_[refs] >> 4) != 0x1) return false;
-            const unsigned width = 1u << (p_[refs] & 0x0F);
-            if (width > 8 || body_ - refs - 1 < width) return false;
-            n = bigEndian(p_ + refs + 1, width);
-            refs += 1 + width;
-        }
+        uint64_t n = 0;
+        uint64_t refs = 0;
+        if (!countAt(at, n, refs)) return false;
         if (type == 0xD) {
             if (n > body_) return false;
             n *= 2;  // keys, then values

@@ -121,9 +121,10 @@ QByteArray binaryDoubling(int levels) {
     return binaryPlist(objects);
 }
 
-// Nesting is bounded before the parser, which recurses on it, sees the document: a million levels
-// used to end the process at every start.
-TEST(ReferenceTable, NestingAndSharingAreBoundedBeforeParsing) {
+// What would bring the parser down is refused before it sees the document: it recurses on nesting
+// (a million levels ended the process at every start), copies shared objects, and stops the process
+// on a string holding a zero character.
+TEST(ReferenceTable, HostileDocumentsAreRefusedBeforeParsing) {
     const int limit = ReferenceTable::kMaxDepth;
     struct Case {
         const char* name;
@@ -143,6 +144,15 @@ TEST(ReferenceTable, NestingAndSharingAreBoundedBeforeParsing) {
         {"binary a cycle", binaryPlist({QByteArray("\xA1\x01"), QByteArray("\xA1\x00")}), false},
         {"binary sharing within bounds", binaryDoubling(10), true},
         {"binary sharing past a million values", binaryDoubling(40), false},
+        {"binary string with a zero",
+         binaryPlist({QByteArray("\x53"
+                                 "a\0b",
+                                 4)}),
+         false},
+        {"binary UTF-16 key with a zero",
+         binaryPlist({QByteArray("\xD1\x01\x02"), QByteArray("\x62\0a\0\0", 5), QByteArray("\x51x")}), false},
+        {"binary UTF-16 text with zero bytes, no zero character",
+         binaryPlist({QByteArray("\x61\x01\x00", 3)}), true},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
