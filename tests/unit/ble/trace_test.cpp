@@ -37,7 +37,8 @@ not json
         {250, QStringLiteral("B"), {std::nullopt, std::nullopt}, -80},
     };
     EXPECT_EQ(trace.advertisements, expected);
-    QStringList numbers, expectedNumbers;
+    QStringList numbers;
+    QStringList expectedNumbers;
     for (const QString& p : trace.problems) numbers << p.section(QLatin1Char(':'), 0, 0);
     for (int line = 4; line <= 10; ++line) expectedNumbers << QStringLiteral("line %1").arg(line);
     EXPECT_EQ(numbers, expectedNumbers);
@@ -127,38 +128,44 @@ TEST(AdvertisementTrace, LinesAreCappedAndProblemsCounted) {
     EXPECT_FALSE(trace.truncated);
 }
 
-// --replay takes a regular file (a link to one is fine) holding at least one valid line; --record
-// creates a file for the user alone and refuses a link or a FIFO at its path.
-TEST(AdvertisementTrace, OnlyRegularFilesAreReadAndRecorded) {
+// Files for --replay and --record: a regular trace, a link to it, a FIFO.
+struct TraceFiles {
     QTemporaryDir dir;
-    ASSERT_TRUE(dir.isValid());
-    const auto write = [&](const char* name, const QByteArray& bytes) {
-        const QString path = dir.filePath(QString::fromUtf8(name));
+    QString good;
+    QString link;
+    QString fifo;
+    TraceFiles() {
+        good = write("good.jsonl", QByteArray(R"({"offsetMs":0,"identifier":"A","rssi":-60})") + '\n');
+        link = dir.filePath(QStringLiteral("link.jsonl"));
+        EXPECT_TRUE(QFile::link(good, link));
+        fifo = dir.filePath(QStringLiteral("fifo"));
+        EXPECT_EQ(::mkfifo(QFile::encodeName(fifo).constData(), 0600), 0);
+    }
+    QString write(const char* name, const QByteArray& bytes) const {
+        QString path = dir.filePath(QString::fromUtf8(name));
         QFile f(path);
         EXPECT_TRUE(f.open(QIODevice::WriteOnly));
         f.write(bytes);
         return path;
-    };
-    const QString good = write("good.jsonl", R"({"offsetMs":0,"identifier":"A","rssi":-60})"
-                                             "\n");
-    const QString link = dir.filePath(QStringLiteral("link.jsonl"));
-    ASSERT_TRUE(QFile::link(good, link));
-    const QString fifo = dir.filePath(QStringLiteral("fifo"));
-    ASSERT_EQ(::mkfifo(QFile::encodeName(fifo).constData(), 0600), 0);
+    }
+};
 
+// --replay takes a regular file (a link to one is fine) holding at least one valid line.
+TEST(AdvertisementTrace, ReplayReadsOnlyARegularFileWithAValidLine) {
+    const TraceFiles files;
     struct Replay {
         const char* name;
         QString path;
         const char* error;  // empty when it reads
     };
     const Replay replays[] = {
-        {"a trace", good, ""},
-        {"a link to one", link, ""},
-        {"missing", dir.filePath(QStringLiteral("missing")), "cannot read the trace"},
+        {"a trace", files.good, ""},
+        {"a link to one", files.link, ""},
+        {"missing", files.dir.filePath(QStringLiteral("missing")), "cannot read the trace"},
         {"a device that never ends", QStringLiteral("/dev/zero"), "not a regular file"},
-        {"a FIFO without a writer", fifo, "not a regular file"},
-        {"no valid line", write("bad.jsonl", "junk\n{}\n"), "holds no valid line"},
-        {"empty", write("empty.jsonl", ""), "holds no valid line"},
+        {"a FIFO without a writer", files.fifo, "not a regular file"},
+        {"no valid line", files.write("bad.jsonl", "junk\n{}\n"), "holds no valid line"},
+        {"empty", files.write("empty.jsonl", ""), "holds no valid line"},
     };
     for (const Replay& r : replays) {
         SCOPED_TRACE(r.name);
@@ -167,9 +174,13 @@ TEST(AdvertisementTrace, OnlyRegularFilesAreReadAndRecorded) {
         EXPECT_EQ(trace.has_value(), *r.error == '\0');
         EXPECT_TRUE(error.contains(QString::fromUtf8(r.error))) << error.toStdString();
     }
+}
 
+// --record creates a file for the user alone and refuses a link or a FIFO at its path.
+TEST(AdvertisementTrace, RecordWritesOnlyTheUsersOwnRegularFile) {
+    const TraceFiles files;
     const auto time = std::make_shared<VirtualTime>();
-    const QString fresh = dir.filePath(QStringLiteral("fresh.jsonl"));
+    const QString fresh = files.dir.filePath(QStringLiteral("fresh.jsonl"));
     TraceRecorder(time, fresh).record(kIdA, {QStringLiteral("LX"), std::nullopt}, -50);
     struct stat st {};
     ASSERT_EQ(::stat(QFile::encodeName(fresh).constData(), &st), 0);
@@ -182,16 +193,16 @@ TEST(AdvertisementTrace, OnlyRegularFilesAreReadAndRecorded) {
     };
     const Record records[] = {
         {"appending to the user's trace", fresh, true},
-        {"a link", link, false},
-        {"a FIFO", fifo, false},
-        {"a missing folder", dir.filePath(QStringLiteral("no/such/dir/t")), false},
+        {"a link", files.link, false},
+        {"a FIFO", files.fifo, false},
+        {"a missing folder", files.dir.filePath(QStringLiteral("no/such/dir/t")), false},
     };
     for (const Record& r : records) {
         SCOPED_TRACE(r.name);
         EXPECT_EQ(TraceRecorder(time, r.path).isOpen(), r.opens);
     }
     QString error;
-    const auto target = AdvertisementTrace::readFile(good, &error);
+    const auto target = AdvertisementTrace::readFile(files.good, &error);
     ASSERT_TRUE(target) << error.toStdString();
     EXPECT_EQ(target->advertisements.size(), 1u) << "the link's target was not written through";
 }

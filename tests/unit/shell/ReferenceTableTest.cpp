@@ -79,7 +79,7 @@ TEST(ReferenceTable, ReadsEveryValueTypeAndWritesItBackUnchanged) {
 }
 
 QByteArray nestedArrays(int depth, const QByteArray& inner = {}) {
-    return "<?xml version=\"1.0\"?><plist version=\"1.0\">" + QByteArray("<array>").repeated(depth) + inner +
+    return R"(<?xml version="1.0"?><plist version="1.0">)" + QByteArray("<array>").repeated(depth) + inner +
            QByteArray("</array>").repeated(depth) + "</plist>";
 }
 
@@ -107,17 +107,19 @@ QByteArray binaryPlist(const std::vector<QByteArray>& objects) {
 // A chain of one-element arrays, each holding the next, ending in an empty one.
 QByteArray binaryChain(int depth) {
     std::vector<QByteArray> objects;
-    for (int i = 0; i < depth - 1; ++i) objects.push_back(QByteArray("\xA1") + static_cast<char>(i + 1));
-    objects.push_back(QByteArray("\xA0"));
+    objects.reserve(static_cast<size_t>(depth));
+    for (int i = 0; i < depth - 1; ++i) objects.emplace_back(QByteArray("\xA1") + static_cast<char>(i + 1));
+    objects.emplace_back("\xA0");
     return binaryPlist(objects);
 }
 
 // Arrays of two references to the same next array: the parser would copy each one twice over.
 QByteArray binaryDoubling(int levels) {
     std::vector<QByteArray> objects;
+    objects.reserve(static_cast<size_t>(levels) + 1);
     for (int i = 0; i < levels; ++i)
-        objects.push_back(QByteArray("\xA2") + static_cast<char>(i + 1) + static_cast<char>(i + 1));
-    objects.push_back(QByteArray("\xA0"));
+        objects.emplace_back(QByteArray("\xA2") + static_cast<char>(i + 1) + static_cast<char>(i + 1));
+    objects.emplace_back("\xA0");
     return binaryPlist(objects);
 }
 
@@ -150,7 +152,8 @@ TEST(ReferenceTable, HostileDocumentsAreRefusedBeforeParsing) {
                                  4)}),
          false},
         {"binary UTF-16 key with a zero",
-         binaryPlist({QByteArray("\xD1\x01\x02"), QByteArray("\x62\0a\0\0", 5), QByteArray("\x51x")}), false},
+         binaryPlist({QByteArray("\xD1\x01\x02"), QByteArray("\x62\0a\0\0", 5), QByteArray::fromHex("5178")}),
+         false},
         {"binary UTF-16 text with zero bytes, no zero character",
          binaryPlist({QByteArray("\x61\x01\x00", 3)}), true},
     };
