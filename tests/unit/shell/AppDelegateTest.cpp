@@ -441,6 +441,26 @@ TEST(AppDelegateConnect, ChoosingTwiceThenTheSenderAsksTheListener) {
 // What is found at the saved table's path, and what the shell makes of it.
 enum class AtPath { Nothing, File, Link, Fifo };
 
+// Puts a file of these bytes at the saved table's path, a link to one kept at target, or a FIFO.
+void placeSavedTable(ShellRig& rig, AtPath kind, const QByteArray& bytes, const QString& target) {
+    const QString path = rig.savedTablePath();
+    if (kind == AtPath::Nothing) return;
+    rig.writeSavedTable(bytes);
+    if (kind == AtPath::Link) {
+        QFile::rename(path, target);
+        EXPECT_TRUE(QFile::link(target, path));
+    } else if (kind == AtPath::Fifo) {
+        QFile::remove(path);
+        EXPECT_EQ(::mkfifo(QFile::encodeName(path).constData(), 0600), 0);
+    }
+}
+
+// The mode of what is at path, the link itself for a link; 0 when there is nothing.
+mode_t modeAt(const QString& path) {
+    struct stat st {};
+    return ::lstat(QFile::encodeName(path).constData(), &st) == 0 ? st.st_mode : 0;
+}
+
 TEST(AppDelegateReferenceTable, DefaultSavedAndUnreadableFiles) {
     const QVariantList defaults = twoReferenceEntries();
     const QVariantList saved{
@@ -477,34 +497,22 @@ TEST(AppDelegateReferenceTable, DefaultSavedAndUnreadableFiles) {
         if (c.haveDefault) writeDefaultTable(rig, defaults);
         const QString path = rig.savedTablePath();
         const QString target = rig.resources.filePath(QStringLiteral("elsewhere.plist"));
-        if (c.atPath != AtPath::Nothing) rig.writeSavedTable(c.savedFile);
-        if (c.atPath == AtPath::Link) {
-            QFile::rename(path, target);
-            ASSERT_TRUE(QFile::link(target, path));
-        } else if (c.atPath == AtPath::Fifo) {
-            QFile::remove(path);
-            ASSERT_EQ(::mkfifo(QFile::encodeName(path).constData(), 0600), 0);
-        }
+        placeSavedTable(rig, c.atPath, c.savedFile, target);
         AppDelegate& shell = rig.launch();
         EXPECT_EQ(shell.referenceTable(), c.loaded);
         shell.applicationWillTerminate();
 
         EXPECT_EQ(ReferenceTable::arrayWithContentsOfFile(path), c.written);
-        struct stat st {};
-        ASSERT_EQ(::lstat(QFile::encodeName(path).constData(), &st), 0);
-        EXPECT_TRUE(S_ISREG(st.st_mode));
-        EXPECT_EQ(st.st_mode & 0777, 0600u) << "the table holds login codes";
+        EXPECT_EQ(modeAt(path), S_IFREG | 0600u)
+            << "a regular file, for the user alone: it holds login codes";
 
+        // Kept aside as it was: a link stays a link, a FIFO a FIFO, a file keeps its bytes.
         const QString aside = path + QStringLiteral(".unreadable");
-        struct stat kept {};
-        const bool isAside = ::lstat(QFile::encodeName(aside).constData(), &kept) == 0;
-        EXPECT_EQ(isAside, c.keptAside);
-        if (!isAside) continue;
-        if (c.atPath == AtPath::Fifo) {
-            EXPECT_TRUE(S_ISFIFO(kept.st_mode));
-            continue;
-        }
-        EXPECT_EQ(S_ISLNK(kept.st_mode), c.atPath == AtPath::Link);
+        const mode_t keptKind = c.atPath == AtPath::Link   ? S_IFLNK
+                                : c.atPath == AtPath::Fifo ? S_IFIFO
+                                                           : S_IFREG;
+        EXPECT_EQ(modeAt(aside) & S_IFMT, c.keptAside ? keptKind : 0);
+        if (!c.keptAside || c.atPath == AtPath::Fifo) continue;
         QFile f(c.atPath == AtPath::Link ? target : aside);
         ASSERT_TRUE(f.open(QIODevice::ReadOnly));
         EXPECT_EQ(f.readAll(), c.savedFile) << "the user's bytes, untouched";
