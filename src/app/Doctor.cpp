@@ -25,6 +25,7 @@
 #include "app/ReferenceTableLocation.h"
 #include "app/Translations.h"
 #include "app/TrayHost.h"
+#include "io/RegularFile.h"
 #include "platform/bluez/ObjectManager.h"
 #include "platform/linux/DesktopEntry.h"
 #include "platform/linux/GetPID.h"
@@ -384,7 +385,7 @@ DoctorCheck Doctor::portCheck(quint16 port, PortState state, const QString& prob
 
 DoctorCheck Doctor::referenceTableCheck(const QString& savedTable, const QString& defaultTable) {
     const QString name = QCoreApplication::translate("Doctor", "Saved receivers");
-    if (QFileInfo::exists(savedTable)) {
+    if (RegularFile::exists(savedTable)) {
         const auto saved = ReferenceTable::arrayWithContentsOfFile(savedTable);
         if (saved)
             return passed(name, false,
@@ -401,7 +402,7 @@ DoctorCheck Doctor::referenceTableCheck(const QString& savedTable, const QString
         return passed(name, false,
                       QCoreApplication::translate(
                           "Doctor", "none saved yet; the first start begins with an empty list"));
-    const auto seed = ReferenceTable::arrayWithContentsOfFile(defaultTable);
+    const auto seed = ReferenceTable::arrayWithContentsOfFile(defaultTable, true);
     if (seed && seed->isEmpty())
         return passed(name, false,
                       QCoreApplication::translate(

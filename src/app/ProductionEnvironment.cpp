@@ -16,7 +16,7 @@ std::optional<ScanSource> ScanSource::fromCommandLine(const CommandLine& options
         if (!source.replay) return std::nullopt;
         Log::logf("Replaying %zu advertisements from %s (%lld lines skipped)",
                   source.replay->advertisements.size(), qUtf8Printable(options.replayPath),
-                  static_cast<long long>(source.replay->problems.size()));
+                  static_cast<long long>(source.replay->skippedLines));
     }
     if (!options.recordPath.isEmpty()) {
         source.recorder = std::make_shared<TraceRecorder>(systemClock(), options.recordPath);

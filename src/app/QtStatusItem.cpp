@@ -5,10 +5,12 @@
 #include <QFileInfo>
 #include <QMenu>
 #include <QSystemTrayIcon>
+#include <QTextDocument>
 
 #include "app/SniItem.h"
 #include "app/TrayHost.h"
 #include "log/Log.h"
+#include "text/DisplayText.h"
 
 namespace lumerix {
 
@@ -27,21 +29,21 @@ QString themeIconName(const QString& image) {
     return QString();
 }
 
-// '&' marks a mnemonic in a QAction's text; receiver names are shown as they are.
-QString escapedTitle(const QString& title) {
-    QString text = title;
-    text.replace(QLatin1Char('&'), QStringLiteral("&&"));
-    return text;
-}
-
 // Icons differ by name and by whether they are drawn as a mask.
 QString imageKey(const StatusImage& image) {
     return image.name() + (image.isTemplate() ? QStringLiteral("/mask") : QStringLiteral("/colour"));
 }
 
-void show(QAction* action, const TrayEntry& entry) {
+// Titles are shown as they are: escaped for the widget menu, or for the dbusmenu label Qt makes of
+// the text when the menu is exported.
+void show(QAction* action, const TrayEntry& entry, bool exported) {
     action->setSeparator(entry.separator);
-    action->setText(entry.separator ? QString() : escapedTitle(entry.title));
+    if (entry.separator) {
+        action->setText(QString());
+    } else {
+        action->setText(exported ? DisplayText::dbusMenuTitle(entry.title)
+                                 : DisplayText::menuTitle(entry.title));
+    }
 }
 
 }  // namespace
@@ -50,7 +52,11 @@ QtStatusItem::QtStatusItem(QString resourcesDir, bool inTray)
     : resourcesDir_(std::move(resourcesDir)), menu_(std::make_unique<QMenu>()), presenter_(*this) {
     menu_->setTitle(QStringLiteral("Lumerix"));
     QObject::connect(menu_.get(), &QMenu::aboutToShow, menu_.get(), [this] { menuOpen_ = true; });
-    QObject::connect(menu_.get(), &QMenu::aboutToHide, menu_.get(), [this] { menuOpen_ = false; });
+    QObject::connect(menu_.get(), &QMenu::aboutToHide, menu_.get(), [this] {
+        menuOpen_ = false;
+        // The widget popup is gone: the exported labels come back.
+        if (tray_ && exportsMenu() && !exported_) showTitles(true);
+    });
     QObject::connect(menu_.get(), &QMenu::triggered, menu_.get(),
                      [this](QAction* action) { activate(action); });
     if (inTray) attachToTray();
@@ -67,14 +73,17 @@ QtStatusItem::~QtStatusItem() {
 void QtStatusItem::attachToTray() {
     if (tray_) return;
     tray_ = std::make_unique<QSystemTrayIcon>();
-    tray_->setToolTip(toolTip_);
     tray_->setContextMenu(menu_.get());
-    // A left click opens the same menu, as a menu-bar item does.
+    showTitles(exportsMenu());
+    tray_->setToolTip(shownToolTip());
+    // A left click opens the same menu, as a menu-bar item does; that popup is the widget menu,
+    // which reads its titles the widget way while it is open.
     QObject::connect(tray_.get(), &QSystemTrayIcon::activated, menu_.get(),
                      [this](QSystemTrayIcon::ActivationReason reason) {
                          // A StatusNotifierItem host opens its own menu (ItemIsMenu) instead.
-                         if (reason == QSystemTrayIcon::Trigger && !sni_ && !menu_->isVisible())
-                             menu_->popup(QCursor::pos());
+                         if (reason != QSystemTrayIcon::Trigger || sni_ || menu_->isVisible()) return;
+                         showTitles(false);
+                         menu_->popup(QCursor::pos());
                      });
     if (!shownIcon_.isNull()) {
         tray_->setIcon(shownIcon_);
@@ -89,7 +98,7 @@ void QtStatusItem::showInTray() {
     sni_ = SniItem::takeOverQtItem(QFileInfo::exists(themes) ? themes : QString());
     if (!sni_) return;
     sni_->setIcon(shownIcon_);
-    sni_->setToolTip(toolTip_);
+    sni_->setToolTip(DisplayText::escapedMarkup(toolTip_));
     sni_->setNeedsAttention(needsAttention_);
 }
 
@@ -118,8 +127,34 @@ void QtStatusItem::setImage(const StatusImageRef& image) {
 void QtStatusItem::setToolTip(const QString& text) {
     if (text == toolTip_) return;
     toolTip_ = text;
-    if (tray_) tray_->setToolTip(text);
-    if (sni_) sni_->setToolTip(text);
+    if (tray_) tray_->setToolTip(shownToolTip());
+    if (sni_) sni_->setToolTip(DisplayText::escapedMarkup(toolTip_));
+}
+
+bool QtStatusItem::exportsMenu() const {
+#ifdef Q_OS_MACOS
+    return false;  // the native menu bar reads '&' as the widget menu does
+#else
+    // Qt gives the menu a platform menu when the tray is a StatusNotifierItem exporting it.
+    return tray_ && menu_->platformMenu() != nullptr;
+#endif
+}
+
+void QtStatusItem::showTitles(bool exported) {
+    if (exported == exported_) return;
+    exported_ = exported;
+    const QList<QAction*> actions = menu_->actions();
+    const std::vector<TrayEntry>& shown = presenter_.shown();
+    for (qsizetype i = 0; i < actions.size() && i < static_cast<qsizetype>(shown.size()); ++i)
+        lumerix::show(actions.at(i), shown[static_cast<size_t>(i)], exported_);
+}
+
+QString QtStatusItem::shownToolTip() const {
+    // A StatusNotifierItem host may read the tooltip as markup; an X11 tooltip does when the text
+    // looks like markup, and is then given the plain text in markup form.
+    if (exportsMenu()) return DisplayText::escapedMarkup(toolTip_);
+    if (Qt::mightBeRichText(toolTip_)) return Qt::convertFromPlainText(toolTip_, Qt::WhiteSpaceNormal);
+    return toolTip_;
 }
 
 QIcon QtStatusItem::iconFor(const StatusImage& image) {
@@ -145,14 +180,14 @@ void QtStatusItem::setMenu(const MenuRef& menu) {
 
 void QtStatusItem::insertEntry(int index, const TrayEntry& entry) {
     auto* action = new QAction(menu_.get());
-    lumerix::show(action, entry);
+    lumerix::show(action, entry, exported_);
     const QList<QAction*> actions = menu_->actions();
     menu_->insertAction(index < actions.size() ? actions.at(index) : nullptr, action);
 }
 
 void QtStatusItem::updateEntry(int index, const TrayEntry& entry) {
     const QList<QAction*> actions = menu_->actions();
-    if (index < actions.size()) lumerix::show(actions.at(index), entry);
+    if (index < actions.size()) lumerix::show(actions.at(index), entry, exported_);
 }
 
 void QtStatusItem::removeEntry(int index) {

@@ -50,6 +50,11 @@ private:
     void removeEntry(int index) override;
     void activate(QObject* action);
     void showInTray();
+    // True when the tray exports the menu over D-Bus (a StatusNotifierItem host shows it).
+    bool exportsMenu() const;
+    // Titles in the dbusmenu form (exported) or the widget form.
+    void showTitles(bool exported);
+    QString shownToolTip() const;
     QIcon iconFor(const StatusImage& image);
 
     QString resourcesDir_;
@@ -60,7 +65,8 @@ private:
     TrayMenuPresenter presenter_;
     MenuActionTarget* target_ = nullptr;
     bool menuOpen_ = false;
-    QString shownImage_;  // key of the image shown, empty for none
+    bool exported_ = false;  // the form the titles are in, see showTitles()
+    QString shownImage_;     // key of the image shown, empty for none
     StatusImageRef lastImage_;
     bool lastImageTemplate_ = false;
     QIcon shownIcon_;

@@ -28,6 +28,7 @@
 #include "sender/MainController.h"
 #include "shell/AppDelegate.h"
 #include "shell/ReceiverChoice.h"
+#include "text/DisplayText.h"
 
 namespace lumerix {
 namespace {
@@ -80,14 +81,15 @@ void printReceivers(const QList<QVariantMap>& receivers, bool json) {
     int width = 4;
     for (const QVariantMap& r : receivers)
         width = std::max(width, static_cast<int>(r.value(QStringLiteral("name")).toString().size()));
+    // What the service hands over came from the air: every column is shown inert.
     auto line = [width](const QString& name, const QString& ip, const QString& code, const QString& rssi,
                         const QString& identifier) {
         return QStringLiteral("%1  %2  %3  %4  %5\n")
-            .arg(name, -width)
-            .arg(ip, -15)
-            .arg(code, -8)
-            .arg(rssi, 5)
-            .arg(identifier);
+            .arg(DisplayText::inert(name), -width)
+            .arg(DisplayText::inert(ip), -15)
+            .arg(DisplayText::inert(code), -8)
+            .arg(DisplayText::inert(rssi), 5)
+            .arg(DisplayText::inert(identifier));
     };
     QString out = line(QStringLiteral("NAME"), QStringLiteral("IP"), QStringLiteral("CODE"),
                        QStringLiteral("RSSI"), QStringLiteral("IDENTIFIER"));
@@ -255,7 +257,8 @@ private:
         if (auto ip = chosen->ipAddress()) dict.insert(QStringLiteral("IP"), *ip);
         if (auto code = chosen->loginCode()) dict.insert(QStringLiteral("LoginCode"), *code);
         if (auto name = chosen->receiverName()) dict.insert(QStringLiteral("Device"), *name);
-        const QString name = dict.value(QStringLiteral("Device"));
+        // Quoted in the messages below, on a terminal.
+        const QString name = DisplayText::inert(dict.value(QStringLiteral("Device")));
 
         // Listening before the launch: a quick sender must find the listener up.
         const PeerCheck peers = makeLoopbackPeerCheck();

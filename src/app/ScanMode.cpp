@@ -11,6 +11,7 @@
 #include "app/HeadlessSession.h"
 #include "app/Translations.h"
 #include "platform/linux/SyslogSink.h"
+#include "text/DisplayText.h"
 
 namespace lumerix {
 namespace {
@@ -26,14 +27,15 @@ void printLine(const QString& text) {
     std::fflush(stdout);
 }
 
+// Names come from the air and identifiers from a replayed file: shown inert, as every column is.
 QString columns(const QString& name, const QString& ip, const QString& code, const QString& rssi,
                 const QString& identifier, int nameWidth = 24) {
     return QStringLiteral("%1  %2  %3  %4  %5")
-        .arg(name, -nameWidth)
-        .arg(ip, -15)
-        .arg(code, -8)
+        .arg(DisplayText::inert(name), -nameWidth)
+        .arg(DisplayText::inert(ip), -15)
+        .arg(DisplayText::inert(code), -8)
         .arg(rssi, 5)
-        .arg(identifier);
+        .arg(DisplayText::inert(identifier));
 }
 
 QString rowText(const Row& r, int nameWidth = 24) {

@@ -1,6 +1,7 @@
 """The command line without a desktop: answers, usage errors and exit codes, never a Qt abort."""
 import os
 import subprocess
+import tempfile
 import unittest
 
 import lxharness
@@ -73,6 +74,23 @@ class CommandLineTest(unittest.TestCase):
         self.assertEqual(len(err.splitlines()), 1, err)
         self.assertIn('no display', err)
         self.assertIn('lumerix --scan', err)
+
+    def test_replay_takes_only_a_regular_file_with_a_valid_line(self):
+        with tempfile.TemporaryDirectory() as root:
+            junk = os.path.join(root, 'junk.jsonl')
+            with open(junk, 'w', encoding='utf-8') as f:
+                f.write('not a trace\n{}\n')
+            fifo = os.path.join(root, 'fifo')
+            os.mkfifo(fifo)
+            # A device that never ends used to be read until memory ran out, a FIFO to block.
+            cases = [('/dev/zero', 'not a regular file'), (fifo, 'not a regular file'),
+                     (junk, 'holds no valid line')]
+            for path, err_text in cases:
+                with self.subTest(path=os.path.basename(path)):
+                    rc, out, err = run_headless('--scan', '1', '--replay', path)
+                    self.assertEqual(rc, 1, err)
+                    self.assertEqual(out, '')
+                    self.assertIn(err_text, err)
 
 
 if __name__ == '__main__':

@@ -425,5 +425,34 @@ class SenderNotificationTest(TrayCase):
         self.assertEqual(self.frames_received(), [])
 
 
+class HostileNameTest(TrayCase):
+    # Escape sequences, a bidi override, both mnemonic marks and markup, in the 16 bytes of one
+    # advertisement segment.
+    NAME = 'R_&D<b>\x1b[2J\u202eL'
+    SHOWN = 'R_&D<b>\ufffd[2J\ufffdL'
+
+    def test_a_name_from_the_air_is_inert_in_menu_tooltip_and_notification(self):
+        room = ('AA:BB:CC:DD:EE:09', '10.0.0.9', 12, 34, self.NAME)
+        self.assertLessEqual(len(self.NAME.encode()), 16)
+        menu, _ = self.tray_showing([], [(room, -55)], [self.SHOWN])
+        # Only the '&' is an access key; every '_' of the name is doubled.
+        self.assertEqual(menu.labels()[0], 'R___&D<b>\ufffd[2J\ufffdL')
+
+        def tooltip():
+            _, _, title, text = self.desktop.tray_item_property('ToolTip')
+            return str(title) + str(text)
+
+        escaped = 'R_&amp;D&lt;b&gt;\ufffd[2J\ufffdL \u2014 \u221255 dBm'
+        wait_for(lambda: escaped in tooltip(), 10, 'the receiver in the tooltip')
+        self.assertNotIn('<b>', tooltip())
+
+        # No sender installed: the notification names the receiver, as text.
+        menu.click(self.SHOWN)
+        shown = wait_for(self.desktop.notifications, 10, 'the notification')
+        self.assertEqual(shown[0][0], 'Sharvane is not installed')
+        self.assertEqual(shown[0][1], 'Install Sharvane to share your screen with R_&amp;D&lt;b&gt;\ufffd[2J\ufffdL.')
+        self.assertNotIn('\x1b', self.desktop.program_log())
+
+
 if __name__ == '__main__':
     lxharness.main()

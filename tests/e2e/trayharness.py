@@ -23,21 +23,40 @@ SNI_IFACE = 'org.kde.StatusNotifierItem'
 MENU_IFACE = 'com.canonical.dbusmenu'
 
 
+def dbusmenu_shows(label):
+    """What a dbusmenu host shows for a label: '__' is '_', any other '_' marks a mnemonic and is not
+    shown."""
+    shown, i = [], 0
+    while i < len(label):
+        if label[i] != '_':
+            shown.append(label[i])
+        elif label[i + 1:i + 2] == '_':
+            shown.append('_')
+            i += 1
+        i += 1
+    return ''.join(shown)
+
+
 class TrayMenu:
     """The tray's menu as its com.canonical.dbusmenu export shows it."""
 
     def __init__(self, bus, service, path):
         self.proxy = dbus.Interface(bus.get_object(service, path), MENU_IFACE)
 
+    def labels(self):
+        """The raw labels of the visible top-level entries, as the host receives them."""
+        _, (_, _, children) = self.proxy.GetLayout(0, -1, dbus.Array([], signature='s'))
+        return [str(props.get('label', '')) for _, props, _ in children if props.get('visible', True)]
+
     def titles(self):
-        """Labels of the visible top-level entries in order, '---' for a separator."""
+        """Labels of the visible top-level entries in order as a host shows them, '---' for a separator."""
         _, (_, _, children) = self.proxy.GetLayout(0, -1, dbus.Array([], signature='s'))
         self.ids = {}
         rows = []
         for item_id, props, _ in children:
             if props.get('visible', True):
                 separator = props.get('type', '') == 'separator'
-                label = '---' if separator else str(props.get('label', '')).replace('__', '_')
+                label = '---' if separator else dbusmenu_shows(str(props.get('label', '')))
                 self.ids.setdefault(label, int(item_id))
                 rows.append(label)
         return rows

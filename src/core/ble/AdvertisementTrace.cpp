@@ -1,12 +1,17 @@
 #include "ble/AdvertisementTrace.h"
 
+#include <unistd.h>
+
+#include <QBuffer>
 #include <QFile>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QJsonParseError>
 #include <algorithm>
 #include <cmath>
+#include <cstring>
 
+#include "io/RegularFile.h"
 #include "log/Log.h"
 
 namespace lumerix {
@@ -91,33 +96,102 @@ std::optional<TracedAdvertisement> AdvertisementTrace::parseLine(const QByteArra
     return a;
 }
 
-AdvertisementTrace AdvertisementTrace::parse(const QByteArray& text) {
+void AdvertisementTrace::skip(qint64 number, const QString& reason) {
+    ++skippedLines;
+    if (problems.size() < kMaxProblems)
+        problems.append(QStringLiteral("line %1: %2").arg(number).arg(reason));
+}
+
+void AdvertisementTrace::take(const QByteArray& line, qint64 number) {
+    const QByteArray text = line.trimmed();
+    if (text.isEmpty()) return;
+    QString error;
+    if (auto a = parseLine(text, &error))
+        advertisements.push_back(std::move(*a));
+    else
+        skip(number, error);
+}
+
+AdvertisementTrace AdvertisementTrace::read(QIODevice& device) {
     AdvertisementTrace trace;
-    const QList<QByteArray> lines = text.split('\n');
-    for (qsizetype i = 0; i < lines.size(); ++i) {
-        const QByteArray line = lines[i].trimmed();
-        if (line.isEmpty()) continue;
-        QString error;
-        if (auto a = parseLine(line, &error))
-            trace.advertisements.push_back(std::move(*a));
+    QByteArray line;
+    bool overlong = false;  // the line being read passed kMaxLineBytes: the rest of it is dropped
+    qint64 number = 0;
+    qint64 total = 0;
+    const auto endOfLine = [&] {
+        ++number;
+        if (overlong)
+            trace.skip(number, QStringLiteral("longer than %1 bytes").arg(kMaxLineBytes));
         else
-            trace.problems.append(QStringLiteral("line %1: %2").arg(i + 1).arg(error));
+            trace.take(line, number);
+        line.clear();
+        overlong = false;
+    };
+    std::vector<char> chunk(size_t{64} * 1024);
+    while (!trace.truncated) {
+        // One byte past the cap tells a trace at the cap from a longer one.
+        const qint64 want = std::min<qint64>(static_cast<qint64>(chunk.size()), kMaxTraceBytes + 1 - total);
+        qint64 n = device.read(chunk.data(), want);
+        if (n <= 0) break;
+        total += n;
+        if (total > kMaxTraceBytes) {
+            trace.truncated = true;
+            --n;
+        }
+        const char* p = chunk.data();
+        const char* const end = p + n;
+        while (p < end) {
+            const char* newline =
+                static_cast<const char*>(std::memchr(p, '\n', static_cast<size_t>(end - p)));
+            const char* stop = newline ? newline : end;
+            if (!overlong) {
+                line.append(p, stop - p);
+                if (line.size() > kMaxLineBytes) {
+                    overlong = true;
+                    line.clear();
+                }
+            }
+            if (!newline) break;
+            endOfLine();
+            p = newline + 1;
+        }
     }
+    if (!line.isEmpty() || overlong) endOfLine();
     std::stable_sort(
         trace.advertisements.begin(), trace.advertisements.end(),
         [](const TracedAdvertisement& a, const TracedAdvertisement& b) { return a.offsetMs < b.offsetMs; });
     return trace;
 }
 
+AdvertisementTrace AdvertisementTrace::parse(const QByteArray& text) {
+    QBuffer buffer;
+    buffer.setData(text);
+    buffer.open(QIODevice::ReadOnly);
+    return read(buffer);
+}
+
 std::optional<AdvertisementTrace> AdvertisementTrace::readFile(const QString& path, QString* error) {
-    QFile file(path);
-    if (!file.open(QIODevice::ReadOnly)) {
-        *error = QStringLiteral("cannot read the trace %1: %2").arg(path, file.errorString());
+    QString why;
+    const int fd = RegularFile::openForReading(path, true, &why);
+    QFile file;
+    if (fd < 0 || !file.open(fd, QIODevice::ReadOnly, QFileDevice::AutoCloseHandle)) {
+        if (fd >= 0) ::close(fd);
+        *error = QStringLiteral("cannot read the trace %1: %2").arg(path, fd < 0 ? why : file.errorString());
         return std::nullopt;
     }
-    AdvertisementTrace trace = parse(file.readAll());
+    AdvertisementTrace trace = read(file);
     for (const QString& problem : trace.problems)
         Log::logf("Trace %s, %s: skipped", qUtf8Printable(path), qUtf8Printable(problem));
+    if (trace.truncated)
+        Log::logf("Trace %s is longer than %lld bytes: the rest is not read", qUtf8Printable(path),
+                  static_cast<long long>(kMaxTraceBytes));
+    if (trace.skippedLines > trace.problems.size())
+        Log::logf("Trace %s: %lld lines skipped in all", qUtf8Printable(path),
+                  static_cast<long long>(trace.skippedLines));
+    if (trace.advertisements.empty()) {
+        *error = QStringLiteral("the trace %1 holds no valid line").arg(path);
+        return std::nullopt;
+    }
     return trace;
 }
 

@@ -5,6 +5,7 @@
 // RSSI in dBm and the manufacturer data as hex (null when absent):
 //   {"offsetMs":1520.5,"identifier":"...","localName":"LX","rssi":-61,"manufacturerData":"ffff01..."}
 #include <QByteArray>
+#include <QIODevice>
 #include <QString>
 #include <QStringList>
 #include <optional>
@@ -23,19 +24,34 @@ struct TracedAdvertisement {
 };
 
 struct AdvertisementTrace {
+    // A longer line is skipped unread; a longer trace is read up to here, and the rest reported.
+    static constexpr qint64 kMaxLineBytes = 4096;
+    static constexpr qint64 kMaxTraceBytes = qint64{64} * 1024 * 1024;
+    // Problems kept word for word; the others are only counted.
+    static constexpr qsizetype kMaxProblems = 20;
+
     // In order of time offset (a stable sort of the lines read).
     std::vector<TracedAdvertisement> advertisements;
-    // "line N: reason" for every line that was skipped.
+    // "line N: reason" for the first kMaxProblems lines that were skipped.
     QStringList problems;
+    qint64 skippedLines = 0;
+    bool truncated = false;  // the trace went on past kMaxTraceBytes
 
     // One line, without its line end.
     static QByteArray formatLine(const TracedAdvertisement& advertisement);
     // One line; nullopt with *error set when it is not a valid trace line.
     static std::optional<TracedAdvertisement> parseLine(const QByteArray& line, QString* error);
-    // Reads every line; blank lines are ignored, bad ones reported in problems and skipped.
+    // Reads line by line up to the device's end or kMaxTraceBytes; blank lines are ignored, bad
+    // and overlong ones counted, reported in problems and skipped.
+    static AdvertisementTrace read(QIODevice& device);
     static AdvertisementTrace parse(const QByteArray& text);
-    // nullopt with *error set when the file cannot be read; problems are also logged.
+    // The regular file at path (a link to one is followed); nullopt with *error set when it cannot
+    // be read or holds no valid line. Problems are logged.
     static std::optional<AdvertisementTrace> readFile(const QString& path, QString* error);
+
+private:
+    void take(const QByteArray& line, qint64 number);
+    void skip(qint64 number, const QString& reason);
 };
 
 }  // namespace lumerix

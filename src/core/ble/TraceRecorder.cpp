@@ -1,6 +1,9 @@
 #include "ble/TraceRecorder.h"
 
+#include <unistd.h>
+
 #include "ble/AdvertisementTrace.h"
+#include "io/RegularFile.h"
 #include "log/Log.h"
 
 namespace lumerix {
@@ -49,9 +52,15 @@ private:
 }  // namespace
 
 TraceRecorder::TraceRecorder(std::shared_ptr<Clock> clock, const QString& path)
-    : clock_(std::move(clock)), origin_(clock_->monotonicMs()), file_(path) {
-    if (!file_.open(QIODevice::WriteOnly | QIODevice::Append | QIODevice::Text))
-        error_ = QStringLiteral("cannot write the trace %1: %2").arg(path, file_.errorString());
+    : clock_(std::move(clock)), origin_(clock_->monotonicMs()), path_(path) {
+    // A trace holds what decodes to login codes: created for the user alone, never through a link.
+    QString why;
+    const int fd = RegularFile::openForAppending(path, &why);
+    if (fd >= 0 && !file_.open(fd, QIODevice::WriteOnly | QIODevice::Append, QFileDevice::AutoCloseHandle)) {
+        why = file_.errorString();
+        ::close(fd);
+    }
+    if (!file_.isOpen()) error_ = QStringLiteral("cannot write the trace %1: %2").arg(path, why);
 }
 
 void TraceRecorder::record(const QString& identifier, const AdvertisementData& data, double rssi) {
@@ -61,7 +70,7 @@ void TraceRecorder::record(const QString& identifier, const AdvertisementData& d
     if (!file_.isOpen() || writeFailed_) return;
     if (file_.write(line) != line.size() || !file_.flush()) {
         writeFailed_ = true;
-        Log::logf("Trace %s: writing failed (%s); recording stops", qUtf8Printable(file_.fileName()),
+        Log::logf("Trace %s: writing failed (%s); recording stops", qUtf8Printable(path_),
                   qUtf8Printable(file_.errorString()));
     }
 }

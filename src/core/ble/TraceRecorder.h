@@ -1,6 +1,7 @@
 #pragma once
 // Appends every advertisement a central reports to a trace file (see AdvertisementTrace), with
-// offsets counted from the recorder's creation on the given clock. record() may be called from
+// offsets counted from the recorder's creation on the given clock. The file is the user's own
+// regular file, created 0600; a link at the path is refused. record() may be called from
 // any thread; each line is flushed as it is written so that a trace survives a crash.
 #include <QFile>
 #include <QString>
@@ -27,6 +28,7 @@ public:
 private:
     std::shared_ptr<Clock> clock_;
     const double origin_;
+    const QString path_;
     std::mutex mutex_;
     QFile file_;
     QString error_;

@@ -4,6 +4,8 @@
 #include <cstdio>
 #include <vector>
 
+#include "text/DisplayText.h"
+
 namespace lumerix {
 namespace {
 std::mutex& sinkMutex() {
@@ -55,7 +57,8 @@ void logf(const char* fmt, ...) {
 }  // namespace Log
 
 void StderrLogSink::write(const QString& line) {
-    QByteArray bytes = line.toUtf8();
+    // Lines quote names from the air: nothing in them may act on the terminal.
+    QByteArray bytes = DisplayText::inertLines(line).toUtf8();
     if (!bytes.endsWith('\n')) bytes.append('\n');
     std::fwrite(bytes.constData(), 1, static_cast<size_t>(bytes.size()), stderr);
 }

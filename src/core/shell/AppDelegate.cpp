@@ -4,8 +4,10 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
+#include <cstdio>
 #include <thread>
 
+#include "io/RegularFile.h"
 #include "log/Log.h"
 #include "sender/MainController.h"
 #include "shell/ReceiverOrder.h"
@@ -247,7 +249,8 @@ bool AppDelegate::LoadReferenceTable() {
     const QString defaultPath = resources + QLatin1Char('/') + QLatin1String(kDefaultReferenceTableFileName);
     m_pDefaultReferenceTable.reset();
     if (!resources.isEmpty() && QFileInfo::exists(defaultPath)) {
-        m_pDefaultReferenceTable = ReferenceTable::arrayWithContentsOfFile(defaultPath);
+        // The shipped or site-wide list may be a link, e.g. to the administrator's own list.
+        m_pDefaultReferenceTable = ReferenceTable::arrayWithContentsOfFile(defaultPath, true);
         if (!m_pDefaultReferenceTable) {
             Log::logf("LoadReferenceTable: %s is not a readable list; no default receivers",
                       qUtf8Printable(defaultPath));
@@ -264,7 +267,8 @@ bool AppDelegate::LoadReferenceTable() {
     const QString path =
         folder.isEmpty() ? QString() : folder + QLatin1Char('/') + QLatin1String(kReferenceTableFileName);
     referenceTableUnreadable_ = false;
-    if (!path.isEmpty() && QFileInfo::exists(path)) {
+    // Anything at the path counts, a link or a FIFO too: it is not read, and kept aside at exit.
+    if (!path.isEmpty() && RegularFile::exists(path)) {
         const auto saved = ReferenceTable::arrayWithContentsOfFile(path);
         if (!saved) {
             referenceTableUnreadable_ = true;
@@ -282,15 +286,16 @@ bool AppDelegate::LoadReferenceTable() {
 }
 
 void AppDelegate::keepUnreadableReferenceTable(const QString& path) {
-    if (!QFileInfo::exists(path)) {
+    if (!RegularFile::exists(path)) {
         referenceTableUnreadable_ = false;
         return;
     }
     QString aside = path + QLatin1String(kUnreadableSuffix);
-    for (int n = 1; QFileInfo::exists(aside); ++n) {
+    for (int n = 1; RegularFile::exists(aside); ++n) {
         aside = path + QLatin1String(kUnreadableSuffix) + QLatin1Char('.') + QString::number(n);
     }
-    if (QFile::copy(path, aside)) {
+    // Moved, not copied: a link, FIFO or device is never read, and a file is kept as it was.
+    if (std::rename(QFile::encodeName(path).constData(), QFile::encodeName(aside).constData()) == 0) {
         Log::logf("SaveReferenceTable: the unreadable %s is kept as %s", qUtf8Printable(path),
                   qUtf8Printable(aside));
         referenceTableUnreadable_ = false;

@@ -4,6 +4,7 @@
 #include <cmath>
 
 #include "ble/BleCentral.h"
+#include "text/DisplayText.h"
 
 namespace lumerix {
 
@@ -64,8 +65,8 @@ QString ReceiverToolTip::text(const std::vector<Line>& lines, double nowMs, Radi
     const size_t shown = std::min(lines.size(), kMaxLines);
     for (size_t i = 0; i < shown; ++i) {
         const Line& line = lines[i];
-        out += QLatin1Char('\n') + line.name + QLatin1Char(' ') + kEmDash + QLatin1Char(' ') +
-               signalText(line.rssi);
+        out += QLatin1Char('\n') + DisplayText::inert(line.name) + QLatin1Char(' ') + kEmDash +
+               QLatin1Char(' ') + signalText(line.rssi);
         if (line.lastHeardMs) {
             const double seconds = std::floor(std::max(0.0, nowMs - *line.lastHeardMs) / 1000.0);
             out += QCoreApplication::translate("ReceiverToolTip", ", %1 s ago")

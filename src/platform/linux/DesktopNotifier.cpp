@@ -7,19 +7,13 @@
 #include <QVariantMap>
 
 #include "log/Log.h"
+#include "text/DisplayText.h"
 
 namespace lumerix {
 
 namespace {
 
 constexpr int kDefaultExpiry = -1;  // the server's own timeout
-
-QString escapedMarkup(QString text) {
-    text.replace(QLatin1Char('&'), QStringLiteral("&amp;"));
-    text.replace(QLatin1Char('<'), QStringLiteral("&lt;"));
-    text.replace(QLatin1Char('>'), QStringLiteral("&gt;"));
-    return text;
-}
 
 }  // namespace
 
@@ -49,8 +43,10 @@ void DesktopNotifier::notify(const Notification& notification) {
     if (!bus_.isConnected()) return;
     QDBusMessage call = QDBusMessage::createMethodCall(QLatin1String(kService), QLatin1String(kPath),
                                                        QLatin1String(kService), QStringLiteral("Notify"));
-    // Servers that read markup in the body must see receiver names as text.
-    const QString body = markup_ ? escapedMarkup(notification.body) : notification.body;
+    // Receiver names are shown as text: no control characters anywhere, and servers that read
+    // markup in the body get it escaped.
+    const QString lines = DisplayText::inertLines(notification.body);
+    const QString body = markup_ ? DisplayText::escapedMarkup(lines) : lines;
     QStringList actions;  // key, label, key, label...
     std::vector<NotificationAction> buttons;
     if (actions_) {
@@ -58,7 +54,7 @@ void DesktopNotifier::notify(const Notification& notification) {
         for (const NotificationAction& a : buttons) actions << a.key << a.label;
     }
     // Each bubble replaces the previous one: repeated failures do not stack up on the screen.
-    call << appName_ << lastId_ << iconName_ << notification.summary << body << actions << QVariantMap()
+    call << appName_ << lastId_ << iconName_ << DisplayText::inert(notification.summary) << body << actions << QVariantMap()
          << kDefaultExpiry;
     auto* watcher = new QDBusPendingCallWatcher(bus_.asyncCall(call), this);
     QObject::connect(

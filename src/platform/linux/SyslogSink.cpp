@@ -8,6 +8,8 @@
 #include <cstdio>
 #include <memory>
 
+#include "text/DisplayText.h"
+
 namespace lumerix {
 
 namespace {
@@ -24,7 +26,8 @@ SyslogSink::SyslogSink() : mirror_(isatty(STDERR_FILENO) == 1 || !syslogReachabl
 SyslogSink::~SyslogSink() { closelog(); }
 
 void SyslogSink::write(const QString& line) {
-    QByteArray bytes = line.toUtf8();
+    // Lines quote names from the air: nothing in them may act on a terminal or a log viewer.
+    QByteArray bytes = DisplayText::inertLines(line).toUtf8();
     while (bytes.endsWith('\n')) bytes.chop(1);
     syslog(LOG_NOTICE, "%s", bytes.constData());
     if (mirror_) std::fprintf(stderr, "%s\n", bytes.constData());

@@ -7,6 +7,7 @@
 #include <QDir>
 #include <QMenu>
 #include <QSystemTrayIcon>
+#include <QTextDocument>
 
 namespace lumerix {
 namespace {
@@ -103,6 +104,12 @@ TEST_F(QtStatusItemTest, ShowsTitlesAsTheyAreAndTracksTheOpenMenu) {
     // '&' would otherwise turn into a keyboard mnemonic and vanish from the title.
     EXPECT_EQ(item.menu()->actions().at(0)->text(), QStringLiteral("R&&D Lab"));
     EXPECT_EQ(item.menu()->title(), QStringLiteral("Lumerix"));
+    // A tooltip that looks like markup reaches an X11 tray as the same text in markup form.
+    const QString tip = QStringLiteral("<b>Room</b> & Co\nLab");
+    item.setToolTip(tip);
+    QTextDocument shown;
+    shown.setHtml(item.trayIcon()->toolTip());
+    EXPECT_EQ(shown.toPlainText(), tip);
 
     EXPECT_FALSE(item.isMenuOpen());
     Q_EMIT item.menu()->aboutToShow();

@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <QFile>
 #include <QTemporaryDir>
@@ -36,7 +37,8 @@ not json
         {250, QStringLiteral("B"), {std::nullopt, std::nullopt}, -80},
     };
     EXPECT_EQ(trace.advertisements, expected);
-    QStringList numbers, expectedNumbers;
+    QStringList numbers;
+    QStringList expectedNumbers;
     for (const QString& p : trace.problems) numbers << p.section(QLatin1Char(':'), 0, 0);
     for (int line = 4; line <= 10; ++line) expectedNumbers << QStringLiteral("line %1").arg(line);
     EXPECT_EQ(numbers, expectedNumbers);
@@ -107,13 +109,102 @@ TEST(AdvertisementTrace, ReplayTimingAndRecording) {
     EXPECT_EQ(recorded->advertisements, expectedRecorded);
 }
 
-TEST(AdvertisementTrace, UnreadableFiles) {
+// Overlong lines are skipped without being gathered, the line after one is still read, and past
+// a few problems the rest are only counted.
+TEST(AdvertisementTrace, LinesAreCappedAndProblemsCounted) {
+    const QByteArray good = R"({"offsetMs":1,"identifier":"A","rssi":-60})";
+    QByteArray text = R"({"offsetMs":0,"identifier":")" +
+                      QByteArray(static_cast<int>(AdvertisementTrace::kMaxLineBytes), 'x') +
+                      R"(","rssi":-1})" + "\n" + good + "\n";
+    for (int i = 0; i < 100; ++i) text += "junk\n";
+    text += good;  // the last line has no line end
+    const AdvertisementTrace trace = AdvertisementTrace::parse(text);
+    ASSERT_EQ(trace.advertisements.size(), 2u);
+    EXPECT_EQ(trace.skippedLines, 101);
+    ASSERT_EQ(trace.problems.size(), AdvertisementTrace::kMaxProblems);
+    EXPECT_EQ(trace.problems[0],
+              QStringLiteral("line 1: longer than %1 bytes").arg(AdvertisementTrace::kMaxLineBytes));
+    EXPECT_TRUE(trace.problems[1].startsWith(QStringLiteral("line 3: ")));
+    EXPECT_FALSE(trace.truncated);
+}
+
+// Files for --replay and --record: a regular trace, a link to it, a FIFO.
+struct TraceFiles {
     QTemporaryDir dir;
+    QString good;
+    QString link;
+    QString fifo;
+    TraceFiles() {
+        good = write("good.jsonl", QByteArray(R"({"offsetMs":0,"identifier":"A","rssi":-60})") + '\n');
+        link = dir.filePath(QStringLiteral("link.jsonl"));
+        EXPECT_TRUE(QFile::link(good, link));
+        fifo = dir.filePath(QStringLiteral("fifo"));
+        EXPECT_EQ(::mkfifo(QFile::encodeName(fifo).constData(), 0600), 0);
+    }
+    QString write(const char* name, const QByteArray& bytes) const {
+        QString path = dir.filePath(QString::fromUtf8(name));
+        QFile f(path);
+        EXPECT_TRUE(f.open(QIODevice::WriteOnly));
+        f.write(bytes);
+        return path;
+    }
+};
+
+// --replay takes a regular file (a link to one is fine) holding at least one valid line.
+TEST(AdvertisementTrace, ReplayReadsOnlyARegularFileWithAValidLine) {
+    const TraceFiles files;
+    struct Replay {
+        const char* name;
+        QString path;
+        const char* error;  // empty when it reads
+    };
+    const Replay replays[] = {
+        {"a trace", files.good, ""},
+        {"a link to one", files.link, ""},
+        {"missing", files.dir.filePath(QStringLiteral("missing")), "cannot read the trace"},
+        {"a device that never ends", QStringLiteral("/dev/zero"), "not a regular file"},
+        {"a FIFO without a writer", files.fifo, "not a regular file"},
+        {"no valid line", files.write("bad.jsonl", "junk\n{}\n"), "holds no valid line"},
+        {"empty", files.write("empty.jsonl", ""), "holds no valid line"},
+    };
+    for (const Replay& r : replays) {
+        SCOPED_TRACE(r.name);
+        QString error;
+        const auto trace = AdvertisementTrace::readFile(r.path, &error);
+        EXPECT_EQ(trace.has_value(), *r.error == '\0');
+        EXPECT_TRUE(error.contains(QString::fromUtf8(r.error))) << error.toStdString();
+    }
+}
+
+// --record creates a file for the user alone and refuses a link or a FIFO at its path.
+TEST(AdvertisementTrace, RecordWritesOnlyTheUsersOwnRegularFile) {
+    const TraceFiles files;
+    const auto time = std::make_shared<VirtualTime>();
+    const QString fresh = files.dir.filePath(QStringLiteral("fresh.jsonl"));
+    TraceRecorder(time, fresh).record(kIdA, {QStringLiteral("LX"), std::nullopt}, -50);
+    struct stat st {};
+    ASSERT_EQ(::stat(QFile::encodeName(fresh).constData(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0600u) << "a trace decodes to login codes";
+
+    struct Record {
+        const char* name;
+        QString path;
+        bool opens;
+    };
+    const Record records[] = {
+        {"appending to the user's trace", fresh, true},
+        {"a link", files.link, false},
+        {"a FIFO", files.fifo, false},
+        {"a missing folder", files.dir.filePath(QStringLiteral("no/such/dir/t")), false},
+    };
+    for (const Record& r : records) {
+        SCOPED_TRACE(r.name);
+        EXPECT_EQ(TraceRecorder(time, r.path).isOpen(), r.opens);
+    }
     QString error;
-    EXPECT_FALSE(AdvertisementTrace::readFile(dir.filePath(QStringLiteral("missing")), &error));
-    EXPECT_TRUE(error.contains(QStringLiteral("cannot read the trace")));
-    TraceRecorder recorder(std::make_shared<VirtualTime>(), dir.filePath(QStringLiteral("no/such/dir/t")));
-    EXPECT_FALSE(recorder.isOpen());
+    const auto target = AdvertisementTrace::readFile(files.good, &error);
+    ASSERT_TRUE(target) << error.toStdString();
+    EXPECT_EQ(target->advertisements.size(), 1u) << "the link's target was not written through";
 }
 
 }  // namespace

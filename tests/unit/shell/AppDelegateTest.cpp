@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <QFile>
 #include <QFileInfo>
@@ -490,6 +491,29 @@ TEST(AppDelegateConnect, ChoosingTwiceThenTheSenderAsksTheListener) {
     EXPECT_EQ(ask(), QByteArray(1, '\0')) << "take-once: the second request gets nothing";
 }
 
+// What is found at the saved table's path, and what the shell makes of it.
+enum class AtPath { Nothing, File, Link, Fifo };
+
+// Puts a file of these bytes at the saved table's path, a link to one kept at target, or a FIFO.
+void placeSavedTable(ShellRig& rig, AtPath kind, const QByteArray& bytes, const QString& target) {
+    const QString path = rig.savedTablePath();
+    if (kind == AtPath::Nothing) return;
+    rig.writeSavedTable(bytes);
+    if (kind == AtPath::Link) {
+        QFile::rename(path, target);
+        EXPECT_TRUE(QFile::link(target, path));
+    } else if (kind == AtPath::Fifo) {
+        QFile::remove(path);
+        EXPECT_EQ(::mkfifo(QFile::encodeName(path).constData(), 0600), 0);
+    }
+}
+
+// The mode of what is at path, the link itself for a link; 0 when there is nothing.
+mode_t modeAt(const QString& path) {
+    struct stat st {};
+    return ::lstat(QFile::encodeName(path).constData(), &st) == 0 ? st.st_mode : 0;
+}
+
 TEST(AppDelegateReferenceTable, DefaultSavedAndUnreadableFiles) {
     const QVariantList defaults = twoReferenceEntries();
     const QVariantList saved{
@@ -497,33 +521,54 @@ TEST(AppDelegateReferenceTable, DefaultSavedAndUnreadableFiles) {
     struct Case {
         const char* name;
         bool haveDefault;
-        std::optional<QByteArray> savedFile;
+        AtPath atPath;
+        QByteArray savedFile;  // the file's bytes, or those of the link's target
         QVariantList loaded;
         QVariantList written;
         bool keptAside;
     };
     const Case cases[] = {
-        {"first run copies the default", true, std::nullopt, defaults, defaults, false},
-        {"no default: an empty table", false, std::nullopt, {}, {}, false},
-        {"saved file replaces the default", true, tableXml(saved), saved, saved, false},
-        {"zero-entry saved file hides the default", true, tableXml({}), {}, {}, false},
-        {"unreadable saved file is kept beside", true, QByteArray("<plist><array><dict>"), {}, {}, true},
+        {"first run copies the default", true, AtPath::Nothing, {}, defaults, defaults, false},
+        {"no default: an empty table", false, AtPath::Nothing, {}, {}, {}, false},
+        {"saved file replaces the default", true, AtPath::File, tableXml(saved), saved, saved, false},
+        {"zero-entry saved file hides the default", true, AtPath::File, tableXml({}), {}, {}, false},
+        {"unreadable saved file is kept beside",
+         true,
+         AtPath::File,
+         QByteArray("<plist><array><dict>"),
+         {},
+         {},
+         true},
+        // A link is neither read nor written through: its target stays as it was.
+        {"link to a good table is kept beside", true, AtPath::Link, tableXml(saved), {}, {}, true},
+        // Opening a FIFO for reading would wait for a writer for ever.
+        {"FIFO is kept beside", true, AtPath::Fifo, {}, {}, {}, true},
     };
     for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
         ShellRig rig;
         if (c.haveDefault) writeDefaultTable(rig, defaults);
-        if (c.savedFile) rig.writeSavedTable(*c.savedFile);
+        const QString path = rig.savedTablePath();
+        const QString target = rig.resources.filePath(QStringLiteral("elsewhere.plist"));
+        placeSavedTable(rig, c.atPath, c.savedFile, target);
         AppDelegate& shell = rig.launch();
-        EXPECT_EQ(shell.referenceTable(), c.loaded) << c.name;
+        EXPECT_EQ(shell.referenceTable(), c.loaded);
         shell.applicationWillTerminate();
-        EXPECT_EQ(ReferenceTable::arrayWithContentsOfFile(rig.savedTablePath()), c.written) << c.name;
-        const QString aside = rig.savedTablePath() + QStringLiteral(".unreadable");
-        EXPECT_EQ(QFileInfo::exists(aside), c.keptAside) << c.name;
-        if (c.keptAside) {
-            QFile f(aside);
-            ASSERT_TRUE(f.open(QIODevice::ReadOnly));
-            EXPECT_EQ(f.readAll(), *c.savedFile) << "the user's bytes, untouched";
-        }
+
+        EXPECT_EQ(ReferenceTable::arrayWithContentsOfFile(path), c.written);
+        EXPECT_EQ(modeAt(path), S_IFREG | 0600u)
+            << "a regular file, for the user alone: it holds login codes";
+
+        // Kept aside as it was: a link stays a link, a FIFO a FIFO, a file keeps its bytes.
+        const QString aside = path + QStringLiteral(".unreadable");
+        const mode_t keptKind = c.atPath == AtPath::Link   ? S_IFLNK
+                                : c.atPath == AtPath::Fifo ? S_IFIFO
+                                                           : S_IFREG;
+        EXPECT_EQ(modeAt(aside) & S_IFMT, c.keptAside ? keptKind : 0);
+        if (!c.keptAside || c.atPath == AtPath::Fifo) continue;
+        QFile f(c.atPath == AtPath::Link ? target : aside);
+        ASSERT_TRUE(f.open(QIODevice::ReadOnly));
+        EXPECT_EQ(f.readAll(), c.savedFile) << "the user's bytes, untouched";
     }
 }
 

@@ -28,6 +28,9 @@ TEST(ReceiverToolTip, TextListsNameSignalAndAge) {
         {"never heard, clock behind",
          {{QStringLiteral("A"), -40, std::nullopt}, {QStringLiteral("B"), -41, now + 5000}},
          QStringLiteral("Lumerix\nA \u2014 \u221240 dBm\nB \u2014 \u221241 dBm, 0 s ago")},
+        {"a name cannot add lines or escapes",
+         {{QStringLiteral("A\nB\x1b[2J"), -40, std::nullopt}},
+         QStringLiteral("Lumerix\nA\uFFFDB\uFFFD[2J \u2014 \u221240 dBm")},
     };
     for (const Case& k : cases) {
         SCOPED_TRACE(k.name);
