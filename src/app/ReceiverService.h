@@ -49,7 +49,7 @@ private:
     QList<Listed> listed() const;
     // The receiver the query names, connected; its identifier (or name, for a saved one).
     std::optional<QString> connect(const QString& query);
-    void receiversMayHaveChanged();
+    void emitIfChanged();
 
     AppDelegate& delegate_;
     Throttle changed_;

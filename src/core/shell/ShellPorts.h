@@ -142,6 +142,8 @@ public:
     virtual LumerixHandler_Delegate* delegate() const = 0;
     // The wrapped handler, when there is one (null in tests).
     virtual std::shared_ptr<QVLumerixHandler> handler() const { return nullptr; }
+    // The shell no longer lists the item (it aged out): the handler may let it go.
+    virtual void forgetItem(const QVLumerixItemRef& item) {}
 };
 // Makes a fresh handler (at awakening and on every wake).
 using LumerixScanningFactory = std::function<std::unique_ptr<LumerixScanning>()>;

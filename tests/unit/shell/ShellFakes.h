@@ -74,6 +74,7 @@ public:
 struct HandlerLog {
     std::vector<bool> calls;  // scanForLumerixService arguments
     LumerixHandler_Delegate* delegate = nullptr;
+    std::vector<QVLumerixItemRef> forgotten;  // forgetItem arguments
     bool alive = true;
 };
 
@@ -93,6 +94,7 @@ public:
     }
     void setDelegate(LumerixHandler_Delegate* d) override { log_->delegate = d; }
     LumerixHandler_Delegate* delegate() const override { return log_->delegate; }
+    void forgetItem(const QVLumerixItemRef& item) override { log_->forgotten.push_back(item); }
 
 private:
     std::shared_ptr<HandlerLog> log_;
