@@ -392,6 +392,10 @@ void QVLumerixHandler::decrytLumerixItem(const QVLumerixItemRef& item,
     if (const auto previous = item->advertisedData(); previous && *previous == record) return;
     const qsizetype n = record.size();
     if (n < 4) return;
+    // Decoding is a function of the record and what it left in the item: the same record again
+    // changes nothing once the item is resolved (decay clears that, and then it runs anew).
+    if (item->hasResolved() && record == item->lastDecodedRecord()) return;
+    item->setLastDecodedRecord(record);
 
     const auto segmentByte = static_cast<uint8_t>(record[2]);
     const int segmentCount = segmentByte >> 4;

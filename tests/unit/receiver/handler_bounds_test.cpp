@@ -80,5 +80,18 @@ TEST(HandlerBounds, AFullTableDropsItsWeakestItemButNeverTheClosest) {
     EXPECT_EQ(h.delegate.events("forget").size(), 2u);
 }
 
+// A repeated record is not decoded again, but an item the decay rule unresolved is.
+TEST(HandlerBounds, ARepeatedRecordResolvesAgainAfterDecay) {
+    HandlerHarness h;
+    h.advertise(deviceId(1), 0, kRoom);  // accepted, and the decay rule unresolves it 3 s later
+    h.advertise(deviceId(1), 0, kRoom);
+    EXPECT_EQ(h.delegate.values("status"), std::vector<int>{LumerixItemResolved});
+    h.time->advance(3000.0);
+    ASSERT_FALSE(h.item(deviceId(1))->hasResolved());
+    h.advertise(deviceId(1), -50, kRoom);
+    EXPECT_EQ(h.delegate.values("status"), (std::vector<int>{LumerixItemResolved, LumerixItemResolved}));
+    EXPECT_EQ(h.item(deviceId(1))->receiverName().value_or(QString()), QStringLiteral("Room"));
+}
+
 }  // namespace
 }  // namespace lumerix::test
