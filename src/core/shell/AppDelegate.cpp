@@ -439,23 +439,7 @@ void AppDelegate::UpdateMenu() {
         for (const MenuItemRef& entry : receiverItems_) {
             if (entry) m_pMenuList.push_back(entry);
         }
-        if (m_pStatusMenu) {
-            rows_.clear();
-            size_t fixed = 0;
-            size_t next = 0;
-            for (;;) {
-                while (next < n && !receiverItems_[next]) ++next;
-                const bool receiverRow = next < n && next == rows_.size();
-                if (!receiverRow && fixed < fixedItems_.size()) {
-                    rows_.push_back(fixedItems_[fixed++]);
-                } else if (next < n) {
-                    rows_.push_back(receiverItems_[next++]);
-                } else {
-                    break;
-                }
-            }
-            m_pStatusMenu->setItems(rows_);
-        }
+        if (m_pStatusMenu) layOutMenuRows();
     }
 
     if (m_pStatusItem) {
@@ -463,6 +447,25 @@ void AppDelegate::UpdateMenu() {
         m_pStatusItem->setMenu(m_pStatusMenu);
     }
     if (toolTip_) toolTip_->setNeedsUpdate();
+}
+
+void AppDelegate::layOutMenuRows() {
+    const size_t n = receiverItems_.size();
+    rows_.clear();
+    size_t fixed = 0;
+    size_t next = 0;
+    for (;;) {
+        while (next < n && !receiverItems_[next]) ++next;
+        const bool receiverRow = next < n && next == rows_.size();
+        if (!receiverRow && fixed < fixedItems_.size()) {
+            rows_.push_back(fixedItems_[fixed++]);
+        } else if (next < n) {
+            rows_.push_back(receiverItems_[next++]);
+        } else {
+            break;
+        }
+    }
+    m_pStatusMenu->setItems(rows_);
 }
 
 void AppDelegate::OnTimer(const DispatchTimerRef& timer) {

@@ -143,6 +143,8 @@ private:
     void listChanged();
     void refreshList();
     void unlist(const QVLumerixItemRef& item);
+    // The menu's rows: each receiver entry at its list position, the fixed entries around them.
+    void layOutMenuRows();
 
     ShellEnvironment env_;
     // Tasks posted to the main queue from other threads hold it weakly. Declared before the
