@@ -33,7 +33,9 @@ HeadlessSession::HeadlessSession(const ScanSource& source)
 
 HeadlessSession::~HeadlessSession() {
     alive_.reset();
-    handler_->setDelegate(nullptr);
+    // Joined before the main queue below goes: otherwise the evaluation thread could hold the
+    // last reference and tear the handler down after it.
+    handler_->shutDown();
     handler_.reset();
 }
 

@@ -14,9 +14,10 @@ QString text(const std::optional<QString>& value) { return value.value_or(QStrin
 }  // namespace
 
 ReceiverService::ReceiverService(AppDelegate& delegate, DispatchQueue& mainQueue)
-    : delegate_(delegate), changed_(mainQueue, kChangeIntervalMs, [this] { Q_EMIT ReceiversChanged(); }) {
+    : delegate_(delegate), changed_(mainQueue, kChangeIntervalMs, [this] { emitIfChanged(); }) {
     qDBusRegisterMetaType<QList<QVariantMap>>();
-    delegate_.setReceiversObserver([this] { receiversMayHaveChanged(); });
+    // Told of every change of the list; the list is looked at once a second at most.
+    delegate_.setReceiversObserver([this] { changed_.trigger(); });
 }
 
 ReceiverService::~ReceiverService() { delegate_.setReceiversObserver(nullptr); }
@@ -151,18 +152,20 @@ QString ReceiverService::ConnectNearest() {
     return connect(QLatin1String(kNearestReceiver)).value_or(QString());
 }
 
-void ReceiverService::receiversMayHaveChanged() {
-    // Signal strength and time seen change with every advertisement; only the rest counts.
+void ReceiverService::emitIfChanged() {
+    // Signal strength and time seen change with every advertisement; only the rest counts. The
+    // saved entries do not change while the tray runs.
     QString shape;
-    for (const Listed& l : listed()) {
-        shape += l.entry.value(QStringLiteral("identifier")).toString() + QLatin1Char('\x1f') +
-                 l.entry.value(QStringLiteral("name")).toString() + QLatin1Char('\x1f') +
-                 l.entry.value(QStringLiteral("ip")).toString() + QLatin1Char('\x1f') +
-                 l.entry.value(QStringLiteral("loginCode")).toString() + QLatin1Char('\x1e');
+    for (const QVLumerixItemRef& item : delegate_.discoveredDeviceAry()) {
+        const QVLumerixItem::ConnectionDetails details = item->connectionDetails();
+        shape += (item->peripheral() ? item->peripheral()->identifier() : text(item->shortenedUUID())) +
+                 QLatin1Char('\x1f') + text(details.receiverName) + QLatin1Char('\x1f') +
+                 text(details.ipAddress) + QLatin1Char('\x1f') + text(details.loginCode) +
+                 QLatin1Char('\x1e');
     }
     if (shape == lastShape_) return;
     lastShape_ = shape;
-    changed_.trigger();
+    Q_EMIT ReceiversChanged();
 }
 
 }  // namespace lumerix

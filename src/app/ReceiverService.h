@@ -61,7 +61,7 @@ private:
     // The receiver the query names, connected; its identifier (or name, for a saved one).
     std::optional<QString> connect(const QString& query);
     std::optional<QString> connectListed(const Listed& l);
-    void receiversMayHaveChanged();
+    void emitIfChanged();
 
     AppDelegate& delegate_;
     Throttle changed_;

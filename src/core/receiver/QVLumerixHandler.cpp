@@ -57,6 +57,12 @@ std::shared_ptr<QVLumerixHandler> QVLumerixHandler::create(HandlerEnvironment en
     // make a queue join its own thread, so in that case the teardown moves to the main queue.
     auto raw = std::make_unique<QVLumerixHandler>(std::move(env));
     return std::shared_ptr<QVLumerixHandler>(raw.release(), [](QVLumerixHandler* handler) {
+        // Once shut down nothing of the handler runs on its queues, and the main queue may be
+        // gone already: not a queue is asked anything.
+        if (handler->shutDown_.load()) {
+            delete handler;
+            return;
+        }
         DispatchQueue* main = handler->env_.mainQueue;
         const bool onOwnQueue = (handler->scanningQueue_ && handler->scanningQueue_->isCurrent()) ||
                                 (handler->evaluatingQueue_ && handler->evaluatingQueue_->isCurrent());
@@ -103,14 +109,7 @@ QVLumerixHandler::QVLumerixHandler(HandlerEnvironment env) : env_(std::move(env)
 }
 
 QVLumerixHandler::~QVLumerixHandler() {
-    cancelRescan();
-    // The central goes first so no callback arrives on a half-destroyed handler.
-    // A central's destructor waits for a callback it is running, and callbacks that start later see
-    // no central.
-    cbCM_.store(nullptr, std::memory_order_release);
-    cbCMOwner_.reset();
-    scanningQueue_.reset();
-    evaluatingQueue_.reset();
+    shutDown();
     // Items may outlive the handler (the shell keeps them); their decay timers must not point at
     // the evaluation queue that is now gone.
     std::vector<QVLumerixItemRef> items;
@@ -127,6 +126,28 @@ QVLumerixHandler::~QVLumerixHandler() {
         item->setDecayingGCDTimer(nullptr);
         item->setDecayingQueue(nullptr);
     }
+}
+
+void QVLumerixHandler::shutDown() {
+    const bool onOwnQueue = (scanningQueue_ && scanningQueue_->isCurrent()) ||
+                            (evaluatingQueue_ && evaluatingQueue_->isCurrent());
+    if (onOwnQueue) {
+        // A queue cannot join its own thread; the owner's later call (or the deleter's hop to the
+        // main queue) finishes the job.
+        Log::logf("QVLumerixHandler: shut down from its own queue; left to its owner");
+        return;
+    }
+    if (shutDown_.exchange(true)) return;
+    setDelegate(nullptr);
+    cancelRescan();
+    // The central goes first so no callback arrives on a half-stopped handler. A central's
+    // destructor waits for a callback it is running, and callbacks that start later see no
+    // central.
+    cbCM_.store(nullptr, std::memory_order_release);
+    cbCMOwner_.reset();
+    // Joined: the task running now finishes, queued ones (decay ticks included) are dropped.
+    scanningQueue_.reset();
+    evaluatingQueue_.reset();
 }
 
 // --- scanning ---------------------------------------------------------------------------------
@@ -204,6 +225,7 @@ void QVLumerixHandler::centralManagerDidDiscoverPeripheral(const BlePeripheralRe
                                                            const AdvertisementData& advertisementData,
                                                            double rssi) {
     if (!peripheral || !advertisementData.localName || *advertisementData.localName != kLocalNameLX) return;
+    if (!evaluatingQueue_) return;  // shut down
     std::weak_ptr<QVLumerixHandler> weak = weak_from_this();
     evaluatingQueue_->async([weak, peripheral, advertisementData, rssi] {
         if (auto self = weak.lock()) self->evaluateAdvertisement(peripheral, advertisementData, rssi);
@@ -216,7 +238,7 @@ void QVLumerixHandler::centralManagerDidDiscoverPeripherals(const std::vector<Bl
         if (d.peripheral && d.advertisementData.localName && *d.advertisementData.localName == kLocalNameLX)
             named.push_back(d);
     }
-    if (named.empty()) return;
+    if (named.empty() || !evaluatingQueue_) return;
     std::weak_ptr<QVLumerixHandler> weak = weak_from_this();
     evaluatingQueue_->async([weak, named = std::move(named)] {
         auto self = weak.lock();
@@ -231,6 +253,83 @@ void QVLumerixHandler::centralManagerDidDiscoverPeripherals(const std::vector<Bl
         self->dispatchToMainThreadIfNeccessary([blocks = std::move(toMain)] {
             for (const auto& block : blocks) block();
         });
+    });
+}
+
+void QVLumerixHandler::centralManagerDidForgetPeripheral(const BlePeripheralRef& peripheral) {
+    DispatchQueue* queue = evaluatingQueue_.get();
+    if (!peripheral || !queue) return;
+    std::weak_ptr<QVLumerixHandler> weak = weak_from_this();
+    queue->async([weak, key = peripheral->identifier()] {
+        if (auto self = weak.lock()) self->dropItem(key, nullptr);
+    });
+}
+
+void QVLumerixHandler::forgetItem(const QVLumerixItemRef& item) {
+    DispatchQueue* queue = evaluatingQueue_.get();
+    if (!item || !item->peripheral() || !queue || shutDown_.load()) return;
+    std::weak_ptr<QVLumerixHandler> weak = weak_from_this();
+    queue->async([weak, key = item->peripheral()->identifier(), item] {
+        if (auto self = weak.lock()) self->dropItem(key, item);
+    });
+}
+
+size_t QVLumerixHandler::itemCount() {
+    std::lock_guard lock(itemLock_);
+    return static_cast<size_t>(discoveredDeviceInfo_.size());
+}
+
+void QVLumerixHandler::dropItem(const QString& key, const QVLumerixItemRef& item) {
+    QVLumerixItemRef dropped;
+    {
+        std::lock_guard lock(itemLock_);
+        const auto it = discoveredDeviceInfo_.find(key);
+        if (it == discoveredDeviceInfo_.end() || (item && it.value() != item)) return;
+        dropped = it.value();
+        discoveredDeviceInfo_.erase(it);
+    }
+    itemsDropped({std::move(dropped)});
+}
+
+void QVLumerixHandler::evictWeakestLocked(std::vector<QVLumerixItemRef>& evicted,
+                                          const QVLumerixItemRef& closest,
+                                          const QVLumerixItemRef& connected) {
+    // Strength as the menu orders by; no valid reading counts as weakest, and among equals the
+    // one heard longest ago goes. The closest and the connected receiver stay.
+    auto weakest = discoveredDeviceInfo_.end();
+    double weakestRssi = 0;
+    double weakestHeard = 0;
+    for (auto it = discoveredDeviceInfo_.begin(); it != discoveredDeviceInfo_.end(); ++it) {
+        const QVLumerixItemRef& candidate = it.value();
+        if (candidate == closest || candidate == connected) continue;
+        const double rssi = candidate->isValid() ? candidate->aveRssi() : -1000.0;
+        const double heard = candidate->discoveredTimeStamp();
+        if (weakest == discoveredDeviceInfo_.end() || rssi < weakestRssi ||
+            (rssi == weakestRssi && heard < weakestHeard)) {
+            weakest = it;
+            weakestRssi = rssi;
+            weakestHeard = heard;
+        }
+    }
+    if (weakest == discoveredDeviceInfo_.end()) return;
+    evicted.push_back(weakest.value());
+    discoveredDeviceInfo_.erase(weakest);
+}
+
+void QVLumerixHandler::itemsDropped(std::vector<QVLumerixItemRef> items) {
+    for (const QVLumerixItemRef& item : items) {
+        GCDTimer::cancelDispatchedTimer(item->decayingGCDTimer());
+        item->setDecayingGCDTimer(nullptr);
+        if (closestPeer() == item) resetClosestItem();
+    }
+    if (!delegate()) return;
+    std::weak_ptr<QVLumerixHandler> weak = weak_from_this();
+    dispatchToMainThreadIfNeccessary([weak, items = std::move(items)] {
+        auto self = weak.lock();
+        if (!self) return;
+        if (auto* d = self->delegate()) {
+            for (const QVLumerixItemRef& item : items) d->lumerixDidForgetItem(item);
+        }
     });
 }
 
@@ -259,10 +358,26 @@ QVLumerixItemRef QVLumerixHandler::discoverPeripheral(const BlePeripheralRef& pe
     if (!item) {
         item = QVLumerixItem::initWithPeripheral(peripheral, env_.clock);
         item->setDecayingQueue(evaluatingQueue_.get());
-        setItem(item, key);
-        std::lock_guard lock(itemLock_);
-        std::erase_if(createdItems_, [](const std::weak_ptr<QVLumerixItem>& w) { return w.expired(); });
-        createdItems_.push_back(item);
+        std::vector<QVLumerixItemRef> evicted;
+        {
+            // The peers are read first: no other lock is taken while itemLock_ is held.
+            const QVLumerixItemRef closest = closestPeer();
+            const QVLumerixItemRef connected = connectedPeer();
+            std::lock_guard lock(itemLock_);
+            while (static_cast<size_t>(discoveredDeviceInfo_.size()) >= kMaxItems) {
+                const size_t before = evicted.size();
+                evictWeakestLocked(evicted, closest, connected);
+                if (evicted.size() == before) break;
+            }
+            discoveredDeviceInfo_.insert(key, item);
+            if (createdItems_.size() >= createdSweepAt_) {
+                std::erase_if(createdItems_,
+                              [](const std::weak_ptr<QVLumerixItem>& w) { return w.expired(); });
+                createdSweepAt_ = std::max<size_t>(kMaxItems, createdItems_.size() * 2);
+            }
+            createdItems_.push_back(item);
+        }
+        if (!evicted.empty()) itemsDropped(std::move(evicted));
     }
     item->discoveredRssi(rssi, data);
     return item;
@@ -277,6 +392,10 @@ void QVLumerixHandler::decrytLumerixItem(const QVLumerixItemRef& item,
     if (const auto previous = item->advertisedData(); previous && *previous == record) return;
     const qsizetype n = record.size();
     if (n < 4) return;
+    // Decoding is a function of the record and what it left in the item: the same record again
+    // changes nothing once the item is resolved (decay clears that, and then it runs anew).
+    if (item->hasResolved() && record == item->lastDecodedRecord()) return;
+    item->setLastDecodedRecord(record);
 
     const auto segmentByte = static_cast<uint8_t>(record[2]);
     const int segmentCount = segmentByte >> 4;

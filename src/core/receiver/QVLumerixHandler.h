@@ -32,6 +32,9 @@ public:
     // lumerixItem:statusDidChange:
     virtual void lumerixItem(const QVLumerixItemRef& item, int status) {}
     virtual void lumerixOnError(int code) {}
+    // The handler let go of the item (the central forgot its device, or the table was full and it
+    // was the weakest): it will not be reported again. Main thread.
+    virtual void lumerixDidForgetItem(const QVLumerixItemRef& item) {}
 };
 
 // What a handler is built from; production and tests differ only here.
@@ -56,6 +59,9 @@ public:
     // after the handler is made: callers retry this many times this far apart (half a second).
     static constexpr int kScanRetryCount = 50;
     static constexpr std::chrono::microseconds kScanRetryPause{10000};
+    // The item table holds at most this many receivers; a new one beyond it pushes out the
+    // weakest, so a flood of advertisers cannot grow memory or per-advertisement work.
+    static constexpr size_t kMaxItems = 256;
 
     // Plain construction (init). The handler must be owned through this shared pointer: queued
     // blocks reach it through weak references.
@@ -67,6 +73,12 @@ public:
     explicit QVLumerixHandler(HandlerEnvironment env);
     ~QVLumerixHandler() override;
 
+    // Stops the central and joins the scan and evaluation queues: afterwards no work of this
+    // handler runs anywhere, and nothing it queued on the main queue finds it alive. Call from
+    // the owner's thread (never from the handler's own queues) before whatever the handler calls
+    // into goes away. The destructor does it too; calling it twice is harmless.
+    void shutDown();
+
     // Scanning (main thread).
     bool scanForLumerixService(bool start);
     void rescan();
@@ -75,6 +87,10 @@ public:
     // Item table and closest item.
     QVLumerixItemRef getItemByUUID(const QString& uuid);
     void setItem(const QVLumerixItemRef& item, const QString& uuid);  // null removes
+    // Drops the item from the table and stops its decay timer, on the evaluation queue, if the
+    // table still holds that very item (the shell aged it out). Any thread.
+    void forgetItem(const QVLumerixItemRef& item);
+    size_t itemCount();
     QVLumerixItemRef itemAtAddress(const QString& address);
     void compareClosestItemWithItem(const QVLumerixItemRef& item);
     bool hasClosestItem();
@@ -120,6 +136,7 @@ public:
                                                   const std::optional<BleError>& error) override;
     void centralManagerDidDisconnectPeripheral(const BlePeripheralRef& peripheral,
                                                const std::optional<BleError>& error) override;
+    void centralManagerDidForgetPeripheral(const BlePeripheralRef& peripheral) override;
     // BlePeripheralDelegate.
     void peripheralDidDiscoverServices(BlePeripheral& peripheral,
                                        const std::optional<BleError>& error) override;
@@ -159,6 +176,13 @@ private:
     void startScanning(BleCentral& central);  // scan with duplicates, then schedule the next rescan
     void scheduleRescan();
     void cancelRescan();
+    // Evaluation queue only. Removes the table entry under key when it is `item` (any item when
+    // null), stops its decay timer and tells the delegate.
+    void dropItem(const QString& key, const QVLumerixItemRef& item);
+    // Moves the weakest entry, neither closest nor connected, out of the table into `evicted`.
+    void evictWeakestLocked(std::vector<QVLumerixItemRef>& evicted, const QVLumerixItemRef& closest,
+                            const QVLumerixItemRef& connected);
+    void itemsDropped(std::vector<QVLumerixItemRef> items);
 
     HandlerEnvironment env_;
     std::mutex itemLock_;
@@ -170,6 +194,7 @@ private:
     QHash<QString, QVLumerixItemRef> discoveredDeviceInfo_;  // guarded by itemLock_
     // Every item this handler made, so teardown can stop their decay timers; guarded by itemLock_.
     std::vector<std::weak_ptr<QVLumerixItem>> createdItems_;
+    size_t createdSweepAt_ = kMaxItems;  // createdItems_ drops expired entries when it reaches this
     std::atomic<bool> autoDisconnectAfterResolve_{true};
     std::atomic<LumerixHandler_Delegate*> delegate_{nullptr};
     std::atomic<int> mCurrentState_{0};
@@ -177,6 +202,7 @@ private:
     mutable std::mutex peerMutex_;  // guards connectedPeer_ and closestPeer_
     QVLumerixItemRef connectedPeer_;
     QVLumerixItemRef closestPeer_;
+    std::atomic<bool> shutDown_{false};
     std::mutex rescanMutex_;
     TaskHandle rescanHandle_;
 };

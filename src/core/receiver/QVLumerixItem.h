@@ -134,6 +134,11 @@ public:
 
     const Clock& clock() const { return *clock_; }
 
+    // The manufacturer record decoded last. Read and written by the decoder on the evaluation
+    // queue only, so that a receiver repeating its record costs no decryption.
+    const QByteArray& lastDecodedRecord() const { return lastDecodedRecord_; }
+    void setLastDecodedRecord(const QByteArray& record) { lastDecodedRecord_ = record; }
+
 private:
     void cancelTimerLocked(bool clearReference);
 
@@ -166,6 +171,7 @@ private:
     std::optional<QString> wifiSSID_;
     std::optional<QString> receiverName_;
     std::atomic<uint64_t> detailsRevision_{0};
+    QByteArray lastDecodedRecord_;
 };
 using QVLumerixItemRef = std::shared_ptr<QVLumerixItem>;
 

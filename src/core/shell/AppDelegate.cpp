@@ -25,11 +25,6 @@ const QString kKeyDeviceName = QStringLiteral("DeviceName");
 const QString kKeyWiFiSSID = QStringLiteral("WiFiSSID");
 const QString kKeyWiFiKey = QStringLiteral("WiFiKey");
 
-bool sameReceiver(const std::optional<QString>& a, const std::optional<QString>& b) {
-    // Items without an identifier never match, so each one is listed on its own.
-    return a && b && !a->isEmpty() && *a == *b;
-}
-
 // The receiver's name for a notification, as the menu shows it.
 QString receiverLabel(const ConnectionInfo& info) {
     const auto name = info.constFind(QStringLiteral("DeviceName"));
@@ -64,9 +59,14 @@ AppDelegate::AppDelegate(ShellEnvironment env) : env_(std::move(env)) {
     m_pDictTargetDevice.setClock(env_.clock);
     m_listener = std::make_unique<CommandListener>(
         m_pDictTargetDevice, m_bAppIsClosing, env_.listenerPort.value_or(kSenderCommandPort), env_.peers);
+    if (env_.mainQueue) {
+        listRefresh_ =
+            std::make_unique<Throttle>(*env_.mainQueue, kListRefreshIntervalMs, [this] { refreshList(); });
+    }
 }
 
 AppDelegate::~AppDelegate() {
+    listRefresh_.reset();
     toolTip_.reset();
     if (m_pCheckTimeoutTimer) m_pCheckTimeoutTimer->cancel();
     m_pCheckTimeoutTimer.reset();
@@ -93,6 +93,8 @@ void AppDelegate::awakeFromNib() {
     m_pMenuList.clear();
     m_pDiscoveredDevice.clear();
     m_pDiscoveredDeviceAry.clear();
+    listedCount_.clear();
+    listedByIdentifier_.clear();
     fixedItemsStale_ = true;
     shownRows_.clear();
     receiverTitles_.clear();
@@ -437,10 +439,14 @@ void AppDelegate::UpdateMenu() {
         fixedItemsStale_ = false;
     }
     receiverItems_.resize(n);
+    size_t named = 0;
     for (size_t i = 0; i < n; ++i) {
         const std::optional<QString>& title = receiverTitles_[i];
         MenuItemRef& entry = receiverItems_[i];
-        if (!title) {
+        // Past the row limit a named receiver is left out like an unnamed one.
+        const bool shown = title && named < kMaxReceiverRows;
+        if (shown) ++named;
+        if (!shown) {
             changed = changed || entry != nullptr;
             entry.reset();
         } else if (!entry || !sameText(entry->title(), title)) {
@@ -459,23 +465,7 @@ void AppDelegate::UpdateMenu() {
         for (const MenuItemRef& entry : receiverItems_) {
             if (entry) m_pMenuList.push_back(entry);
         }
-        if (m_pStatusMenu) {
-            rows_.clear();
-            size_t fixed = 0;
-            size_t next = 0;
-            for (;;) {
-                while (next < n && !receiverItems_[next]) ++next;
-                const bool receiverRow = next < n && next == rows_.size();
-                if (!receiverRow && fixed < fixedItems_.size()) {
-                    rows_.push_back(fixedItems_[fixed++]);
-                } else if (next < n) {
-                    rows_.push_back(receiverItems_[next++]);
-                } else {
-                    break;
-                }
-            }
-            m_pStatusMenu->setItems(rows_);
-        }
+        if (m_pStatusMenu) layOutMenuRows();
     }
 
     if (m_pStatusItem) {
@@ -485,46 +475,104 @@ void AppDelegate::UpdateMenu() {
     if (toolTip_) toolTip_->setNeedsUpdate();
 }
 
+void AppDelegate::layOutMenuRows() {
+    const size_t n = receiverItems_.size();
+    rows_.clear();
+    size_t fixed = 0;
+    size_t next = 0;
+    for (;;) {
+        while (next < n && !receiverItems_[next]) ++next;
+        const bool receiverRow = next < n && next == rows_.size();
+        if (!receiverRow && fixed < fixedItems_.size()) {
+            rows_.push_back(fixedItems_[fixed++]);
+        } else if (next < n) {
+            rows_.push_back(receiverItems_[next++]);
+        } else {
+            break;
+        }
+    }
+    m_pStatusMenu->setItems(rows_);
+}
+
 void AppDelegate::OnTimer(const DispatchTimerRef& timer) {
     if (!timer || timer != m_pCheckTimeoutTimer) return;
     if (m_pDiscoveredDeviceAry.empty()) return;
     const double nowMs = env_.clock->nowMs();
-    bool removed = false;
-    for (size_t i = m_pDiscoveredDeviceAry.size(); i-- > 0;) {
-        const auto alive = m_pDiscoveredDeviceAry[i]->aliveDuration();
-        if (alive && nowMs - *alive > kReceiverTimeoutMs) {
-            m_pDiscoveredDeviceAry.erase(m_pDiscoveredDeviceAry.begin() + static_cast<std::ptrdiff_t>(i));
-            removed = true;
-        }
+    std::vector<QVLumerixItemRef> aged;
+    std::erase_if(m_pDiscoveredDeviceAry, [&](const QVLumerixItemRef& item) {
+        const auto alive = item->aliveDuration();
+        if (!alive || nowMs - *alive <= kReceiverTimeoutMs) return false;
+        aged.push_back(item);
+        return true;
+    });
+    if (aged.empty()) return;
+    for (const QVLumerixItemRef& item : aged) {
+        unlist(item);
+        // Not heard for a while: the handler need not keep it (nor its decay timer) either.
+        if (m_pLumerix) m_pLumerix->forgetItem(item);
     }
-    if (removed) notifyReceiversChanged();
+    notifyReceiversChanged();
+}
+
+void AppDelegate::unlist(const QVLumerixItemRef& item) {
+    const auto count = listedCount_.find(item.get());
+    if (count != listedCount_.end() && --count->second <= 0) listedCount_.erase(count);
+    if (const auto uuid = item->shortenedUUID()) {
+        const auto it = listedByIdentifier_.constFind(*uuid);
+        if (it != listedByIdentifier_.constEnd() && it.value() == item.get()) listedByIdentifier_.erase(it);
+    }
 }
 
 void AppDelegate::lumerixDidDiscoverItem(const QVLumerixItemRef& item) {
     if (!item) return;
-    // Entries with an identifier are unique in the list, so finding the very object first is
-    // the same as finding the first entry with its identifier, without comparing strings.
+    // Entries with an identifier are unique in the list: the very object is already there, or
+    // an older object for the same receiver is replaced in place, or the item goes last.
     const std::optional<QString> uuid = item->shortenedUUID();
     const bool identified = uuid && !uuid->isEmpty();
-    bool replaced = false;
-    if (identified) {
-        for (QVLumerixItemRef& entry : m_pDiscoveredDeviceAry) {
-            if (entry == item) {
-                replaced = true;
-                break;
+    if (!identified || !listedCount_.contains(item.get())) {
+        bool replaced = false;
+        if (identified) {
+            if (const auto it = listedByIdentifier_.constFind(*uuid); it != listedByIdentifier_.constEnd()) {
+                const QVLumerixItem* old = it.value();
+                for (QVLumerixItemRef& entry : m_pDiscoveredDeviceAry) {
+                    if (entry.get() != old) continue;
+                    listedCount_.erase(old);
+                    entry = item;
+                    replaced = true;
+                    break;
+                }
             }
+            listedByIdentifier_.insert(*uuid, item.get());
         }
-        for (size_t i = 0; !replaced && i < m_pDiscoveredDeviceAry.size(); ++i) {
-            if (sameReceiver(m_pDiscoveredDeviceAry[i]->shortenedUUID(), uuid)) {
-                m_pDiscoveredDeviceAry[i] = item;
-                replaced = true;
-            }
-        }
+        if (!replaced) m_pDiscoveredDeviceAry.push_back(item);
+        ++listedCount_[item.get()];
     }
-    if (!replaced) m_pDiscoveredDeviceAry.push_back(item);
+    orderStale_ = true;
+    listChanged();
+}
 
-    m_pDiscoveredDeviceAry = reorderBySignalStrength(std::move(m_pDiscoveredDeviceAry),
-                                                     [](const QVLumerixItemRef& e) { return e->aveRssi(); });
+void AppDelegate::lumerixDidForgetItem(const QVLumerixItemRef& item) {
+    if (!item || !listedCount_.contains(item.get())) return;
+    std::erase(m_pDiscoveredDeviceAry, item);
+    listedCount_.erase(item.get());
+    unlist(item);
+    listChanged();
+}
+
+void AppDelegate::listChanged() {
+    if (listRefresh_) {
+        listRefresh_->trigger();
+    } else {
+        refreshList();
+    }
+}
+
+void AppDelegate::refreshList() {
+    if (orderStale_) {
+        m_pDiscoveredDeviceAry = reorderBySignalStrength(
+            std::move(m_pDiscoveredDeviceAry), [](const QVLumerixItemRef& e) { return e->aveRssi(); });
+        orderStale_ = false;
+    }
     UpdateMenuOfStatusBar();
     notifyReceiversChanged();
 }

@@ -8,6 +8,7 @@
 // switched back on, the adapter plugged back, bluetoothd restarted), scanning starts again as at
 // launch.
 #include <QByteArray>
+#include <QHash>
 #include <QVariantList>
 #include <atomic>
 #include <functional>
@@ -17,6 +18,7 @@
 #include <vector>
 
 #include "dispatch/DispatchTimer.h"
+#include "dispatch/Throttle.h"
 #include "receiver/QVLumerixItem.h"
 #include "sender/CommandListener.h"
 #include "sender/ConnectionInfo.h"
@@ -31,6 +33,12 @@ public:
     static constexpr double kMenuRebuildIntervalSeconds = 5.0;
     // A receiver not heard for longer than this leaves the list.
     static constexpr double kReceiverTimeoutMs = 20000.0;
+    // The menu lists at most this many receivers, the strongest; the others stay in the list
+    // (tooltip, D-Bus) but a flood of advertisers cannot make the menu unusable.
+    static constexpr size_t kMaxReceiverRows = 20;
+    // Discoveries are merged into the list at once, but the list is re-ordered and the menu
+    // rebuilt from them at most once per this interval.
+    static constexpr double kListRefreshIntervalMs = 250.0;
     static constexpr const char* kSenderProcessName = "Sharvane";
     static constexpr const char* kSenderBundleIdentifier = "com.Sharvane.Ondrel";
     static constexpr uint32_t kProcessIdCapacity = 3;
@@ -77,6 +85,7 @@ public:
     void lumerixClosestItemDidChange(const QVLumerixItemRef& item) override {}
     void lumerixItem(const QVLumerixItemRef& item, int status) override {}
     void lumerixOnError(int code) override {}
+    void lumerixDidForgetItem(const QVLumerixItemRef& item) override;
 
     // Sender link.
     void performMenuAction(const MenuItemRef& item) override;
@@ -137,6 +146,12 @@ private:
         if (receiversObserver_) receiversObserver_();
     }
     void keepUnreadableReferenceTable(const QString& path);
+    // The list changed: re-ordered, shown and announced by the next refresh.
+    void listChanged();
+    void refreshList();
+    void unlist(const QVLumerixItemRef& item);
+    // The menu's rows: each receiver entry at its list position, the fixed entries around them.
+    void layOutMenuRows();
 
     ShellEnvironment env_;
     // Tasks posted to the main queue from other threads hold it weakly. Declared before the
@@ -153,6 +168,12 @@ private:
     std::vector<MenuItemRef> m_pMenuList;
     QList<ReceiverDictionary> m_pDiscoveredDevice;
     std::vector<QVLumerixItemRef> m_pDiscoveredDeviceAry;
+    // What m_pDiscoveredDeviceAry holds, so that a discovery is merged without walking it: how
+    // often each item is listed, and the item listed under each identifier.
+    std::unordered_map<const QVLumerixItem*, int> listedCount_;
+    QHash<QString, const QVLumerixItem*> listedByIdentifier_;
+    bool orderStale_ = false;
+    std::unique_ptr<Throttle> listRefresh_;
     DispatchTimerRef m_pCheckTimeoutTimer;
     std::optional<QVariantList> m_pDefaultReferenceTable;
     MenuRef m_pStatusMenu;

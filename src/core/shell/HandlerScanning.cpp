@@ -8,7 +8,9 @@ namespace {
 class HandlerScanning final : public LumerixScanning {
 public:
     explicit HandlerScanning(std::shared_ptr<QVLumerixHandler> handler) : handler_(std::move(handler)) {}
-    ~HandlerScanning() override { handler_->setDelegate(nullptr); }
+    // The handler's threads are joined here, on the owner's thread, so the last reference can
+    // never be dropped by one of them once the shell and its main queue are gone.
+    ~HandlerScanning() override { handler_->shutDown(); }
 
     bool scanForLumerixService(bool start) override { return handler_->scanForLumerixService(start); }
     void setDelegate(LumerixHandler_Delegate* delegate) override { handler_->setDelegate(delegate); }
@@ -18,6 +20,7 @@ public:
         if (BleCentral* central = handler_->cbCM()) return central->state();
         return std::nullopt;
     }
+    void forgetItem(const QVLumerixItemRef& item) override { handler_->forgetItem(item); }
 
 private:
     std::shared_ptr<QVLumerixHandler> handler_;

@@ -158,6 +158,8 @@ public:
     virtual std::shared_ptr<QVLumerixHandler> handler() const { return nullptr; }
     // The central's state (BleState) when the handler has a central; nullopt before.
     virtual std::optional<int> centralState() const { return std::nullopt; }
+    // The shell no longer lists the item (it aged out): the handler may let it go.
+    virtual void forgetItem(const QVLumerixItemRef& item) {}
 };
 // Makes a fresh handler (at awakening and on every wake).
 using LumerixScanningFactory = std::function<std::unique_ptr<LumerixScanning>()>;

@@ -569,9 +569,13 @@ void BluezEngine::removeDevice(const QString& path, int disconnectError) {
     devices_.erase(it);
     paths_.erase(path.toStdString());
     if (connected) reportDisconnected(path, disconnectError);
-    // Keep the peripheral while an item still holds it, so the device keeps its object if it returns.
+    // Whatever the handler keeps for the device can go; a device that returns gets a new object.
     auto p = peripherals_.find(path);
-    if (p != peripherals_.end() && p->use_count() == 1) peripherals_.erase(p);
+    if (p == peripherals_.end()) return;
+    BlePeripheralRef peripheral = *p;
+    peripherals_.erase(p);
+    BleCentralDelegate* delegate = delegate_;
+    deliver([delegate, peripheral] { delegate->centralManagerDidForgetPeripheral(peripheral); });
 }
 
 QString BluezEngine::adapterPath() const { return bluez::defaultAdapterPath(adapters_.keys()); }

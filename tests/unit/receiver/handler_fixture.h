@@ -14,7 +14,7 @@
 namespace lumerix::test {
 
 struct DelegateEvent {
-    std::string kind;  // state, discover, closest, status, error
+    std::string kind;  // state, discover, closest, status, error, forget
     QVLumerixItemRef item;
     int value = 0;
     std::string queue;  // label of DispatchQueue::current() when it arrived
@@ -28,6 +28,7 @@ public:
     void lumerixClosestItemDidChange(const QVLumerixItemRef& item) override { add("closest", item, 0); }
     void lumerixItem(const QVLumerixItemRef& item, int status) override { add("status", item, status); }
     void lumerixOnError(int code) override { add("error", nullptr, code); }
+    void lumerixDidForgetItem(const QVLumerixItemRef& item) override { add("forget", item, 0); }
 
     std::vector<DelegateEvent> events(const std::string& kind) const {
         std::vector<DelegateEvent> out;

@@ -4,6 +4,7 @@
 
 #include <condition_variable>
 #include <future>
+#include <thread>
 
 #include "ble/SimulatedCentral.h"
 #include "dispatch/ThreadQueue.h"
@@ -95,6 +96,31 @@ TEST(HandlerThreads, ConcurrentAdvertisementsAndReaders) {
     evaluate->sync([] {});
     handler.reset();
     main.sync([] {});
+}
+
+// At exit the main queue goes before the evaluation thread would let go of its last reference
+// (it crashed in a pure virtual call on the dead queue): shutDown() joins the handler's threads so
+// the owner holds the last reference.
+TEST(HandlerThreads, ShutDownJoinsTheQueuesSoTheOwnerHoldsTheLastReference) {
+    auto main = std::make_unique<ThreadQueue>("main");
+    HandlerEnvironment env;
+    env.mainQueue = main.get();
+    env.makeQueue = [](const std::string& label) { return std::make_unique<ThreadQueue>(label); };
+    env.makeCentral = simulatedCentralFactory({});
+    auto handler = QVLumerixHandler::create(std::move(env));
+    std::promise<void> running;
+    // Holds a reference until the shut-down is under way (the central is let go first).
+    handler->evaluatingQueue()->async([keep = handler, &running] {
+        running.set_value();
+        while (keep->cbCM() != nullptr) std::this_thread::yield();
+    });
+    running.get_future().wait();
+    handler->shutDown();
+    EXPECT_EQ(handler.use_count(), 1);
+    EXPECT_EQ(handler->evaluatingQueue(), nullptr);
+    EXPECT_FALSE(handler->scanForLumerixService(true));
+    main.reset();
+    handler.reset();  // torn down here, without asking the queue that is gone
 }
 
 // The GATT read with central callbacks on the scan thread, decay timers on the evaluation thread and

@@ -305,6 +305,8 @@ TEST(AppDelegateMenu, AgingBoundaryIsStrictlyMoreThanTwentySeconds) {
         EXPECT_EQ(shell.discoveredDeviceAry().size(), 1u) << "no tick yet";
         rig.time->advance(1.0);
         EXPECT_EQ(shell.discoveredDeviceAry().size(), c.kept ? 1u : 0u) << c.ageAtTickMs;
+        // What the shell no longer lists, the handler may let go of.
+        EXPECT_EQ(rig.handlers[0]->forgotten.size(), c.kept ? 0u : 1u) << c.ageAtTickMs;
     }
 }
 
@@ -327,6 +329,56 @@ TEST(AppDelegateMenu, RebuildTickSkippedWhileMenuOpenButAgingGoesOn) {
     EXPECT_EQ(item.menuAttachCount, attached + 1);
     EXPECT_EQ(rig.menuRows().first(), QStringLiteral("---"));
     EXPECT_EQ(item.image->name(), QStringLiteral("Normal_Disable_Icon"));
+}
+
+TEST(AppDelegateMenu, AFloodOfReceiversIsShownInFewRebuildsAndFewRows) {
+    ShellRig rig;
+    writeDefaultTable(rig, twoReferenceEntries());
+    AppDelegate& shell = rig.launch();
+    const uint64_t revision = shell.statusMenu()->revision();
+    // 200 receivers heard in the same instant, weakest first.
+    const int count = 200;
+    for (int i = 0; i < count; ++i) {
+        shell.lumerixDidDiscoverItem(
+            rig.makeItem({QStringLiteral("00000000-0000-0000-0000-%1").arg(i, 12, 10, QLatin1Char('0')),
+                          -99.0 + i * 0.25, QStringLiteral("R%1").arg(i)}));
+    }
+    EXPECT_LE(shell.statusMenu()->revision() - revision, 1u) << "the first discovery may show at once";
+    rig.time->advance(AppDelegate::kListRefreshIntervalMs);
+    EXPECT_LE(shell.statusMenu()->revision() - revision, 2u);
+    ASSERT_EQ(shell.discoveredDeviceAry().size(), static_cast<size_t>(count));
+    EXPECT_EQ(shell.discoveredDevice().size(), count);
+
+    // Only the strongest receivers get rows, above the fixed entries.
+    const QStringList rows = rig.menuRows();
+    const auto shown = static_cast<qsizetype>(AppDelegate::kMaxReceiverRows);
+    ASSERT_EQ(rows.size(), shown + 5);
+    EXPECT_EQ(rows.first(), QStringLiteral("R%1").arg(count - 1));
+    EXPECT_EQ(rows.mid(shown), (QStringList{kBoardroom, kTraining, QStringLiteral("---"),
+                                            QStringLiteral("About"), QStringLiteral("Exit")}));
+    for (int i = 0; i < shown; ++i)
+        EXPECT_TRUE(rows[i].mid(1).toInt() >= count - shown) << rows[i].toStdString();
+    EXPECT_EQ(shell.menuList().size(), static_cast<size_t>(2 + shown));
+}
+
+TEST(AppDelegateMenu, AReceiverTheHandlerForgotLeavesTheList) {
+    ShellRig rig;
+    AppDelegate& shell = rig.launch();
+    const QVLumerixItemRef a = rig.discover({uuidFor(1), -50, QStringLiteral("A")});
+    rig.discover({uuidFor(2), -60, QStringLiteral("B")});
+    const QVLumerixItemRef stranger = rig.makeItem({uuidFor(1), -40, QStringLiteral("A")});
+    shell.lumerixDidForgetItem(stranger);  // another object for the same receiver: not this one
+    rig.time->advance(AppDelegate::kListRefreshIntervalMs);
+    EXPECT_EQ(shell.discoveredDeviceAry().size(), 2u);
+
+    shell.lumerixDidForgetItem(a);
+    rig.time->advance(AppDelegate::kListRefreshIntervalMs);
+    ASSERT_EQ(shell.discoveredDeviceAry().size(), 1u);
+    EXPECT_EQ(rig.menuRows().first(), QStringLiteral("B"));
+    // Heard again, it comes back as a new entry rather than replacing a stale one.
+    const QVLumerixItemRef again = rig.discover({uuidFor(1), -45, QStringLiteral("A")});
+    ASSERT_EQ(shell.discoveredDeviceAry().size(), 2u);
+    EXPECT_EQ(shell.discoveredDeviceAry()[0], again);
 }
 
 // Inserting each named receiver at its list position into the fixed entries, the way the menu

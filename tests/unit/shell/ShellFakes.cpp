@@ -75,6 +75,8 @@ QVLumerixItemRef ShellRig::makeItem(const ReceiverSetup& setup, double lastHeard
 QVLumerixItemRef ShellRig::discover(const ReceiverSetup& setup) {
     auto item = makeItem(setup);
     shell->lumerixDidDiscoverItem(item);
+    // Past the list's refresh interval, so the menu shows this discovery.
+    time->advance(AppDelegate::kListRefreshIntervalMs);
     return item;
 }
 

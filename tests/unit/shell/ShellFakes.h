@@ -76,6 +76,7 @@ public:
 struct HandlerLog {
     std::vector<bool> calls;  // scanForLumerixService arguments
     LumerixHandler_Delegate* delegate = nullptr;
+    std::vector<QVLumerixItemRef> forgotten;  // forgetItem arguments
     bool alive = true;
 };
 
@@ -96,6 +97,7 @@ public:
     void setDelegate(LumerixHandler_Delegate* d) override { log_->delegate = d; }
     LumerixHandler_Delegate* delegate() const override { return log_->delegate; }
     std::optional<int> centralState() const override { return state_; }
+    void forgetItem(const QVLumerixItemRef& item) override { log_->forgotten.push_back(item); }
 
 private:
     std::shared_ptr<HandlerLog> log_;

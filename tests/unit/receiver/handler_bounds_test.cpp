@@ -1,0 +1,117 @@
+// The handler's table stays bounded: devices the central forgot and items the shell aged out
+// leave it with their decay timers, and a full table makes room by dropping its weakest item.
+#include <gtest/gtest.h>
+
+#include "handler_fixture.h"
+
+namespace lumerix::test {
+namespace {
+
+const QByteArray kRoom = makeLumerixRecord(kSegmentSingle, {10, 0, 0, 7}, 12, 34, "Room");
+QString deviceId(int n) { return HandlerHarness::deviceId(n); }
+
+enum class By { Central, Shell, ShellWithAnotherObject };
+
+void forget(HandlerHarness& h, const QVLumerixItemRef& item, By by) {
+    switch (by) {
+        case By::Central:
+            h.handler->centralManagerDidForgetPeripheral(item->peripheral());
+            break;
+        case By::Shell:
+            h.handler->forgetItem(item);
+            break;
+        case By::ShellWithAnotherObject:
+            h.handler->forgetItem(QVLumerixItem::initWithPeripheral(item->peripheral(), h.time));
+            break;
+    }
+    h.run();
+}
+
+TEST(HandlerBounds, ForgottenItemsLeaveTheTableWithTheirDecayTimers) {
+    const struct {
+        const char* label;
+        By by;
+        bool dropped;
+    } cases[] = {
+        {"the central forgot the device", By::Central, true},
+        {"the shell aged the item out", By::Shell, true},
+        {"the shell aged out another object for the device", By::ShellWithAnotherObject, false},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.label);
+        HandlerHarness h;
+        h.advertise(deviceId(1), -50, kRoom);
+        h.advertise(deviceId(2), -60, kRoom);
+        const QVLumerixItemRef item = h.item(deviceId(1));
+        ASSERT_TRUE(item && item->decayingGCDTimer());
+        forget(h, item, c.by);
+        EXPECT_EQ(h.handler->itemCount(), c.dropped ? 1u : 2u);
+        EXPECT_EQ(item->decayingGCDTimer() == nullptr, c.dropped);
+        const auto forgotten = h.delegate.events("forget");
+        ASSERT_EQ(forgotten.size(), c.dropped ? 1u : 0u);
+        if (!c.dropped) continue;
+        EXPECT_EQ(forgotten[0].item, item);
+        EXPECT_EQ(forgotten[0].queue, "main");
+    }
+}
+
+TEST(HandlerBounds, AForgottenDeviceHeardAgainGetsAFreshItem) {
+    HandlerHarness h;
+    h.advertise(deviceId(1), -50, kRoom);
+    const QVLumerixItemRef item = h.item(deviceId(1));
+    forget(h, item, By::Central);
+    h.advertise(deviceId(1), -50, kRoom);
+    EXPECT_NE(h.item(deviceId(1)), item);
+    EXPECT_EQ(h.handler->itemCount(), 1u);
+}
+
+// A full table: device 0 the closest (-20 dBm), the others -40..-89, device 7 then the weakest.
+void fill(HandlerHarness& h) {
+    h.advertise(deviceId(0), -20, kRoom);
+    for (int i = 1; i < static_cast<int>(QVLumerixHandler::kMaxItems); ++i)
+        h.advertise(deviceId(i), -40 - i % 50, kRoom);
+    h.advertise(deviceId(7), -99);
+}
+
+TEST(HandlerBounds, AFullTableDropsItsWeakestItem) {
+    const int cap = static_cast<int>(QVLumerixHandler::kMaxItems);
+    HandlerHarness h;
+    fill(h);
+    ASSERT_EQ(h.handler->itemCount(), static_cast<size_t>(cap));
+    const QVLumerixItemRef weakest = h.item(deviceId(7));
+    h.advertise(deviceId(cap), -60, kRoom);
+    EXPECT_EQ(h.handler->itemCount(), static_cast<size_t>(cap));
+    EXPECT_FALSE(h.item(deviceId(7)));
+    EXPECT_TRUE(h.item(deviceId(cap)));
+    ASSERT_EQ(h.delegate.events("forget").size(), 1u);
+    EXPECT_EQ(h.delegate.events("forget")[0].item, weakest);
+    EXPECT_FALSE(weakest->decayingGCDTimer());
+}
+
+TEST(HandlerBounds, AFullTableKeepsTheClosestReceiverHoweverWeak) {
+    const int cap = static_cast<int>(QVLumerixHandler::kMaxItems);
+    HandlerHarness h;
+    fill(h);
+    h.advertise(deviceId(0), -100);  // now weaker than every other
+    ASSERT_EQ(h.handler->closestPeer(), h.item(deviceId(0)));
+    h.advertise(deviceId(cap), -60, kRoom);
+    EXPECT_TRUE(h.item(deviceId(0)));
+    EXPECT_FALSE(h.item(deviceId(7)));
+    EXPECT_EQ(h.handler->itemCount(), static_cast<size_t>(cap));
+}
+
+// A repeated record is not decoded again, but an item the decay rule unresolved is.
+TEST(HandlerBounds, ARepeatedRecordResolvesAgainAfterDecay) {
+    HandlerHarness h;
+    h.advertise(deviceId(1), 0, kRoom);  // accepted, and the decay rule unresolves it 3 s later
+    h.advertise(deviceId(1), 0, kRoom);
+    EXPECT_EQ(h.delegate.values("status"), std::vector<int>{LumerixItemResolved});
+    h.time->advance(3000.0);
+    ASSERT_FALSE(h.item(deviceId(1))->hasResolved());
+    h.advertise(deviceId(1), -50, kRoom);
+    EXPECT_EQ(h.delegate.values("status"), (std::vector<int>{LumerixItemResolved, LumerixItemResolved}));
+    EXPECT_EQ(h.item(deviceId(1))->receiverName().value_or(QString()), QStringLiteral("Room"));
+}
+
+}  // namespace
+}  // namespace lumerix::test
