@@ -8,6 +8,8 @@
 # shared read-write with the guest) receives the guest's logs and results. LUMERIX_BIN names the
 # binary under test. Exit status: the guest's.
 set -euo pipefail
+# Read whole before it runs: an edit to this file during a long run does not reach the run.
+{
 here=$(cd "$(dirname "$0")" && pwd)
 mode=${1:?mode}
 out=${2:?output directory}
@@ -64,7 +66,7 @@ chmod 755 "$work/root/init"
   printf 'LX_MODE=%q\n' "$mode"
   printf 'LX_SOURCE=%q\n' "$here"
   printf 'LUMERIX_BIN=%q\n' "$(readlink -f "$LUMERIX_BIN")"
-  printf 'LX_ARGS=(%s)\n' "$(printf '%q ' "$@")"
+  printf 'LX_ARGS=(%s)\n' "$([ $# -eq 0 ] || printf '%q ' "$@")"
 } >"$out/guest.env"
 printf '%s\n' "$here/guest-stage.sh" >"$out/stage"
 
@@ -84,3 +86,4 @@ if [ ! -s "$out/status" ]; then
   exit 2
 fi
 exit "$(cat "$out/status")"
+}

@@ -11,6 +11,7 @@ import os
 import signal
 import subprocess
 import sys
+import threading
 import time
 import unittest
 
@@ -142,33 +143,63 @@ def ad_structure(ad_type, payload):
     return bytes([len(payload) + 1, ad_type]) + payload
 
 
-def advertise(index, instance, local_name, record, connectable=False, company=h.DEFAULT_COMPANY_ID):
+def advertise(index, instance, local_name, record, company=h.DEFAULT_COMPANY_ID):
     """One advertising instance: the record as manufacturer data, the local name in the scan
-    response (a receiver's record and name do not fit one 31-byte advertisement together)."""
+    response (a receiver's record and name do not fit one 31-byte advertisement together).
+    Connectable, as receivers are: the kernel then advertises from the controller's own address;
+    a non-connectable instance gets a fresh random address of its own, so the two segments of one
+    name would come from two peripherals."""
     data = ad_structure(0xFF, company.to_bytes(2, 'little') + record)
     scan_response = ad_structure(0x09, local_name.encode())
-    args = ['add-adv', '-g', '-d', data.hex(), '-s', scan_response.hex(), '-D', '1']
-    if connectable:
-        args.append('-c')
-    btmgmt(index, *(args + [str(instance)]))
+    btmgmt(index, 'add-adv', '-c', '-g', '-d', data.hex(), '-s', scan_response.hex(), '-D', '1', str(instance))
 
 
 # -- the receivers ---------------------------------------------------------------------------------
 
-# (controller, name as listed, ip, login code high, low, advertising instances [(local name, record)])
+# (advertising controller, name as listed, ip, login code high, low)
 ROOM_A = (1, 'Room A', '10.0.0.5', 12, 34)
 ROOM_B = (2, 'ConferenceRoom-1North', '192.168.1.20', 56, 7)
 PHONE_INDEX = 3
 
 
+class TwoSegments(threading.Thread):
+    """The board room's name in two segments, one at a time: the advertised record switches every
+    few seconds, as a receiver's does. Advertised together (two instances at once, which the emulated
+    controller sends side by side), both records reach bluetoothd within milliseconds and it reports
+    only the later one in its next property change."""
+
+    def __init__(self):
+        super().__init__(daemon=True)
+        index, _, ip, hi, lo = ROOM_B
+        self.index = index
+        self.records = [h.advertisement(ip, hi, lo, 'ConferenceRoom-1', 2, 1),
+                        h.advertisement(ip, hi, lo, 'North', 2, 2)]
+        self.stopping = threading.Event()
+        self.paused = threading.Event()
+
+    def run(self):
+        turn = 0
+        while not self.stopping.wait(SEGMENT_SECONDS):
+            turn += 1
+            if not self.paused.is_set():
+                with contextlib.suppress(RuntimeError):  # bluetoothd restarting, the adapter off
+                    advertise(self.index, 1, 'LX', self.records[turn % 2])
+
+    def stop(self):
+        self.stopping.set()
+        self.join()
+
+
+SEGMENT_SECONDS = 3
+
+
 def advertise_receivers():
-    """Room A in one segment (connectable: it serves GATT), the board room's name in two segments on
-    two instances the kernel takes turns with, and a device named otherwise carrying a valid record."""
+    """Room A in one segment (it serves GATT too), the board room's name in two segments (switched by
+    TwoSegments), and a device named otherwise carrying a valid record."""
     index, name, ip, hi, lo = ROOM_A
-    advertise(index, 1, 'LX', h.advertisement(ip, hi, lo, name), connectable=True)
+    advertise(index, 1, 'LX', h.advertisement(ip, hi, lo, name))
     index, _, ip, hi, lo = ROOM_B
     advertise(index, 1, 'LX', h.advertisement(ip, hi, lo, 'ConferenceRoom-1', 2, 1))
-    advertise(index, 2, 'LX', h.advertisement(ip, hi, lo, 'North', 2, 2))
     advertise(PHONE_INDEX, 1, 'Phone', h.advertisement('10.1.1.1', 1, 1, 'Not Me'))
 
 
@@ -254,16 +285,22 @@ class RealStack(unittest.TestCase):
         mark = len(self.stack.bluetoothd_log())
         rc, out, err = run_lumerix(['--scan', '30', '--json'], 90)
         with open(os.path.join(OUT, 'lumerix-scan.log'), 'w', encoding='utf-8') as f:
-            f.write(err)
+            f.write(out + err)
         self.assertEqual(rc, 0, err)
         listed = sorted((e['name'], e['ip'], e['loginCode'], e['identifier']) for e in json.loads(out))
         self.assertEqual(listed, self.expected_entries(), out)
         # bluetoothd saw the filter: LE only, every report, and only names starting "LX".
-        filters = [l for l in self.stack.bluetoothd_log()[mark:].splitlines() if 'discovery_filter' in l]
-        log('filter lines: %r' % filters)
+        # bluetoothd's debug line, e.g. "filtered discovery params: transport: 6 rssi: 32767
+        # pathloss: 32767  duplicate data: true discoverable false pattern LX" (6: LE, both address types).
+        filters = [l.split('params:', 1)[1] for l in self.stack.bluetoothd_log()[mark:].splitlines()
+                   if 'filtered discovery params:' in l]
         self.assertTrue(filters, 'bluetoothd logged no discovery filter')
+        for expected in ('transport: 6 ', 'duplicate data: true', 'pattern LX'):
+            self.assertIn(expected, filters[-1])
 
-    def test_2_gatt_read_of_the_connection_information(self):
+    def test_9_gatt_read_of_the_connection_information(self):
+        """Last: a failing connection can take bluetoothd down with it."""
+        dmesg_mark = len(Stack._dmesg())  # pylint: disable=protected-access
         app = subprocess.Popen([h.PYTHON, os.path.join(os.path.dirname(os.path.abspath(__file__)), 'gatt_app.py'),
                                 '/org/bluez/hci%d' % ROOM_A[0]], stdout=subprocess.PIPE, universal_newlines=True)
         self.addCleanup(h.stop_process, app)
@@ -271,7 +308,13 @@ class RealStack(unittest.TestCase):
         identifier = h.identifier(self.stack.address(ROOM_A[0]))
         rc, out, err = run_lumerix(['--gatt-read', identifier, '--timeout', '60'], 120)
         with open(os.path.join(OUT, 'lumerix-gatt.log'), 'w', encoding='utf-8') as f:
-            f.write(err)
+            f.write(out + err)
+        oops = [l for l in Stack._dmesg()[dmesg_mark:].splitlines()  # pylint: disable=protected-access
+                if 'kernel BUG' in l or 'RIP:' in l or l.strip().startswith(('hci_', 'l2cap_'))]
+        if rc != 0 and oops:
+            # Seen with Debian's 6.1 kernel: the emulated LE connection between two controllers of
+            # one guest corrupts a list in hci_chan_del when bluetoothd closes the ATT socket.
+            self.skipTest('the guest kernel failed during the connection: ' + ' | '.join(oops[:6]))
         self.assertEqual(rc, 0, err)
         self.assertEqual(out.splitlines(), ['%s: %s' % f for f in test_gatt.FIELDS], err)
 
@@ -280,8 +323,15 @@ class RealStack(unittest.TestCase):
         self.addCleanup(desktop.stop)
         desktop.launch()
         menu = desktop.menu()
-        listed = lambda: RECEIVER_NAMES <= set(menu.titles())
-        h.wait_for(listed, 60, 'both receivers in the menu', interval=0.5)
+
+        def listed():
+            titles = menu.titles()
+            return titles if RECEIVER_NAMES <= set(titles) else None
+
+        try:
+            h.wait_for(listed, 60, 'both receivers in the menu', interval=0.5)
+        except AssertionError as e:
+            raise AssertionError('%s; the menu: %r' % (e, menu.titles())) from None
         log('tray lists %r' % menu.titles())
         missing = []
         start = time.monotonic()
@@ -321,8 +371,11 @@ def run_cases():
     try:
         STACK.start()
         advertise_receivers()
+        segments = TwoSegments()
+        segments.start()
         suite = unittest.defaultTestLoader.loadTestsFromTestCase(RealStack)
         result = unittest.TextTestRunner(stream=sys.stdout, verbosity=2).run(suite)
+        segments.stop()
         return 0 if result.wasSuccessful() else 1
     finally:
         STACK.stop()
@@ -361,6 +414,8 @@ def run_duty(seconds):
     try:
         stack.start()
         advertise_receivers()
+        segments = TwoSegments()
+        segments.start()
 
         trace = Trace('duty-lumerix.btsnoop')
         desktop = Desktop()
@@ -387,6 +442,7 @@ def run_duty(seconds):
         os.close(write_fd)
         trace.stop()
         figures.append(('bluetoothctl scan on', hcitrace.scan_duty(trace.path, 0, start, start + seconds), ''))
+        segments.stop()
     finally:
         stack.stop()
     print('LE scanning enabled on the scanning controller over %d s (goal: lumerix idle <= 0.35):' % seconds)
@@ -400,15 +456,6 @@ def run_duty(seconds):
 
 if __name__ == '__main__':
     mode = sys.argv[1] if len(sys.argv) > 1 else 'cases'
-    if mode == 'smoke':
-        stack = Stack()
-        stack.start()
-        for i in range(CONTROLLERS):
-            log('hci%d %s' % (i, stack.address(i)))
-        advertise(1, 1, 'LX', h.advertisement('10.0.0.5', 12, 34, 'Room A'), connectable=True)
-        log(run_tool(['timeout', '20', 'bluetoothctl', '--timeout', '15', 'scan', 'on'], timeout=30)[1])
-        stack.stop()
-        sys.exit(0)
     if mode == 'duty':
         sys.exit(run_duty(float(sys.argv[2]) if len(sys.argv) > 2 else 120))
     if mode == 'cases':
