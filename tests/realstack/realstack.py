@@ -57,12 +57,15 @@ class Stack:
     """btvirt and bluetoothd, with helpers for the receivers' advertising."""
 
     def __init__(self):
-        self.btvirt = self.bluetoothd = None
+        self.btvirt = self.bluetoothd = self.monitor = None
         self.bluetoothd_starts = 0
         self.bus = dbus.SystemBus()
 
     def start(self):
         self.start_controllers()
+        # Everything bluetoothd says on the bus, for reading after a failure.
+        self.monitor = subprocess.Popen(['dbus-monitor', '--system', "sender='org.bluez'"],
+                                        stdout=self._log('bluez-signals.log'), stderr=subprocess.STDOUT)
         self.start_bluetoothd()
 
     def start_controllers(self):
@@ -134,7 +137,7 @@ class Stack:
             return f.read()
 
     def stop(self):
-        for proc in (self.bluetoothd, self.btvirt):
+        for proc in (self.bluetoothd, self.btvirt, self.monitor):
             if proc:
                 h.stop_process(proc)
 
