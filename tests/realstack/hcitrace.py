@@ -4,16 +4,22 @@ import struct
 MAGIC = b'btsnoop\0'
 MONITOR_DATALINK = 2001
 OPCODE_COMMAND = 2
+OPCODE_EVENT = 3
+INQUIRY = 0x0401
+INQUIRY_CANCEL = 0x0402
+EVENT_INQUIRY_COMPLETE = 0x01
 LE_SET_SCAN_PARAMETERS = 0x200B
 LE_SET_SCAN_ENABLE = 0x200C
 LE_SET_EXT_SCAN_PARAMETERS = 0x2041
 LE_SET_EXT_SCAN_ENABLE = 0x2042
-# btsnoop times count microseconds from year 0; this is 1970-01-01 on that scale.
-UNIX_EPOCH_US = 0x00E03AB44A676000
+# btsnoop times count microseconds from year 0 (0x00E03AB44A676000 is 2000-01-01); this is
+# 1970-01-01 on that scale.
+UNIX_EPOCH_US = 0x00E03AB44A676000 - 946684800 * 1000000
 
 
-def commands(path, index):
-    """(Unix time, opcode, parameters) of each HCI command sent to controller `index`, in order."""
+def packets(path, index):
+    """(Unix time, kind, packet) of each HCI command (kind 2) and event (kind 3) of controller
+    `index`, in order."""
     with open(path, 'rb') as f:
         data = f.read()
     if data[:8] != MAGIC:
@@ -29,30 +35,59 @@ def commands(path, index):
         offset += 24 + length
         if len(packet) < length:
             break  # a record cut short where the trace ended
-        if (flags >> 16) != index or (flags & 0xFFFF) != OPCODE_COMMAND or len(packet) < 3:
-            continue
-        opcode, plen = struct.unpack('<HB', packet[:3])
-        out.append(((stamp - UNIX_EPOCH_US) / 1e6, opcode, packet[3:3 + plen]))
+        if (flags >> 16) == index and (flags & 0xFFFF) in (OPCODE_COMMAND, OPCODE_EVENT) and packet:
+            out.append(((stamp - UNIX_EPOCH_US) / 1e6, flags & 0xFFFF, packet))
     return out
 
 
+class Spans:
+    """Time a switch was on within [start, end]."""
+
+    def __init__(self, start, end):
+        self.start, self.end = start, end
+        self.since = None
+        self.total = self.weighted = 0.0
+        self.starts = 0
+
+    def on(self, stamp):
+        if self.since is None:
+            self.since = stamp
+            self.starts += 1
+
+    def off(self, stamp, ratio=1.0):
+        if self.since is not None:
+            lo, hi = max(self.since, self.start), min(stamp, self.end)
+            if hi > lo:
+                self.total += hi - lo
+                self.weighted += (hi - lo) * ratio
+            self.since = None
+
+
 def scan_duty(path, index, start, end):
-    """(fraction of [start, end] with LE scanning enabled, that fraction weighted by the scan
-    window / interval last set, number of enable commands). Times are Unix times; scanning
-    is off before the first command seen."""
-    enabled_since = None
+    """Over [start, end] (Unix times) for controller `index`: (fraction with LE scanning enabled,
+    that fraction weighted by the scan window / interval last set, LE scan starts, fraction with the
+    radio searching at all: LE scanning or a classic inquiry). Everything is off before the trace's
+    first command."""
     ratio = 1.0
-    on = weighted = 0.0
-    enables = 0
+    scan, search = Spans(start, end), Spans(start, end)
+    scanning = inquiring = False
 
-    def close(until):
-        nonlocal on, weighted
-        lo, hi = max(enabled_since, start), min(until, end)
-        if hi > lo:
-            on += hi - lo
-            weighted += (hi - lo) * ratio
+    def update(stamp):
+        if scanning or inquiring:
+            search.on(stamp)
+        else:
+            search.off(stamp)
 
-    for stamp, opcode, params in commands(path, index):
+    for stamp, kind, packet in packets(path, index):
+        if kind == OPCODE_EVENT:
+            if packet[0] == EVENT_INQUIRY_COMPLETE:
+                inquiring = False
+                update(stamp)
+            continue
+        if len(packet) < 3:
+            continue
+        opcode, plen = struct.unpack('<HB', packet[:3])
+        params = packet[3:3 + plen]
         if opcode == LE_SET_SCAN_PARAMETERS and len(params) >= 5:
             interval, window = struct.unpack('<HH', params[1:5])
             ratio = window / interval if interval else 1.0
@@ -60,14 +95,16 @@ def scan_duty(path, index, start, end):
             interval, window = struct.unpack('<HH', params[4:8])  # first PHY's figures
             ratio = window / interval if interval else 1.0
         elif opcode in (LE_SET_SCAN_ENABLE, LE_SET_EXT_SCAN_ENABLE) and params:
-            if params[0] and enabled_since is None:
-                enabled_since = stamp
-                enables += 1
-            elif not params[0] and enabled_since is not None:
-                close(stamp)
-                enabled_since = None
-    if enabled_since is not None:
-        close(end)
+            scanning = bool(params[0])
+            if scanning:
+                scan.on(stamp)
+            else:
+                scan.off(stamp, ratio)
+            update(stamp)
+        elif opcode in (INQUIRY, INQUIRY_CANCEL):
+            inquiring = opcode == INQUIRY
+            update(stamp)
+    scan.off(end, ratio)
+    search.off(end)
     span = end - start
-    return on / span, weighted / span, enables
-
+    return scan.total / span, scan.weighted / span, scan.starts, search.total / span

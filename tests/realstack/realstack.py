@@ -410,31 +410,35 @@ def sleep_until(moment):
 
 
 def run_duty(seconds):
-    """Prints the fraction of time the scanning controller had LE scanning enabled: the tray idle
-    (after its first 20 s of unpaused scanning) beside `bluetoothctl scan on`, over the same span."""
+    """Prints how much of the time the scanning controller searched: the idle tray (after its first
+    20 s of unpaused scanning) beside `bluetoothctl scan on` and beside a client holding an LE
+    discovery (the filter lumerix sets, without pauses), each over the same span."""
     stack = Stack()
     figures = []
-    try:
-        stack.start()
-        advertise_receivers()
-        segments = TwoSegments()
-        segments.start()
 
-        trace = Trace('duty-lumerix.btsnoop')
+    def measure(what, name, run, note=lambda: ''):
+        trace = Trace(name)
+        start, end = run()
+        figures.append((what, hcitrace.scan_duty(trace.path, 0, start, end), note()))
+        trace.stop()
+        with open(os.path.join(OUT, name + '.window'), 'w', encoding='utf-8') as f:
+            json.dump({'start': start, 'end': end}, f)
+
+    def tray():
         desktop = Desktop()
         launched = time.time()
         desktop.launch()
-        menu = desktop.menu()
-        h.wait_for(lambda: RECEIVER_NAMES <= set(menu.titles()), 90, 'both receivers in the menu', interval=0.5)
-        start = max(time.time(), launched + 25)
-        sleep_until(start + seconds)
-        listed = RECEIVER_NAMES <= set(menu.titles())
-        desktop.stop()
-        trace.stop()
-        figures.append(('lumerix tray, idle', hcitrace.scan_duty(trace.path, 0, start, start + seconds),
-                        'receivers listed at the end: %s' % listed))
+        try:
+            menu = desktop.menu()
+            h.wait_for(lambda: RECEIVER_NAMES <= set(menu.titles()), 90, 'both receivers in the menu', interval=0.5)
+            start = max(time.time(), launched + 25)
+            sleep_until(start + seconds)
+            tray.listed = RECEIVER_NAMES <= set(menu.titles())
+        finally:
+            desktop.stop()
+        return start, start + seconds
 
-        trace = Trace('duty-bluetoothctl.btsnoop')
+    def bluetoothctl():
         read_fd, write_fd = os.pipe()
         peer = subprocess.Popen(['bluetoothctl', '--timeout', str(int(seconds + 20)), 'scan', 'on'], stdin=read_fd,
                                 stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
@@ -443,18 +447,34 @@ def run_duty(seconds):
         h.stop_process(peer)
         os.close(read_fd)
         os.close(write_fd)
-        trace.stop()
-        figures.append(('bluetoothctl scan on', hcitrace.scan_duty(trace.path, 0, start, start + seconds), ''))
+        return start, start + seconds
+
+    def le_discovery():
+        adapter = dbus.Interface(stack.bus.get_object('org.bluez', '/org/bluez/hci0'), 'org.bluez.Adapter1')
+        adapter.SetDiscoveryFilter({'Transport': 'le', 'DuplicateData': dbus.Boolean(True)})
+        adapter.StartDiscovery()
+        start = time.time() + 5
+        sleep_until(start + seconds)
+        adapter.StopDiscovery()
+        return start, start + seconds
+
+    try:
+        stack.start()
+        advertise_receivers()
+        segments = TwoSegments()
+        segments.start()
+        measure('lumerix tray, idle', 'duty-lumerix.btsnoop', tray,
+                lambda: 'receivers listed at the end: %s' % getattr(tray, 'listed', None))
+        measure('bluetoothctl scan on', 'duty-bluetoothctl.btsnoop', bluetoothctl)
+        measure('LE discovery held', 'duty-le-discovery.btsnoop', le_discovery)
         segments.stop()
     finally:
         stack.stop()
-    print('LE scanning enabled on the scanning controller over %d s (goal: lumerix idle <= 0.35):' % seconds)
-    for what, (duty, weighted, enables), note in figures:
-        print('  %-22s %.3f of the time (x window/interval: %.3f), %d scan starts  %s'
-              % (what, duty, weighted, enables, note))
+    print('The scanning controller over %d s: LE scan on / x window:interval / scan starts / searching at all '
+          '(LE scan or inquiry); goal for the idle tray <= 0.35' % seconds)
+    for what, (duty, weighted, starts, searching), note in figures:
+        print('  %-22s %.3f / %.3f / %3d / %.3f  %s' % (what, duty, weighted, starts, searching, note))
     return 0
-
-
 
 
 if __name__ == '__main__':

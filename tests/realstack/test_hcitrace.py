@@ -48,13 +48,17 @@ class ScanDuty(unittest.TestCase):
         other = [command(0, hcitrace.LE_SET_SCAN_ENABLE, ENABLE, index=1),  # another controller
                  record(5, 0, 3, bytes([0x0E, 4, 1, 0x0C, 0x20, 0])),  # an event, not a command
                  command(3, hcitrace.LE_SET_SCAN_ENABLE, ENABLE)]  # already on: not a new start
-        # (records, window, expected (duty, weighted duty, scan starts))
+        # A classic inquiry between LE scans (interleaved discovery), ended by its complete event.
+        inquiry = [command(4, hcitrace.INQUIRY, bytes([0x33, 0x8B, 0x9E, 4, 0])),
+                   record(6, 0, hcitrace.OPCODE_EVENT, bytes([hcitrace.EVENT_INQUIRY_COMPLETE, 1, 0]))]
+        # (records, window, expected (LE duty, weighted LE duty, LE scan starts, searching at all))
         cases = [
-            (legacy, (0, 10), (0.5, 0.25, 2)),  # 1-4 and 8-end
-            (legacy, (2, 6), (0.5, 0.25, 2)),  # clipped to the window: 2-4
-            (legacy + other, (0, 10), (0.5, 0.25, 2)),
-            (extended, (0, 10), (0.5, 0.125, 1)),
-            ([], (0, 10), (0.0, 0.0, 0)),
+            (legacy, (0, 10), (0.5, 0.25, 2, 0.5)),  # 1-4 and 8-end
+            (legacy, (2, 6), (0.5, 0.25, 2, 0.5)),  # clipped to the window: 2-4
+            (legacy + other, (0, 10), (0.5, 0.25, 2, 0.5)),
+            (legacy + inquiry, (0, 10), (0.5, 0.25, 2, 0.7)),  # and 4-6
+            (extended, (0, 10), (0.5, 0.125, 1, 0.5)),
+            ([], (0, 10), (0.0, 0.0, 0, 0.0)),
         ]
         for records, (start, end), expected in cases:
             with self.subTest(start=start, end=end, n=len(records)):
