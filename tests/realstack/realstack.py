@@ -343,7 +343,9 @@ class RealStack(unittest.TestCase):
             if not RECEIVER_NAMES <= titles:
                 missing.append((second, sorted(RECEIVER_NAMES - titles)))
             time.sleep(max(0.0, start + second + 1 - time.monotonic()))
-        self.assertEqual(missing, [], 'receivers left the menu (second, names)')
+        log('receivers missing in %d of the samples' % len(missing))
+        with self.subTest('listing'):
+            self.assertEqual(missing, [], 'receivers left the menu (second, names)')
 
         def restart_bluetoothd():
             self.stack.kill_bluetoothd()
