@@ -73,7 +73,9 @@ class Stack:
         # a fresh btvirt works.
         for attempt in range(4):
             dmesg_mark = self._dmesg()
-            self.btvirt = subprocess.Popen(['btvirt', '-l%d' % CONTROLLERS], stdout=self._log('btvirt.log'),
+            # LE-only controllers: on dual-mode ones bluetoothd connects a receiver over BR/EDR (its
+            # advertisement does not say "BR/EDR not supported") and `scan on` interleaves inquiries.
+            self.btvirt = subprocess.Popen(['btvirt', '-L', '-l%d' % CONTROLLERS], stdout=self._log('btvirt.log'),
                                            stderr=subprocess.STDOUT)
             try:
                 h.wait_for(self._controllers_ready, 60, 'the emulated controllers', interval=0.5)
