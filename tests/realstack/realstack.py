@@ -348,7 +348,8 @@ class RealStack(unittest.TestCase):
             time.sleep(max(0.0, start + second + 1 - time.monotonic()))
         log('receivers missing in %d of the samples' % len(missing))
         with self.subTest('listing'):
-            rssi = set(re.findall(r'device_found_callback\(\) hci0 addr \S+, rssi (-?\d+)', self.stack.bluetoothd_log()))
+            rssi = set(re.findall(r'device_found_callback\(\) hci0 addr \S+, rssi (-?\d+)',
+                                  self.stack.bluetoothd_log()))
             why = ''
             if rssi == {'127'}:
                 why = (' (every report bluetoothd had carried RSSI 127, "no reading": the item intake rejects '
