@@ -98,7 +98,7 @@ void QtStatusItem::showInTray() {
     sni_ = SniItem::takeOverQtItem(QFileInfo::exists(themes) ? themes : QString());
     if (!sni_) return;
     sni_->setIcon(shownIcon_);
-    sni_->setToolTip(DisplayText::escapedMarkup(toolTip_));
+    sni_->setToolTip(toolTip_);
     sni_->setNeedsAttention(needsAttention_);
 }
 
@@ -128,7 +128,7 @@ void QtStatusItem::setToolTip(const QString& text) {
     if (text == toolTip_) return;
     toolTip_ = text;
     if (tray_) tray_->setToolTip(shownToolTip());
-    if (sni_) sni_->setToolTip(DisplayText::escapedMarkup(toolTip_));
+    if (sni_) sni_->setToolTip(toolTip_);
 }
 
 bool QtStatusItem::exportsMenu() const {

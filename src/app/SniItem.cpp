@@ -152,8 +152,8 @@ QString SniItem::status() const {
 SniToolTip SniItem::toolTip() const {
     SniToolTip tip;
     tip.iconName = iconName_;
-    tip.title = toolTip_.section(QLatin1Char('\n'), 0, 0);
-    // Hosts read the body as markup: names are shown as text.
+    // Hosts may read title and body as markup: names are shown as text.
+    tip.title = toolTip_.section(QLatin1Char('\n'), 0, 0).toHtmlEscaped();
     tip.text = toolTip_.section(QLatin1Char('\n'), 1).toHtmlEscaped();
     return tip;
 }
