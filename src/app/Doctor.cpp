@@ -117,9 +117,10 @@ BluetoothFindings probeBluetooth() {
     // bluetoothd refuses filters while the adapter is off, so an adapter that is off is left alone.
     const QString adapter = bluez::defaultAdapterPath(found.adapters.keys());
     if (adapter.isEmpty() || !found.adapters.value(adapter).value_or(false)) return found;
-    const QDBusMessage set = callAdapter(
-        bus, adapter,
-        {{QStringLiteral("Transport"), QStringLiteral("le")}, {QStringLiteral("DuplicateData"), true}});
+    const QDBusMessage set = callAdapter(bus, adapter,
+                                         {{QStringLiteral("Transport"), QStringLiteral("le")},
+                                          {QStringLiteral("DuplicateData"), true},
+                                          {QStringLiteral("Pattern"), QStringLiteral("LX")}});
     if (set.type() != QDBusMessage::ReplyMessage) {
         found.filterError = set.errorName() + QStringLiteral(": ") + set.errorMessage();
         return found;
@@ -251,7 +252,8 @@ QList<DoctorCheck> Doctor::bluetoothChecks(const BluetoothFindings& found) {
     if (!found.filterError) {
         checks << failed(filter, true, unchecked, QStringLiteral("needs the adapter on"));
     } else if (found.filterError->isEmpty()) {
-        checks << passed(filter, true, QStringLiteral("Transport le with DuplicateData accepted"));
+        checks << passed(filter, true,
+                         QStringLiteral("Transport le with DuplicateData and Pattern LX accepted"));
     } else {
         checks << failed(filter, true, QStringLiteral("refused: ") + *found.filterError,
                          QStringLiteral("update BlueZ (5.50 or later) and make sure no other program holds a "

@@ -39,8 +39,14 @@ void show(QAction* action, const TrayEntry& entry) {
 QtStatusItem::QtStatusItem(QString resourcesDir, bool inTray)
     : resourcesDir_(std::move(resourcesDir)), menu_(std::make_unique<QMenu>()), presenter_(*this) {
     menu_->setTitle(QStringLiteral("Lumerix"));
-    QObject::connect(menu_.get(), &QMenu::aboutToShow, menu_.get(), [this] { menuOpen_ = true; });
-    QObject::connect(menu_.get(), &QMenu::aboutToHide, menu_.get(), [this] { menuOpen_ = false; });
+    QObject::connect(menu_.get(), &QMenu::aboutToShow, menu_.get(), [this] {
+        menuOpen_ = true;
+        if (menuOpenNote_) menuOpenNote_(true);
+    });
+    QObject::connect(menu_.get(), &QMenu::aboutToHide, menu_.get(), [this] {
+        menuOpen_ = false;
+        if (menuOpenNote_) menuOpenNote_(false);
+    });
     QObject::connect(menu_.get(), &QMenu::triggered, menu_.get(),
                      [this](QAction* action) { activate(action); });
     if (inTray) attachToTray();
@@ -165,6 +171,7 @@ void QtStatusBar::trayHostAppeared() {
 
 StatusItemRef QtStatusBar::statusItemWithLength(double) {
     auto item = std::make_shared<QtStatusItem>(resourcesDir_, trayAvailable_);
+    item->setMenuOpenNote(menuOpenNote_);
     if (!trayAvailable_) waiting_.push_back(item);
     return item;
 }

@@ -12,8 +12,11 @@ QString text(const std::optional<QString>& value) { return value.value_or(QStrin
 
 }  // namespace
 
-ReceiverService::ReceiverService(AppDelegate& delegate, DispatchQueue& mainQueue)
-    : delegate_(delegate), changed_(mainQueue, kChangeIntervalMs, [this] { Q_EMIT ReceiversChanged(); }) {
+ReceiverService::ReceiverService(AppDelegate& delegate, DispatchQueue& mainQueue,
+                                 std::shared_ptr<ScanDemand> demand)
+    : delegate_(delegate),
+      demand_(std::move(demand)),
+      changed_(mainQueue, kChangeIntervalMs, [this] { Q_EMIT ReceiversChanged(); }) {
     qDBusRegisterMetaType<QList<QVariantMap>>();
     delegate_.setReceiversObserver([this] { receiversMayHaveChanged(); });
 }
@@ -87,12 +90,14 @@ QList<ReceiverService::Listed> ReceiverService::listed() const {
 }
 
 QList<QVariantMap> ReceiverService::Receivers() {
+    if (demand_) demand_->nudge();
     QList<QVariantMap> out;
     for (const Listed& l : listed()) out.append(l.entry);
     return out;
 }
 
 std::optional<QString> ReceiverService::connect(const QString& query) {
+    if (demand_) demand_->nudge();
     const QList<Listed> receivers = listed();
     QList<ReceiverCandidate> candidates;
     for (const Listed& l : receivers) candidates.append(l.candidate);

@@ -15,6 +15,7 @@
 #include "app/ReceiverService.h"
 #include "app/ReferenceTableLocation.h"
 #include "app/UnixSignalWatcher.h"
+#include "ble/ScanDemand.h"
 #include "dispatch/QtQueues.h"
 #include "log/Log.h"
 #include "platform/linux/BluezPowerCheck.h"
@@ -78,7 +79,9 @@ int runTrayApp(int argc, char** argv, const CommandLine& options) {
     }
 
     QtEventQueue mainQueue(kMainQueueLabel, &app);
-    HandlerEnvironment handlerEnv = makeProductionEnvironment(&mainQueue, *source);
+    // Someone looks while the menu is open or a D-Bus client asks: the radio does not pause then.
+    auto demand = std::make_shared<ScanDemand>();
+    HandlerEnvironment handlerEnv = makeProductionEnvironment(&mainQueue, *source, demand);
     auto application = std::make_shared<QtShellApplication>();
     DeliveryWorker delivery;  // outlives the delegate below
 
@@ -86,7 +89,11 @@ int runTrayApp(int argc, char** argv, const CommandLine& options) {
     env.clock = handlerEnv.clock;
     env.mainQueue = &mainQueue;
     env.makeHandler = makeHandlerFactory(handlerEnv);
-    env.statusBar = QtStatusBar::makeStatusBar(PathManager::GetResourcePath());
+    auto statusBar = QtStatusBar::makeStatusBar(PathManager::GetResourcePath());
+    statusBar->setMenuOpenNote([demand, looking = std::make_shared<ScanDemand::Hold>()](bool open) {
+        *looking = open ? demand->hold() : nullptr;
+    });
+    env.statusBar = statusBar;
     env.application = application;
     env.resourcePath = ReferenceTableLocation::defaultFolder(demo, PathManager::GetResourcePath());
     env.applicationSupportPath = demo ? ReferenceTableLocation::demoSupportFolder()
@@ -109,7 +116,7 @@ int runTrayApp(int argc, char** argv, const CommandLine& options) {
 
     AppDelegate delegate(std::move(env));
     // One tray per session: the service's name tells whether another instance already runs.
-    ReceiverService service(delegate, mainQueue);
+    ReceiverService service(delegate, mainQueue, demand);
     switch (service.registerOn(QDBusConnection::sessionBus(), &error)) {
         case ReceiverService::Registration::Registered:
             break;

@@ -8,6 +8,7 @@
 #include <cstring>
 #include <ctime>
 
+#include "ble/ScanDemand.h"
 #include "log/Log.h"
 #include "platform/bluez/BluezInterfaces.h"
 #include "platform/bluez/BluezLink.h"
@@ -25,6 +26,7 @@ const QString kAdapter = QString::fromLatin1(Adapter1::kInterface);
 const QString kDevice = QString::fromLatin1(Device1::kInterface);
 const QString kGattService = QString::fromLatin1(GattService1::kInterface);
 const QString kGattCharacteristic = QString::fromLatin1(GattCharacteristic1::kInterface);
+const QString kMediaTransport = QStringLiteral("org.bluez.MediaTransport1");
 
 // A second service discovery within one connection is answered no sooner than this after the
 // previous answer, so a caller that repeats until a service shows up does not spin.
@@ -45,6 +47,10 @@ constexpr const char* kMatchAdapterProperties =
     "type='signal',sender='org.bluez',path_namespace='/org/"
     "bluez',interface='org.freedesktop.DBus.Properties',"
     "member='PropertiesChanged',arg0='org.bluez.Adapter1'";
+constexpr const char* kMatchTransportProperties =
+    "type='signal',sender='org.bluez',path_namespace='/org/"
+    "bluez',interface='org.freedesktop.DBus.Properties',"
+    "member='PropertiesChanged',arg0='org.bluez.MediaTransport1'";
 constexpr const char* kMatchDeviceDisconnected =
     "type='signal',sender='org.bluez',path_namespace='/org/bluez',interface='org.bluez.Device1',"
     "member='Disconnected'";
@@ -55,21 +61,26 @@ constexpr const char* kMatchNameOwner =
 
 QByteArray utf8(const QString& s) { return s.toUtf8(); }
 
-// Properties of an advertisement that a device the filter ignores need not have read.
-bool isAdvertisementProperty(const char* key) {
-    return std::strcmp(key, "RSSI") == 0 || std::strcmp(key, "ManufacturerData") == 0 ||
-           std::strcmp(key, "ServiceData") == 0 || std::strcmp(key, "TxPower") == 0;
-}
-
 }  // namespace
 
 BluezEngine::BluezEngine(BleCentralDelegate* delegate, const std::shared_ptr<BluezLink>& link,
-                         std::optional<QString> onlyLocalName)
-    : delegate_(delegate), link_(link), onlyLocalName_(std::move(onlyLocalName)) {}
+                         std::optional<QString> onlyLocalName, std::shared_ptr<ScanDemand> demand)
+    : delegate_(delegate),
+      link_(link),
+      onlyLocalName_(std::move(onlyLocalName)),
+      discovery_(queue_, std::move(demand), onlyLocalName_.value_or(QString())) {
+    discovery_.onAccessDenied = [this] {
+        accessDenied_ = true;  // may read the adapter, may not scan
+        recomputeState();
+    };
+    // Launch (and wake, which makes a new central): look without pause for a while.
+    discovery_.boost();
+}
 
 BluezEngine::~BluezEngine() {
     // Slots first, then the connection: closing it also ends any discovery session bluetoothd
     // keeps for it, and drops calls still waiting for their replies.
+    discovery_.setBus(nullptr);
     matches_.clear();
     bus_.reset();
 }
@@ -84,7 +95,7 @@ void BluezEngine::run(const std::atomic<bool>& stop) {
     while (!stop.load()) {
         const bool more = drain();
         for (auto& command : link->takeCommands()) command(*this);
-        runTimers();
+        queue_.runDue();
         flush();
         lastDrainMs = monotonicMs();
         if (stop.load()) break;
@@ -123,17 +134,18 @@ bool BluezEngine::drain() {
     }
     if (r < 0) {
         Log::logf("BluezCentral: the system bus connection failed: %s", std::strerror(-r));
+        discovery_.setBus(nullptr);
         matches_.clear();
         bus_.reset();
         bluezGone();
+        reconnectLater();
         return false;
     }
     return r > 0;
 }
 
 int BluezEngine::waitTimeoutMs() const {
-    double until = -1;
-    if (!timers_.empty()) until = std::max(0.0, timers_.begin()->first - monotonicMs());
+    double until = queue_.msUntilNext();
     if (bus_) {
         uint64_t usec = 0;
         if (sd_bus_get_timeout(bus_.get(), &usec) > 0 && usec != UINT64_MAX) {
@@ -145,19 +157,6 @@ int BluezEngine::waitTimeoutMs() const {
         }
     }
     return until < 0 ? -1 : static_cast<int>(std::ceil(until));
-}
-
-void BluezEngine::after(double ms, std::function<void()> fn) {
-    timers_.emplace(monotonicMs() + ms, std::move(fn));
-}
-
-void BluezEngine::runTimers() {
-    const double now = monotonicMs();
-    while (!timers_.empty() && timers_.begin()->first <= now) {
-        auto fn = std::move(timers_.begin()->second);
-        timers_.erase(timers_.begin());
-        fn();
-    }
 }
 
 void BluezEngine::flush() {
@@ -186,14 +185,29 @@ void BluezEngine::start() {
     QString error;
     bus_ = sdbus::openSystemBus(&error);
     if (!bus_) {
-        Log::logf("BluezCentral: cannot reach the system bus: %s", utf8(error).constData());
+        if (!busLost_) Log::logf("BluezCentral: cannot reach the system bus: %s", utf8(error).constData());
         snapshotDone_ = true;
         recomputeState();
+        reconnectLater();
         return;
     }
+    if (busLost_) Log::logf("BluezCentral: connected to the system bus again");
+    busLost_ = false;
+    reconnectMs_ = kReconnectMs;
+    discovery_.setBus(bus_.get());
     // Subscribe before the snapshot so that nothing falls between the two.
     if (!subscribe()) Log::logf("BluezCentral: could not subscribe to every org.bluez signal");
     takeSnapshot();
+}
+
+void BluezEngine::reconnectLater() {
+    // Logged once per outage; the attempts go on quietly, less and less often.
+    busLost_ = true;
+    const double delay = reconnectMs_;
+    reconnectMs_ = std::min(kMaxReconnectMs, reconnectMs_ * 2);
+    queue_.after(delay, [this] {
+        if (!bus_) start();
+    });
 }
 
 bool BluezEngine::subscribe() {
@@ -206,6 +220,7 @@ bool BluezEngine::subscribe() {
         {kMatchInterfacesAdded, &BluezEngine::onInterfacesAdded},
         {kMatchInterfacesRemoved, &BluezEngine::onInterfacesRemoved},
         {kMatchAdapterProperties, &BluezEngine::onAdapterPropertiesChanged},
+        {kMatchTransportProperties, &BluezEngine::onTransportPropertiesChanged},
         {kMatchDeviceProperties, &BluezEngine::onDevicePropertiesChanged},
         {kMatchDeviceDisconnected, &BluezEngine::onDeviceDisconnected},
     };
@@ -277,6 +292,7 @@ void BluezEngine::onSnapshot(quint64 generation, const bluez::Snapshot& snapshot
     previous.swap(devices_);
     paths_.clear();
     adapters_.clear();
+    transports_.clear();
     services_.clear();
     characteristics_.clear();
     for (auto it = snapshot.objects.constBegin(); it != snapshot.objects.constEnd(); ++it) {
@@ -285,9 +301,9 @@ void BluezEngine::onSnapshot(quint64 generation, const bluez::Snapshot& snapshot
         addInterfaces(path, it.value(), false);
     }
     for (auto it = previous.constBegin(); it != previous.constEnd(); ++it) {
-        if (!devices_.contains(it.key()) && it->reportedConnected)
-            reportDisconnected(it.key(), BluezErrorPeripheralDisconnected);
+        if (!devices_.contains(it.key())) forgetPeripheral(it.key(), it->reportedConnected);
     }
+    audioMayHaveChanged();
     recomputeState();
 }
 
@@ -296,10 +312,12 @@ void BluezEngine::clearObjects(int disconnectError) {
     for (const QString& path : paths) removeDevice(path, disconnectError);
     paths_.clear();
     adapters_.clear();
+    transports_.clear();
     services_.clear();
     characteristics_.clear();
     serviceObjects_.clear();
     characteristicObjects_.clear();
+    audioMayHaveChanged();
 }
 
 // --- signals ------------------------------------------------------------------------------------
@@ -328,6 +346,7 @@ int BluezEngine::onInterfacesRemoved(sd_bus_message* m, void* self, sd_bus_error
         e->recomputeState();
     }
     if (interfaces.contains(kDevice)) e->removeDevice(path, BluezErrorPeripheralDisconnected);
+    if (interfaces.contains(kMediaTransport) && e->transports_.remove(path)) e->audioMayHaveChanged();
     if (interfaces.contains(kGattService)) {
         e->services_.remove(path);
         e->serviceObjects_.remove(path);
@@ -359,6 +378,41 @@ int BluezEngine::onAdapterPropertiesChanged(sd_bus_message* m, void* self, sd_bu
     return 0;
 }
 
+int BluezEngine::onTransportPropertiesChanged(sd_bus_message* m, void* self, sd_bus_error*) {
+    auto* e = static_cast<BluezEngine*>(self);
+    const QString path = QString::fromUtf8(sd_bus_message_get_path(m));
+    const char* iface = nullptr;
+    QVariantMap changed;
+    QStringList invalidated;
+    if (std::string_view(sdbus::signature(m)) != "sa{sv}as" ||
+        sd_bus_message_read_basic(m, 's', &iface) < 0 || !sdbus::readPropertyMap(m, &changed) ||
+        !sdbus::readStringArray(m, &invalidated))
+        return 0;
+    if (!e->transports_.contains(path)) return 0;  // the snapshot or InterfacesAdded brings it
+    e->noteTransport(path, changed);
+    return 0;
+}
+
+void BluezEngine::noteTransport(const QString& path, const QVariantMap& changed) {
+    const auto state = changed.constFind(QStringLiteral("State"));
+    if (state != changed.constEnd())
+        transports_[path] =
+            state->typeId() == QMetaType::QString && state->toString() == QLatin1String("active");
+    else if (!transports_.contains(path))
+        transports_.insert(path, false);
+    audioMayHaveChanged();
+}
+
+void BluezEngine::audioMayHaveChanged() {
+    bool active = false;
+    for (const bool a : std::as_const(transports_)) active = active || a;
+    if (active == audioActive_) return;
+    audioActive_ = active;
+    Log::logf("BluezCentral: Bluetooth audio %s",
+              active ? "active: discovery only while someone looks" : "idle");
+    discovery_.setAudioActive(active);
+}
+
 int BluezEngine::onDevicePropertiesChanged(sd_bus_message* m, void* self, sd_bus_error*) {
     static_cast<BluezEngine*>(self)->devicePropertiesChanged(m);
     return 0;
@@ -378,10 +432,10 @@ void BluezEngine::devicePropertiesChanged(sd_bus_message* m) {
     // (a new Name, the connection) are taken.
     const auto known = paths_.find(std::string_view(rawPath));
     const bool ignored = known != paths_.end() && known->second.ignored;
-    AdvertisementFields advertisement;
+    Device1::Advertisement advertisement;
     QVariantMap changed;
     QStringList invalidated;
-    if (!readDeviceChanges(m, ignored, &advertisement, &changed) ||
+    if (!Device1::readChanges(m, ignored, &advertisement, &changed) ||
         !sdbus::readStringArray(m, &invalidated)) {
         Log::logf("BluezCentral: malformed PropertiesChanged on %s ignored", rawPath);
         return;
@@ -392,89 +446,6 @@ void BluezEngine::devicePropertiesChanged(sd_bus_message* m) {
     if (advertisement.hasRssi || advertisement.hasManufacturerData ||
         changed.contains(QStringLiteral("RSSI")) || changed.contains(QStringLiteral("ManufacturerData")))
         reportAdvertisement(path);
-}
-
-// One flat pass over the message body: the hot path of every advertisement, kept in one piece.
-// NOLINTNEXTLINE(readability-function-cognitive-complexity)
-bool BluezEngine::readDeviceChanges(sd_bus_message* m, bool ignored, AdvertisementFields* advertisement,
-                                    QVariantMap* changed) {
-    // RSSI and ManufacturerData are entered with their expected types straight away (a mismatch
-    // leaves the message where it was and takes the general path, which refuses it). Skipping is
-    // for other properties only: sd_bus_message_skip walks arrays byte by byte.
-    if (sd_bus_message_enter_container(m, 'a', "{sv}") < 0) return false;
-    int r;
-    while ((r = sd_bus_message_enter_container(m, 'e', "sv")) > 0) {
-        const char* key = nullptr;
-        if (sd_bus_message_read_basic(m, 's', &key) < 0) return false;
-        const std::string_view k(key);
-        if (k == "RSSI" && sd_bus_message_enter_container(m, 'v', "n") > 0) {
-            int16_t v = 0;
-            if (sd_bus_message_read_basic(m, 'n', &v) < 0 || sd_bus_message_exit_container(m) < 0)
-                return false;
-            advertisement->hasRssi = !ignored;
-            advertisement->rssi = v;
-        } else if (k == "ManufacturerData" && sd_bus_message_enter_container(m, 'v', "a{qv}") > 0) {
-            // The lowest company identifier wins, as the property rules have it.
-            if (sd_bus_message_enter_container(m, 'a', "{qv}") < 0) return false;
-            bool any = false;
-            uint16_t best = 0;
-            const void* bytes = nullptr;
-            size_t size = 0;
-            std::string bestType;
-            int e;
-            while ((e = sd_bus_message_enter_container(m, 'e', "qv")) > 0) {
-                uint16_t company = 0;
-                if (sd_bus_message_read_basic(m, 'q', &company) < 0) return false;
-                const bool lowest = !any || company < best;
-                if (sd_bus_message_enter_container(m, 'v', "ay") > 0) {
-                    const void* data = nullptr;
-                    size_t length = 0;
-                    if (sd_bus_message_read_array(m, 'y', &data, &length) < 0 ||
-                        sd_bus_message_exit_container(m) < 0)
-                        return false;
-                    if (lowest) {
-                        bytes = data;
-                        size = length;
-                        bestType.clear();
-                    }
-                } else {
-                    char vt = 0;
-                    const char* inner = nullptr;
-                    if (sd_bus_message_peek_type(m, &vt, &inner) <= 0 || !inner) return false;
-                    if (lowest) bestType = inner;
-                    if (sd_bus_message_skip(m, "v") < 0) return false;
-                }
-                if (lowest) best = company;
-                any = true;
-                if (sd_bus_message_exit_container(m) < 0) return false;
-            }
-            if (e < 0 || sd_bus_message_exit_container(m) < 0 || sd_bus_message_exit_container(m) < 0)
-                return false;
-            advertisement->hasManufacturerData = !ignored;
-            if (ignored) {
-            } else if (!bestType.empty()) {
-                advertisement->problem =
-                    QStringLiteral("ManufacturerData for company 0x%1 is not a byte array (D-Bus %2)")
-                        .arg(best, 4, 16, QLatin1Char('0'))
-                        .arg(QString::fromStdString(bestType));
-            } else if (any) {
-                QByteArray record;
-                record.reserve(static_cast<qsizetype>(size) + 2);
-                record.append(static_cast<char>(best & 0xFF));
-                record.append(static_cast<char>(best >> 8));
-                record.append(static_cast<const char*>(bytes), static_cast<qsizetype>(size));
-                advertisement->manufacturerData = std::move(record);
-            }
-        } else if (ignored && isAdvertisementProperty(key)) {
-            if (sd_bus_message_skip(m, "v") < 0) return false;
-        } else {
-            QVariant value;
-            if (!sdbus::readVariant(m, &value)) return false;
-            changed->insert(QString::fromUtf8(key), value);
-        }
-        if (sd_bus_message_exit_container(m) < 0) return false;
-    }
-    return r >= 0 && sd_bus_message_exit_container(m) >= 0;
 }
 
 int BluezEngine::onDeviceDisconnected(sd_bus_message* m, void* self, sd_bus_error*) {
@@ -501,6 +472,8 @@ void BluezEngine::addInterfaces(const QString& path, const bluez::InterfaceMap& 
             logProblems(path, iface, services_[path].props.apply(it.value()));
         } else if (iface == kGattCharacteristic) {
             logProblems(path, iface, characteristics_[path].props.apply(it.value()));
+        } else if (iface == kMediaTransport) {
+            noteTransport(path, it.value());
         }
     }
     if (fromSignal && interfaces.contains(kAdapter)) recomputeState();
@@ -514,7 +487,7 @@ void BluezEngine::noteName(const QString& path, const Device& device) {
 
 void BluezEngine::updateDevice(const QString& path, const QVariantMap& changed,
                                const QStringList& invalidated, bool fromSignal,
-                               const AdvertisementFields* advertisement) {
+                               const Device1::Advertisement* advertisement) {
     const bool isNew = !devices_.contains(path);
     Device& device = devices_[path];
     const bool wasConnected = device.props.connected.value_or(false);
@@ -555,9 +528,20 @@ void BluezEngine::removeDevice(const QString& path, int disconnectError) {
     devices_.erase(it);
     paths_.erase(path.toStdString());
     if (connected) reportDisconnected(path, disconnectError);
-    // Keep the peripheral while an item still holds it, so the device keeps its object if it returns.
+    forgetPeripheral(path, false);
+}
+
+void BluezEngine::forgetPeripheral(const QString& path, bool wasConnected) {
+    if (wasConnected) reportDisconnected(path, BluezErrorPeripheralDisconnected);
     auto p = peripherals_.find(path);
-    if (p != peripherals_.end() && p->use_count() == 1) peripherals_.erase(p);
+    if (p == peripherals_.end()) return;
+    // The object stays while an item still holds it, so a device that returns keeps its identity.
+    const bool onlyHere = p->use_count() == 1;
+    std::shared_ptr<BluezPeripheral> peripheral = *p;
+    if (onlyHere) peripherals_.erase(p);
+    BleCentralDelegate* delegate = delegate_;
+    if (!delegate) return;
+    deliver([delegate, peripheral] { delegate->centralManagerDidForgetPeripheral(peripheral); });
 }
 
 QString BluezEngine::adapterPath() const { return bluez::defaultAdapterPath(adapters_.keys()); }
@@ -568,13 +552,12 @@ void BluezEngine::recomputeState() {
     std::optional<BluezAdapterProperties> props;
     if (!adapter.isEmpty()) props = adapters_.value(adapter);
     const int state = bluez::centralState(bluezPresent_, accessDenied_, props);
-    if (state == 5 && scanning_ && adapter != discoveryAdapter_) beginDiscovery();  // new default adapter
+    if (state == BleStatePoweredOn && discovery_.scanning())
+        discovery_.moveTo(adapter);  // new default adapter
     if (stateReported_ && state == state_) return;
-    if (state != 5) {
-        scanning_ = false;
-        discoveryActive_ = false;
-        discoveryAdapter_.clear();
-    }
+    if (state != BleStatePoweredOn) discovery_.lost();
+    // Bluetooth back (power, adapter, bluetoothd): look without pause for a while.
+    if (state == BleStatePoweredOn && stateReported_) discovery_.boost();
     Log::logf("BluezCentral: state %d (%s)", state, utf8(adapter).constData());
     state_ = state;
     stateReported_ = true;
@@ -587,49 +570,16 @@ void BluezEngine::recomputeState() {
 // --- scanning -----------------------------------------------------------------------------------
 
 void BluezEngine::startScan(bool allowDuplicates) {
-    if (state_ != 5) {
+    if (state_ != BleStatePoweredOn) {
         Log::logf("BluezCentral: scan requested while the state is %d; ignored", state_);
         return;
     }
-    allowDuplicates_ = allowDuplicates;
-    scanning_ = true;
-    beginDiscovery();
+    discovery_.start(adapterPath(), allowDuplicates);
 }
 
-void BluezEngine::beginDiscovery() {
-    const QString adapter = adapterPath();
-    discoveryAdapter_ = adapter;
-    Adapter1::setDiscoveryFilter(
-        bus_.get(), adapter, allowDuplicates_, [this, adapter](const sdbus::Reply& reply) {
-            if (!reply.ok())
-                Log::logf("BluezCentral: SetDiscoveryFilter failed: %s", utf8(reply.errorText()).constData());
-            if (!scanning_ || adapter != adapterPath()) return;
-            Adapter1::startDiscovery(bus_.get(), adapter, [this](const sdbus::Reply& r) {
-                if (!r.ok() && r.errorName != QLatin1String("org.bluez.Error.InProgress")) {
-                    Log::logf("BluezCentral: StartDiscovery failed: %s", utf8(r.errorText()).constData());
-                    if (r.errorName == QLatin1String("org.freedesktop.DBus.Error.AccessDenied")) {
-                        accessDenied_ = true;  // may read the adapter, may not scan
-                        recomputeState();
-                    }
-                    return;
-                }
-                discoveryActive_ = true;
-            });
-        });
-}
+void BluezEngine::stopScan() { discovery_.stop(); }
 
-void BluezEngine::stopScan() {
-    const bool wasActive = discoveryActive_ || scanning_;
-    const QString adapter = discoveryAdapter_.isEmpty() ? adapterPath() : discoveryAdapter_;
-    scanning_ = false;
-    discoveryActive_ = false;
-    discoveryAdapter_.clear();
-    if (!wasActive || adapter.isEmpty() || !bus_) return;
-    Adapter1::stopDiscovery(bus_.get(), adapter, [](const sdbus::Reply& reply) {
-        if (!reply.ok())
-            Log::logf("BluezCentral: StopDiscovery failed: %s", utf8(reply.errorText()).constData());
-    });
-}
+void BluezEngine::demandChanged() { discovery_.demandChanged(); }
 
 std::shared_ptr<BluezPeripheral> BluezEngine::peripheralFor(const QString& path) {
     auto it = devices_.constFind(path);
@@ -649,7 +599,7 @@ std::shared_ptr<BluezPeripheral> BluezEngine::peripheralFor(const QString& path)
 }
 
 void BluezEngine::reportAdvertisement(const QString& path) {
-    if (!scanning_) return;
+    if (!discovery_.scanning()) return;
     auto it = devices_.constFind(path);
     if (it == devices_.constEnd()) return;
     if (onlyLocalName_ && it->props.name && *it->props.name != *onlyLocalName_) return;
@@ -658,7 +608,7 @@ void BluezEngine::reportAdvertisement(const QString& path) {
         Log::logf("BluezCentral: device %s has no usable address; ignored", utf8(path).constData());
         return;
     }
-    const double rssi = it->props.rssi ? double(*it->props.rssi) : 127.0;  // 127: no reading
+    const double rssi = it->props.rssi ? double(*it->props.rssi) : kRssiNoReading;
     if (pending_.empty() || pending_.back().callback) pending_.push_back({});
     pending_.back().advertisements.push_back(BleDiscovery{
         std::move(peripheral), AdvertisementData{it->props.name, it->props.manufacturerData}, rssi});
@@ -747,7 +697,8 @@ void BluezEngine::readRssi(const QString& path) {
     if (!peripheral) return;
     auto it = devices_.constFind(path);
     const bool connected = it != devices_.constEnd() && it->reportedConnected;
-    const double rssi = it != devices_.constEnd() && it->props.rssi ? double(*it->props.rssi) : 127.0;
+    const double rssi =
+        it != devices_.constEnd() && it->props.rssi ? double(*it->props.rssi) : kRssiNoReading;
     std::optional<BleError> error;
     if (!connected) error = BleError{BluezErrorNotConnected, QStringLiteral("not connected")};
     deliver([peripheral, rssi, error] {
@@ -769,7 +720,7 @@ void BluezEngine::discoverServices(const QString& path) {
     const double since = monotonicMs() - it->lastServicesAnswerMs;
     if (it->lastServicesAnswerMs >= 0 && since < kRediscoveryIntervalMs) {
         it->servicesPending = true;
-        after(kRediscoveryIntervalMs - since, [this, path] {
+        queue_.after(kRediscoveryIntervalMs - since, [this, path] {
             auto d = devices_.find(path);
             if (d != devices_.end() && d->servicesPending && d->reportedConnected) answerServices(path);
         });

@@ -20,15 +20,19 @@
 
 #include "ble/BleCentral.h"
 #include "platform/bluez/BluezCharacteristic.h"
+#include "platform/bluez/BluezInterfaces.h"
 #include "platform/bluez/BluezPeripheral.h"
 #include "platform/bluez/BluezProperties.h"
 #include "platform/bluez/BluezService.h"
+#include "platform/bluez/DiscoverySession.h"
+#include "platform/bluez/IntakeQueue.h"
 #include "platform/bluez/ObjectManager.h"
 #include "platform/bluez/SdBus.h"
 
 namespace lumerix {
 
 class BluezLink;
+class ScanDemand;
 
 class BluezEngine final {
 public:
@@ -37,10 +41,15 @@ public:
     // A drain ends after this many messages even when more wait, so that commands and the
     // delegate's batches keep moving while the intake is behind.
     static constexpr int kMaxMessagesPerDrain = 1024;
+    // A lost system-bus connection is tried again after this, doubling up to kMaxReconnectMs.
+    static constexpr double kReconnectMs = 500.0;
+    static constexpr double kMaxReconnectMs = 8000.0;
 
-    // onlyLocalName: advertisements of devices whose Name is known and differs are dropped here.
+    // onlyLocalName: advertisements of devices whose Name is known and differs are dropped here,
+    // and bluetoothd is asked to report only devices whose name starts with it. demand (may be
+    // null): whether someone looks, which keeps discovery from pausing.
     BluezEngine(BleCentralDelegate* delegate, const std::shared_ptr<BluezLink>& link,
-                std::optional<QString> onlyLocalName);
+                std::optional<QString> onlyLocalName, std::shared_ptr<ScanDemand> demand = nullptr);
     ~BluezEngine();
     BluezEngine(const BluezEngine&) = delete;
     BluezEngine& operator=(const BluezEngine&) = delete;
@@ -50,6 +59,8 @@ public:
 
     void startScan(bool allowDuplicates);
     void stopScan();
+    // The demand changed: discovery may have to run now, or may pause.
+    void demandChanged();
     void connectDevice(const QString& path);
     void disconnectDevice(const QString& path);
     void readRssi(const QString& path);
@@ -69,14 +80,6 @@ private:
     struct GattObject {
         BluezGattProperties props;
     };
-    // RSSI and ManufacturerData of one PropertiesChanged, read straight from the message.
-    struct AdvertisementFields {
-        bool hasRssi = false;
-        qint16 rssi = 0;
-        bool hasManufacturerData = false;
-        std::optional<QByteArray> manufacturerData;
-        QString problem;  // a ManufacturerData that was refused
-    };
     struct KnownPath {
         QString path;
         bool ignored = false;  // Name known and not onlyLocalName_
@@ -91,18 +94,18 @@ private:
     };
 
     void start();
+    void reconnectLater();
     bool subscribe();
     // Processes what is waiting, at most kMaxMessagesPerDrain messages; true when more may be.
     bool drain();
     void flush();
-    void runTimers();
     int waitTimeoutMs() const;
-    void after(double ms, std::function<void()> fn);
 
     static int onInterfacesAdded(sd_bus_message* m, void* self, sd_bus_error*);
     static int onInterfacesRemoved(sd_bus_message* m, void* self, sd_bus_error*);
     static int onDevicePropertiesChanged(sd_bus_message* m, void* self, sd_bus_error*);
     static int onAdapterPropertiesChanged(sd_bus_message* m, void* self, sd_bus_error*);
+    static int onTransportPropertiesChanged(sd_bus_message* m, void* self, sd_bus_error*);
     static int onDeviceDisconnected(sd_bus_message* m, void* self, sd_bus_error*);
     static int onNameOwnerChanged(sd_bus_message* m, void* self, sd_bus_error*);
 
@@ -113,14 +116,15 @@ private:
     void clearObjects(int disconnectError);
     void addInterfaces(const QString& path, const bluez::InterfaceMap& interfaces, bool fromSignal);
     void updateDevice(const QString& path, const QVariantMap& changed, const QStringList& invalidated,
-                      bool fromSignal, const AdvertisementFields* advertisement = nullptr);
-    bool readDeviceChanges(sd_bus_message* m, bool ignored, AdvertisementFields* advertisement,
-                           QVariantMap* changed);
+                      bool fromSignal, const bluez::Device1::Advertisement* advertisement = nullptr);
     void removeDevice(const QString& path, int disconnectError);
+    // The device's object is gone: the delegate hears that the peripheral is forgotten.
+    void forgetPeripheral(const QString& path, bool wasConnected);
     void noteName(const QString& path, const Device& device);
     void recomputeState();
     QString adapterPath() const;
-    void beginDiscovery();
+    void noteTransport(const QString& path, const QVariantMap& changed);
+    void audioMayHaveChanged();
 
     std::shared_ptr<BluezPeripheral> peripheralFor(const QString& path);
     void reportAdvertisement(const QString& path);
@@ -136,21 +140,22 @@ private:
     const std::optional<QString> onlyLocalName_;
     sdbus::BusPtr bus_;
     std::vector<sdbus::SlotPtr> matches_;
-    std::multimap<double, std::function<void()>> timers_;  // deadline (monotonic ms) -> work
-    std::vector<Delivery> pending_;                        // for the delegate queue, in order
+    IntakeQueue queue_;  // the intake loop's timers
+    DiscoverySession discovery_;
+    double reconnectMs_ = kReconnectMs;
+    bool busLost_ = false;
+    std::vector<Delivery> pending_;  // for the delegate queue, in order
 
     quint64 snapshotGeneration_ = 0;
     bool snapshotDone_ = false;
     bool bluezPresent_ = false;
     bool accessDenied_ = false;
     bool stateReported_ = false;
-    int state_ = 0;
-    bool scanning_ = false;
-    bool discoveryActive_ = false;
-    bool allowDuplicates_ = true;
-    QString discoveryAdapter_;  // the adapter discovery was started on
+    int state_ = BleStateUnknown;
+    bool audioActive_ = false;
 
     QMap<QString, BluezAdapterProperties> adapters_;
+    QHash<QString, bool> transports_;  // MediaTransport1 paths -> State is "active"
     QHash<QString, Device> devices_;
     // Device paths as sd-bus gives them. Advertisements of ignored devices are skipped unread (a
     // Name change still reaches them).
