@@ -110,6 +110,8 @@ class RadioSharedWithAudio(unittest.TestCase):
             time.sleep(3)
             self.assertEqual(desktop.bluez.adapter_calls(), [], desktop.program_log())
 
+            # As a tray host opens a menu.
+            menu.proxy.AboutToShow(dbus.Int32(0))
             menu.proxy.Event(dbus.Int32(0), 'opened', dbus.Int32(0, variant_level=1), dbus.UInt32(0))
             h.wait_for(lambda: desktop.adapter_calls('StartDiscovery') == 1, 10, 'discovery with the menu open')
             filters = [c[2][0] for c in desktop.bluez.mock('/org/bluez/hci0').GetCalls()
