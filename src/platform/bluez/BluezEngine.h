@@ -1,6 +1,7 @@
 #pragma once
-// The part of BluezCentral that lives on the intake thread: the system-bus connection (sd-bus),
-// the signal subscriptions, the cache of adapters, devices and GATT objects, and every D-Bus call.
+// The part of BluezCentral that lives on the intake thread: the system-bus connection (sd-bus,
+// opened again when it drops), the signal subscriptions, the cache of adapters, devices, audio
+// transports and GATT objects, connections and GATT calls. Discovery itself is DiscoverySession's.
 //
 // The intake loop drains every message that is waiting, runs the commands posted to it, then
 // hands what the drain produced to the delegate queue in one task, and waits at least
