@@ -28,10 +28,6 @@ const QString kGattService = QString::fromLatin1(GattService1::kInterface);
 const QString kGattCharacteristic = QString::fromLatin1(GattCharacteristic1::kInterface);
 const QString kMediaTransport = QStringLiteral("org.bluez.MediaTransport1");
 
-// A second service discovery within one connection is answered no sooner than this after the
-// previous answer, so a caller that repeats until a service shows up does not spin.
-constexpr double kRediscoveryIntervalMs = 200.0;
-
 // The narrowest rules the bus offers: org.bluez's own signals, below /org/bluez, per interface.
 constexpr const char* kMatchInterfacesAdded =
     "type='signal',sender='org.bluez',path='/',interface='org.freedesktop.DBus.ObjectManager',"
@@ -68,7 +64,10 @@ BluezEngine::BluezEngine(BleCentralDelegate* delegate, const std::shared_ptr<Blu
     : delegate_(delegate),
       link_(link),
       onlyLocalName_(std::move(onlyLocalName)),
-      discovery_(queue_, std::move(demand), onlyLocalName_.value_or(QString())) {
+      discovery_(queue_, std::move(demand), onlyLocalName_.value_or(QString())),
+      gatt_(
+          queue_, delegate, devices_, [this](const QString& path) { return peripherals_.value(path); },
+          [this](std::function<void()> fn) { deliver(std::move(fn)); }) {
     discovery_.onAccessDenied = [this] {
         accessDenied_ = true;  // may read the adapter, may not scan
         recomputeState();
@@ -81,6 +80,7 @@ BluezEngine::~BluezEngine() {
     // Slots first, then the connection: closing it also ends any discovery session bluetoothd
     // keeps for it, and drops calls still waiting for their replies.
     discovery_.setBus(nullptr);
+    gatt_.setBus(nullptr);
     matches_.clear();
     bus_.reset();
 }
@@ -135,6 +135,7 @@ bool BluezEngine::drain() {
     if (r < 0) {
         Log::logf("BluezCentral: the system bus connection failed: %s", std::strerror(-r));
         discovery_.setBus(nullptr);
+        gatt_.setBus(nullptr);
         matches_.clear();
         bus_.reset();
         bluezGone();
@@ -195,6 +196,7 @@ void BluezEngine::start() {
     busLost_ = false;
     reconnectMs_ = kReconnectMs;
     discovery_.setBus(bus_.get());
+    gatt_.setBus(bus_.get());
     // Subscribe before the snapshot so that nothing falls between the two.
     if (!subscribe()) Log::logf("BluezCentral: could not subscribe to every org.bluez signal");
     takeSnapshot();
@@ -287,21 +289,23 @@ void BluezEngine::onSnapshot(quint64 generation, const bluez::Snapshot& snapshot
     accessDenied_ = false;
     if (!snapshot.error.isEmpty()) Log::logf("BluezCentral: %s; ignored", utf8(snapshot.error).constData());
 
-    // Keep connection bookkeeping of devices that are still there; drop the rest.
-    QHash<QString, Device> previous;
+    // Keep what is known of devices that are still there (their connections too); drop the rest.
+    QHash<QString, BluezDeviceProperties> previous;
     previous.swap(devices_);
     paths_.clear();
     adapters_.clear();
     transports_.clear();
-    services_.clear();
-    characteristics_.clear();
+    gatt_.forgetProperties();
     for (auto it = snapshot.objects.constBegin(); it != snapshot.objects.constEnd(); ++it) {
         const QString& path = it.key();
         if (previous.contains(path)) devices_.insert(path, previous.value(path));
-        addInterfaces(path, it.value(), false);
+        const auto ad = snapshot.advertisements.constFind(path);
+        addInterfaces(path, it.value(), false, ad != snapshot.advertisements.constEnd() ? &*ad : nullptr);
     }
     for (auto it = previous.constBegin(); it != previous.constEnd(); ++it) {
-        if (!devices_.contains(it.key())) forgetPeripheral(it.key(), it->reportedConnected);
+        if (devices_.contains(it.key())) continue;
+        gatt_.deviceRemoved(it.key(), BluezErrorPeripheralDisconnected);
+        forgetPeripheral(it.key());
     }
     audioMayHaveChanged();
     recomputeState();
@@ -313,10 +317,7 @@ void BluezEngine::clearObjects(int disconnectError) {
     paths_.clear();
     adapters_.clear();
     transports_.clear();
-    services_.clear();
-    characteristics_.clear();
-    serviceObjects_.clear();
-    characteristicObjects_.clear();
+    gatt_.clear();
     audioMayHaveChanged();
 }
 
@@ -325,11 +326,12 @@ void BluezEngine::clearObjects(int disconnectError) {
 int BluezEngine::onInterfacesAdded(sd_bus_message* m, void* self, sd_bus_error*) {
     QString path;
     bluez::InterfaceMap interfaces;
-    if (!ObjectManager::readInterfacesAdded(m, &path, &interfaces)) {
+    BluezAdvertisement advertisement;
+    if (!ObjectManager::readInterfacesAdded(m, &path, &interfaces, &advertisement)) {
         Log::logf("BluezCentral: InterfacesAdded with signature \"%s\" ignored", sdbus::signature(m));
         return 0;
     }
-    static_cast<BluezEngine*>(self)->addInterfaces(path, interfaces, true);
+    static_cast<BluezEngine*>(self)->addInterfaces(path, interfaces, true, &advertisement);
     return 0;
 }
 
@@ -347,14 +349,8 @@ int BluezEngine::onInterfacesRemoved(sd_bus_message* m, void* self, sd_bus_error
     }
     if (interfaces.contains(kDevice)) e->removeDevice(path, BluezErrorPeripheralDisconnected);
     if (interfaces.contains(kMediaTransport) && e->transports_.remove(path)) e->audioMayHaveChanged();
-    if (interfaces.contains(kGattService)) {
-        e->services_.remove(path);
-        e->serviceObjects_.remove(path);
-    }
-    if (interfaces.contains(kGattCharacteristic)) {
-        e->characteristics_.remove(path);
-        e->characteristicObjects_.remove(path);
-    }
+    if (interfaces.contains(kGattService)) e->gatt_.removeService(path);
+    if (interfaces.contains(kGattCharacteristic)) e->gatt_.removeCharacteristic(path);
     return 0;
 }
 
@@ -453,25 +449,25 @@ int BluezEngine::onDeviceDisconnected(sd_bus_message* m, void* self, sd_bus_erro
     auto* e = static_cast<BluezEngine*>(self);
     const QString reason = Device1::disconnectedReason(m);
     if (reason.isEmpty()) return 0;
-    auto it = e->devices_.find(QString::fromUtf8(sd_bus_message_get_path(m)));
-    if (it != e->devices_.end()) it->disconnectReason = reason;
+    e->gatt_.noteDisconnectReason(QString::fromUtf8(sd_bus_message_get_path(m)), reason);
     return 0;
 }
 
 // --- the object cache ---------------------------------------------------------------------------
 
-void BluezEngine::addInterfaces(const QString& path, const bluez::InterfaceMap& interfaces, bool fromSignal) {
+void BluezEngine::addInterfaces(const QString& path, const bluez::InterfaceMap& interfaces, bool fromSignal,
+                                const BluezAdvertisement* advertisement) {
     for (auto it = interfaces.constBegin(); it != interfaces.constEnd(); ++it) {
         const QString& iface = it.key();
         if (iface == kAdapter) {
             logProblems(path, iface, adapters_[path].apply(it.value()));
         } else if (iface == kDevice) {
-            updateDevice(path, it.value(), {}, fromSignal);
+            updateDevice(path, it.value(), {}, fromSignal, advertisement);
             if (fromSignal) reportAdvertisement(path);
         } else if (iface == kGattService) {
-            logProblems(path, iface, services_[path].props.apply(it.value()));
+            logProblems(path, iface, gatt_.applyService(path, it.value()));
         } else if (iface == kGattCharacteristic) {
-            logProblems(path, iface, characteristics_[path].props.apply(it.value()));
+            logProblems(path, iface, gatt_.applyCharacteristic(path, it.value()));
         } else if (iface == kMediaTransport) {
             noteTransport(path, it.value());
         }
@@ -479,60 +475,39 @@ void BluezEngine::addInterfaces(const QString& path, const bluez::InterfaceMap& 
     if (fromSignal && interfaces.contains(kAdapter)) recomputeState();
 }
 
-void BluezEngine::noteName(const QString& path, const Device& device) {
+void BluezEngine::noteName(const QString& path, const BluezDeviceProperties& device) {
     KnownPath& known = paths_[path.toStdString()];
     known.path = path;
-    known.ignored = onlyLocalName_ && device.props.name && *device.props.name != *onlyLocalName_;
+    known.ignored = onlyLocalName_ && device.name && *device.name != *onlyLocalName_;
 }
 
 void BluezEngine::updateDevice(const QString& path, const QVariantMap& changed,
                                const QStringList& invalidated, bool fromSignal,
-                               const Device1::Advertisement* advertisement) {
+                               const BluezAdvertisement* advertisement) {
     const bool isNew = !devices_.contains(path);
-    Device& device = devices_[path];
-    const bool wasConnected = device.props.connected.value_or(false);
-    const bool wasResolved = device.props.servicesResolved.value_or(false);
-    if (!changed.isEmpty() || !invalidated.isEmpty())
-        logProblems(path, kDevice, device.props.apply(changed, invalidated));
-    if (advertisement && advertisement->hasRssi) device.props.rssi = advertisement->rssi;
-    if (advertisement && advertisement->hasManufacturerData) {
-        if (advertisement->problem.isEmpty())
-            device.props.manufacturerData = advertisement->manufacturerData;
-        else
-            logProblems(path, kDevice, {advertisement->problem});
-    }
+    BluezDeviceProperties& device = devices_[path];
+    const bool wasConnected = device.connected.value_or(false);
+    const bool wasResolved = device.servicesResolved.value_or(false);
+    logProblems(path, kDevice,
+                device.apply(changed, invalidated, advertisement ? *advertisement : BluezAdvertisement{}));
     if (isNew || !fromSignal || changed.contains(QStringLiteral("Name")) ||
         invalidated.contains(QStringLiteral("Name")))
         noteName(path, device);
-    if (device.props.name) peripheralFor(path);  // keeps the peripheral's name current
+    if (device.name) peripheralFor(path);  // keeps the peripheral's name current
     if (!fromSignal) return;
-
-    const bool connected = device.props.connected.value_or(false);
-    const bool resolved = device.props.servicesResolved.value_or(false);
-    if (connected && !wasConnected && device.connectPending) reportConnected(path);
-    if (!connected && wasConnected) {
-        Device& d = devices_[path];
-        std::optional<int> error = bluez::disconnectErrorForReason(d.disconnectReason);
-        d.disconnectReason.clear();
-        d.props.servicesResolved = false;
-        if (d.reportedConnected) reportDisconnected(path, error);
-        return;
-    }
-    if (resolved && !wasResolved && devices_[path].servicesPending) answerServices(path);
+    // Services of a dropped connection are not resolved any more, whatever came last.
+    if (wasConnected && !device.connected.value_or(false)) device.servicesResolved = false;
+    gatt_.deviceChanged(path, wasConnected, wasResolved);
 }
 
 void BluezEngine::removeDevice(const QString& path, int disconnectError) {
-    auto it = devices_.find(path);
-    if (it == devices_.end()) return;
-    const bool connected = it->reportedConnected;
-    devices_.erase(it);
+    if (!devices_.remove(path)) return;
     paths_.erase(path.toStdString());
-    if (connected) reportDisconnected(path, disconnectError);
-    forgetPeripheral(path, false);
+    gatt_.deviceRemoved(path, disconnectError);
+    forgetPeripheral(path);
 }
 
-void BluezEngine::forgetPeripheral(const QString& path, bool wasConnected) {
-    if (wasConnected) reportDisconnected(path, BluezErrorPeripheralDisconnected);
+void BluezEngine::forgetPeripheral(const QString& path) {
     auto p = peripherals_.find(path);
     if (p == peripherals_.end()) return;
     // The object stays while an item still holds it, so a device that returns keeps its identity.
@@ -585,16 +560,14 @@ std::shared_ptr<BluezPeripheral> BluezEngine::peripheralFor(const QString& path)
     auto it = devices_.constFind(path);
     std::shared_ptr<BluezPeripheral>& p = peripherals_[path];
     if (!p) {
-        const QString id =
-            it != devices_.constEnd() ? bluez::identifierForDevice(path, it->props) : QString();
+        const QString id = it != devices_.constEnd() ? bluez::identifierForDevice(path, *it) : QString();
         if (id.isEmpty()) {
             peripherals_.remove(path);
             return nullptr;
         }
         p = std::make_shared<BluezPeripheral>(path, id, link_.lock());
     }
-    if (it != devices_.constEnd() && it->props.name && p->name() != *it->props.name)
-        p->setName(*it->props.name);
+    if (it != devices_.constEnd() && it->name && p->name() != *it->name) p->setName(*it->name);
     return p;
 }
 
@@ -602,207 +575,29 @@ void BluezEngine::reportAdvertisement(const QString& path) {
     if (!discovery_.scanning()) return;
     auto it = devices_.constFind(path);
     if (it == devices_.constEnd()) return;
-    if (onlyLocalName_ && it->props.name && *it->props.name != *onlyLocalName_) return;
+    if (onlyLocalName_ && it->name && *it->name != *onlyLocalName_) return;
     auto peripheral = peripheralFor(path);
     if (!peripheral) {
         Log::logf("BluezCentral: device %s has no usable address; ignored", utf8(path).constData());
         return;
     }
-    const double rssi = it->props.rssi ? double(*it->props.rssi) : kRssiNoReading;
+    const double rssi = it->rssi ? double(*it->rssi) : kRssiNoReading;
     if (pending_.empty() || pending_.back().callback) pending_.push_back({});
-    pending_.back().advertisements.push_back(BleDiscovery{
-        std::move(peripheral), AdvertisementData{it->props.name, it->props.manufacturerData}, rssi});
+    pending_.back().advertisements.push_back(
+        BleDiscovery{std::move(peripheral), AdvertisementData{it->name, it->manufacturerData}, rssi});
 }
 
 // --- connections and GATT -----------------------------------------------------------------------
 
-void BluezEngine::connectDevice(const QString& path) {
-    auto it = devices_.find(path);
-    auto peripheral = peripherals_.value(path);
-    if (it == devices_.end() || !peripheral || !bus_) {
-        Log::logf("BluezCentral: connect to unknown device %s", utf8(path).constData());
-        if (peripheral) {
-            BleCentralDelegate* delegate = delegate_;
-            if (!delegate) return;
-            deliver([delegate, peripheral] {
-                delegate->centralManagerDidFailToConnectPeripheral(
-                    peripheral, BleError{BluezErrorConnectionFailed, QStringLiteral("the device is gone")});
-            });
-        }
-        return;
-    }
-    if (it->reportedConnected) return;
-    it->connectPending = true;
-    Device1::connect(bus_.get(), path, [this, path](const sdbus::Reply& reply) {
-        auto d = devices_.find(path);
-        if (d == devices_.end() || !d->connectPending) return;
-        if (reply.ok() || reply.errorName == QLatin1String("org.bluez.Error.AlreadyConnected")) {
-            reportConnected(path);
-            return;
-        }
-        d->connectPending = false;
-        Log::logf("BluezCentral: Connect %s failed: %s", utf8(path).constData(),
-                  utf8(reply.errorText()).constData());
-        auto peripheral = peripherals_.value(path);
-        BleCentralDelegate* delegate = delegate_;
-        if (!peripheral || !delegate) return;
-        BleError error{BluezErrorConnectionFailed, reply.errorText()};
-        deliver([delegate, peripheral, error] {
-            delegate->centralManagerDidFailToConnectPeripheral(peripheral, error);
-        });
-    });
-}
-
-void BluezEngine::disconnectDevice(const QString& path) {
-    auto it = devices_.find(path);
-    if (it == devices_.end() || !bus_) return;
-    it->connectPending = false;
-    if (!it->reportedConnected && !it->props.connected.value_or(false)) return;
-    Device1::disconnect(bus_.get(), path, [path](const sdbus::Reply& reply) {
-        if (!reply.ok())
-            Log::logf("BluezCentral: Disconnect %s failed: %s", utf8(path).constData(),
-                      utf8(reply.errorText()).constData());
-    });
-}
-
-void BluezEngine::reportConnected(const QString& path) {
-    auto d = devices_.find(path);
-    if (d == devices_.end() || d->reportedConnected) return;
-    d->connectPending = false;
-    d->reportedConnected = true;
-    d->lastServicesAnswerMs = -1;
-    auto peripheral = peripherals_.value(path);
-    BleCentralDelegate* delegate = delegate_;
-    if (!peripheral || !delegate) return;
-    deliver([delegate, peripheral] { delegate->centralManagerDidConnectPeripheral(peripheral); });
-}
-
-void BluezEngine::reportDisconnected(const QString& path, std::optional<int> error) {
-    auto d = devices_.find(path);
-    if (d != devices_.end()) {
-        d->reportedConnected = false;
-        d->servicesPending = false;
-    }
-    auto peripheral = peripherals_.value(path);
-    if (!peripheral) return;
-    std::optional<BleError> e;
-    if (error) e = BleError{*error, QStringLiteral("disconnected (code %1)").arg(*error)};
-    BleCentralDelegate* delegate = delegate_;
-    if (!delegate) return;
-    deliver([delegate, peripheral, e] { delegate->centralManagerDidDisconnectPeripheral(peripheral, e); });
-}
-
-void BluezEngine::readRssi(const QString& path) {
-    auto peripheral = peripherals_.value(path);
-    if (!peripheral) return;
-    auto it = devices_.constFind(path);
-    const bool connected = it != devices_.constEnd() && it->reportedConnected;
-    const double rssi =
-        it != devices_.constEnd() && it->props.rssi ? double(*it->props.rssi) : kRssiNoReading;
-    std::optional<BleError> error;
-    if (!connected) error = BleError{BluezErrorNotConnected, QStringLiteral("not connected")};
-    deliver([peripheral, rssi, error] {
-        if (auto* d = peripheral->delegate()) d->peripheralDidReadRSSI(*peripheral, rssi, error);
-    });
-}
-
-void BluezEngine::discoverServices(const QString& path) {
-    auto it = devices_.find(path);
-    if (it == devices_.end() || !it->reportedConnected) {
-        Log::logf("BluezCentral: service discovery on %s, which is not connected; ignored",
-                  utf8(path).constData());
-        return;
-    }
-    if (!it->props.servicesResolved.value_or(false)) {
-        it->servicesPending = true;  // answered when ServicesResolved turns true
-        return;
-    }
-    const double since = monotonicMs() - it->lastServicesAnswerMs;
-    if (it->lastServicesAnswerMs >= 0 && since < kRediscoveryIntervalMs) {
-        it->servicesPending = true;
-        queue_.after(kRediscoveryIntervalMs - since, [this, path] {
-            auto d = devices_.find(path);
-            if (d != devices_.end() && d->servicesPending && d->reportedConnected) answerServices(path);
-        });
-        return;
-    }
-    answerServices(path);
-}
-
-void BluezEngine::answerServices(const QString& path) {
-    auto it = devices_.find(path);
-    if (it == devices_.end()) return;
-    it->servicesPending = false;
-    it->lastServicesAnswerMs = monotonicMs();
-    auto peripheral = peripherals_.value(path);
-    if (!peripheral) return;
-    std::vector<BleServiceRef> list;
-    for (auto s = services_.constBegin(); s != services_.constEnd(); ++s) {
-        if (!bluez::isBelow(s.key(), path) || !s->props.uuid) continue;
-        auto& object = serviceObjects_[s.key()];
-        if (!object) object = std::make_shared<BluezService>(s.key(), BleUuid::fromString(*s->props.uuid));
-        list.push_back(object);
-    }
-    peripheral->setServices(list);
-    deliver([peripheral] {
-        if (auto* d = peripheral->delegate()) d->peripheralDidDiscoverServices(*peripheral, std::nullopt);
-    });
-}
-
+void BluezEngine::connectDevice(const QString& path) { gatt_.connectDevice(path); }
+void BluezEngine::disconnectDevice(const QString& path) { gatt_.disconnectDevice(path); }
+void BluezEngine::readRssi(const QString& path) { gatt_.readRssi(path); }
+void BluezEngine::discoverServices(const QString& path) { gatt_.discoverServices(path); }
 void BluezEngine::discoverCharacteristics(const QString& devicePath, const QString& servicePath) {
-    auto peripheral = peripherals_.value(devicePath);
-    auto service = serviceObjects_.value(servicePath);
-    auto it = devices_.constFind(devicePath);
-    if (!peripheral || !service || it == devices_.constEnd() || !it->reportedConnected) {
-        Log::logf("BluezCentral: characteristic discovery for %s on a device that is not connected; ignored",
-                  utf8(servicePath).constData());
-        return;
-    }
-    std::vector<BleCharacteristicRef> list;
-    for (auto c = characteristics_.constBegin(); c != characteristics_.constEnd(); ++c) {
-        if (!bluez::isBelow(c.key(), servicePath) || !c->props.uuid) continue;
-        auto& object = characteristicObjects_[c.key()];
-        if (!object)
-            object = std::make_shared<BluezCharacteristic>(c.key(), BleUuid::fromString(*c->props.uuid));
-        list.push_back(object);
-    }
-    service->setCharacteristics(list);
-    BleServiceRef ref = service;
-    deliver([peripheral, ref] {
-        if (auto* d = peripheral->delegate())
-            d->peripheralDidDiscoverCharacteristicsForService(*peripheral, ref, std::nullopt);
-    });
+    gatt_.discoverCharacteristics(devicePath, servicePath);
 }
-
 void BluezEngine::readValue(const QString& devicePath, const QString& characteristicPath) {
-    auto peripheral = peripherals_.value(devicePath);
-    auto characteristic = characteristicObjects_.value(characteristicPath);
-    if (!peripheral || !characteristic || !bus_) {
-        Log::logf("BluezCentral: read of unknown characteristic %s ignored",
-                  utf8(characteristicPath).constData());
-        return;
-    }
-    GattCharacteristic1::readValue(
-        bus_.get(), characteristicPath, [this, peripheral, characteristic](const sdbus::Reply& reply) {
-            std::optional<BleError> error;
-            QByteArray value;
-            QString problem;
-            if (!reply.ok()) {
-                error = BleError{bluez::errorCodeForDBusError(reply.errorName), reply.errorText()};
-            } else if (!GattCharacteristic1::value(reply, &value, &problem)) {
-                error = BleError{BluezErrorUnknown, problem};
-            } else {
-                characteristic->setValue(value);
-            }
-            if (error)
-                Log::logf("BluezCentral: ReadValue %s failed: %s", utf8(characteristic->path()).constData(),
-                          utf8(error->description).constData());
-            BleCharacteristicRef ref = characteristic;
-            deliver([peripheral, ref, error] {
-                if (auto* d = peripheral->delegate())
-                    d->peripheralDidUpdateValueForCharacteristic(*peripheral, ref, error);
-            });
-        });
+    gatt_.readValue(devicePath, characteristicPath);
 }
 
 void BluezEngine::logProblems(const QString& path, const QString& interface, const QStringList& problems) {

@@ -1,7 +1,7 @@
 #pragma once
 // The part of BluezCentral that lives on the intake thread: the system-bus connection (sd-bus,
-// opened again when it drops), the signal subscriptions, the cache of adapters, devices, audio
-// transports and GATT objects, connections and GATT calls. Discovery itself is DiscoverySession's.
+// opened again when it drops), the signal subscriptions and the cache of adapters, devices and
+// audio transports. Discovery is DiscoverySession's; connections and GATT are GattClient's.
 //
 // The intake loop drains every message that is waiting, runs the commands posted to it, then
 // hands what the drain produced to the delegate queue in one task, and waits at least
@@ -26,6 +26,7 @@
 #include "platform/bluez/BluezProperties.h"
 #include "platform/bluez/BluezService.h"
 #include "platform/bluez/DiscoverySession.h"
+#include "platform/bluez/GattClient.h"
 #include "platform/bluez/IntakeQueue.h"
 #include "platform/bluez/ObjectManager.h"
 #include "platform/bluez/SdBus.h"
@@ -70,17 +71,6 @@ public:
     void readValue(const QString& devicePath, const QString& characteristicPath);
 
 private:
-    struct Device {
-        BluezDeviceProperties props;
-        bool connectPending = false;
-        bool reportedConnected = false;
-        bool servicesPending = false;
-        double lastServicesAnswerMs = -1;  // monotonic; throttles repeated discoveries
-        QString disconnectReason;
-    };
-    struct GattObject {
-        BluezGattProperties props;
-    };
     struct KnownPath {
         QString path;
         bool ignored = false;  // Name known and not onlyLocalName_
@@ -115,13 +105,14 @@ private:
     void onSnapshot(quint64 generation, const bluez::Snapshot& snapshot);
     void bluezGone();
     void clearObjects(int disconnectError);
-    void addInterfaces(const QString& path, const bluez::InterfaceMap& interfaces, bool fromSignal);
+    void addInterfaces(const QString& path, const bluez::InterfaceMap& interfaces, bool fromSignal,
+                       const BluezAdvertisement* advertisement = nullptr);
     void updateDevice(const QString& path, const QVariantMap& changed, const QStringList& invalidated,
-                      bool fromSignal, const bluez::Device1::Advertisement* advertisement = nullptr);
+                      bool fromSignal, const BluezAdvertisement* advertisement = nullptr);
     void removeDevice(const QString& path, int disconnectError);
     // The device's object is gone: the delegate hears that the peripheral is forgotten.
-    void forgetPeripheral(const QString& path, bool wasConnected);
-    void noteName(const QString& path, const Device& device);
+    void forgetPeripheral(const QString& path);
+    void noteName(const QString& path, const BluezDeviceProperties& device);
     void recomputeState();
     QString adapterPath() const;
     void noteTransport(const QString& path, const QVariantMap& changed);
@@ -129,9 +120,6 @@ private:
 
     std::shared_ptr<BluezPeripheral> peripheralFor(const QString& path);
     void reportAdvertisement(const QString& path);
-    void reportConnected(const QString& path);
-    void reportDisconnected(const QString& path, std::optional<int> error);
-    void answerServices(const QString& path);
     void deliver(std::function<void()> fn);
     void logProblems(const QString& path, const QString& interface, const QStringList& problems);
     static double monotonicMs();
@@ -157,15 +145,12 @@ private:
 
     QMap<QString, BluezAdapterProperties> adapters_;
     QHash<QString, bool> transports_;  // MediaTransport1 paths -> State is "active"
-    QHash<QString, Device> devices_;
+    QHash<QString, BluezDeviceProperties> devices_;
     // Device paths as sd-bus gives them. Advertisements of ignored devices are skipped unread (a
     // Name change still reaches them).
     std::unordered_map<std::string, KnownPath, PathHash, std::equal_to<>> paths_;
-    QMap<QString, GattObject> services_;         // sorted by path = handle order
-    QMap<QString, GattObject> characteristics_;  // sorted by path = handle order
     QHash<QString, std::shared_ptr<BluezPeripheral>> peripherals_;
-    QHash<QString, std::shared_ptr<BluezService>> serviceObjects_;
-    QHash<QString, std::shared_ptr<BluezCharacteristic>> characteristicObjects_;
+    GattClient gatt_;  // after devices_ and peripherals_, which it reads
 };
 
 }  // namespace lumerix

@@ -6,6 +6,7 @@
 #include <QVariantMap>
 #include <optional>
 
+#include "platform/bluez/BluezProperties.h"
 #include "platform/bluez/SdBus.h"
 
 namespace lumerix::bluez {
@@ -29,16 +30,10 @@ public:
     // Device1.Disconnected(reason, message): the reason, or empty when the signal has another shape.
     static QString disconnectedReason(sd_bus_message* m);
 
-    // RSSI and ManufacturerData of one PropertiesChanged, read straight from the message.
-    struct Advertisement {
-        bool hasRssi = false;
-        qint16 rssi = 0;
-        bool hasManufacturerData = false;
-        std::optional<QByteArray> manufacturerData;  // company id (little-endian), then the bytes
-        QString problem;                             // a ManufacturerData that was refused
-    };
-    // Reads the a{sv} of a Device1 PropertiesChanged (the read position just after the interface
-    // name): RSSI and ManufacturerData into *advertisement, every other property into *changed.
+    using Advertisement = BluezAdvertisement;
+    // The one reader of Device1 properties: the a{sv} of a PropertiesChanged (the read position
+    // just after the interface name), of InterfacesAdded or of the snapshot. RSSI and
+    // ManufacturerData go into *advertisement, every other property into *changed.
     // With ignored, advertisement properties are skipped unread. The lowest company identifier's
     // data wins. False on a malformed message.
     static bool readChanges(sd_bus_message* m, bool ignored, Advertisement* advertisement,
