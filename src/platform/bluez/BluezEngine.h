@@ -1,7 +1,8 @@
 #pragma once
 // The part of BluezCentral that lives on the intake thread: the system-bus connection (sd-bus,
-// opened again when it drops), the signal subscriptions and the cache of adapters, devices and
-// audio transports. Discovery is DiscoverySession's; connections and GATT are GattClient's.
+// opened again when it drops), the state reported to the delegate and the peripheral objects
+// handed out. The cache of bluetoothd's objects is ObjectCache's, discovery DiscoverySession's,
+// connections and GATT GattClient's; the engine wires them.
 //
 // The intake loop drains every message that is waiting, runs the commands posted to it, then
 // hands what the drain produced to the delegate queue in one task, and waits at least
@@ -28,6 +29,7 @@
 #include "platform/bluez/DiscoverySession.h"
 #include "platform/bluez/GattClient.h"
 #include "platform/bluez/IntakeQueue.h"
+#include "platform/bluez/ObjectCache.h"
 #include "platform/bluez/ObjectManager.h"
 #include "platform/bluez/SdBus.h"
 
@@ -71,14 +73,6 @@ public:
     void readValue(const QString& devicePath, const QString& characteristicPath);
 
 private:
-    struct KnownPath {
-        QString path;
-        bool ignored = false;  // Name known and not onlyLocalName_
-    };
-    struct PathHash {
-        using is_transparent = void;
-        size_t operator()(std::string_view s) const { return std::hash<std::string_view>{}(s); }
-    };
     struct Delivery {
         std::function<void()> callback;  // or, when empty, a batch of advertisements
         std::vector<BleDiscovery> advertisements;
@@ -86,71 +80,36 @@ private:
 
     void start();
     void reconnectLater();
-    bool subscribe();
     // Processes what is waiting, at most kMaxMessagesPerDrain messages; true when more may be.
     bool drain();
     void flush();
     int waitTimeoutMs() const;
 
-    static int onInterfacesAdded(sd_bus_message* m, void* self, sd_bus_error*);
-    static int onInterfacesRemoved(sd_bus_message* m, void* self, sd_bus_error*);
-    static int onDevicePropertiesChanged(sd_bus_message* m, void* self, sd_bus_error*);
-    static int onAdapterPropertiesChanged(sd_bus_message* m, void* self, sd_bus_error*);
-    static int onTransportPropertiesChanged(sd_bus_message* m, void* self, sd_bus_error*);
-    static int onDeviceDisconnected(sd_bus_message* m, void* self, sd_bus_error*);
-    static int onNameOwnerChanged(sd_bus_message* m, void* self, sd_bus_error*);
-
-    void devicePropertiesChanged(sd_bus_message* m);
-    void takeSnapshot();
-    void onSnapshot(quint64 generation, const bluez::Snapshot& snapshot);
-    void bluezGone();
-    void clearObjects(int disconnectError);
-    void addInterfaces(const QString& path, const bluez::InterfaceMap& interfaces, bool fromSignal,
-                       const BluezAdvertisement* advertisement = nullptr);
-    void updateDevice(const QString& path, const QVariantMap& changed, const QStringList& invalidated,
-                      bool fromSignal, const BluezAdvertisement* advertisement = nullptr);
-    void removeDevice(const QString& path, int disconnectError);
     // The device's object is gone: the delegate hears that the peripheral is forgotten.
     void forgetPeripheral(const QString& path);
-    void noteName(const QString& path, const BluezDeviceProperties& device);
     void recomputeState();
-    QString adapterPath() const;
-    void noteTransport(const QString& path, const QVariantMap& changed);
-    void audioMayHaveChanged();
 
     std::shared_ptr<BluezPeripheral> peripheralFor(const QString& path);
     void reportAdvertisement(const QString& path);
     void deliver(std::function<void()> fn);
-    void logProblems(const QString& path, const QString& interface, const QStringList& problems);
     static double monotonicMs();
 
     BleCentralDelegate* const delegate_;
     std::weak_ptr<BluezLink> link_;
     const std::optional<QString> onlyLocalName_;
     sdbus::BusPtr bus_;
-    std::vector<sdbus::SlotPtr> matches_;
     IntakeQueue queue_;  // the intake loop's timers
     DiscoverySession discovery_;
     double reconnectMs_ = kReconnectMs;
     bool busLost_ = false;
     std::vector<Delivery> pending_;  // for the delegate queue, in order
 
-    quint64 snapshotGeneration_ = 0;
-    bool snapshotDone_ = false;
-    bool bluezPresent_ = false;
-    bool accessDenied_ = false;
     bool stateReported_ = false;
     int state_ = BleStateUnknown;
-    bool audioActive_ = false;
 
-    QMap<QString, BluezAdapterProperties> adapters_;
-    QHash<QString, bool> transports_;  // MediaTransport1 paths -> State is "active"
-    QHash<QString, BluezDeviceProperties> devices_;
-    // Device paths as sd-bus gives them. Advertisements of ignored devices are skipped unread (a
-    // Name change still reaches them).
-    std::unordered_map<std::string, KnownPath, PathHash, std::equal_to<>> paths_;
     QHash<QString, std::shared_ptr<BluezPeripheral>> peripherals_;
-    GattClient gatt_;  // after devices_ and peripherals_, which it reads
+    ObjectCache cache_;
+    GattClient gatt_;  // reads the cache's devices and peripherals_
 };
 
 }  // namespace lumerix
