@@ -126,9 +126,10 @@ BluetoothFindings probeBluetooth() {
     // bluetoothd refuses filters while the adapter is off, so an adapter that is off is left alone.
     const QString adapter = bluez::defaultAdapterPath(found.adapters.keys());
     if (adapter.isEmpty() || !found.adapters.value(adapter).value_or(false)) return found;
-    const QDBusMessage set = callAdapter(
-        bus, adapter,
-        {{QStringLiteral("Transport"), QStringLiteral("le")}, {QStringLiteral("DuplicateData"), true}});
+    const QDBusMessage set = callAdapter(bus, adapter,
+                                         {{QStringLiteral("Transport"), QStringLiteral("le")},
+                                          {QStringLiteral("DuplicateData"), true},
+                                          {QStringLiteral("Pattern"), QStringLiteral("LX")}});
     if (set.type() != QDBusMessage::ReplyMessage) {
         found.filterError = set.errorName() + QStringLiteral(": ") + set.errorMessage();
         return found;
@@ -272,7 +273,7 @@ QList<DoctorCheck> Doctor::bluetoothChecks(const BluetoothFindings& found) {
         checks << skipped(filter, QCoreApplication::translate("Doctor", "needs the adapter on"));
     } else if (found.filterError->isEmpty()) {
         checks << passed(filter, true,
-                         QCoreApplication::translate("Doctor", "Transport le with DuplicateData accepted"));
+                         QCoreApplication::translate("Doctor", "Transport le with DuplicateData and Pattern LX accepted"));
     } else {
         checks << failed(
             filter, true, QCoreApplication::translate("Doctor", "refused: ") + *found.filterError,

@@ -26,8 +26,10 @@ HeadlessSession::HeadlessSession(bool demo)
 
 HeadlessSession::HeadlessSession(const ScanSource& source)
     : mainQueue_("com.zemko.Lumerix.main", QCoreApplication::instance()),
+      demand_(std::make_shared<ScanDemand>()),
+      looking_(demand_->hold()),
       alive_(std::make_shared<bool>(true)) {
-    handler_ = QVLumerixHandler::create(makeProductionEnvironment(&mainQueue_, source));
+    handler_ = QVLumerixHandler::create(makeProductionEnvironment(&mainQueue_, source, demand_));
     handler_->setDelegate(this);
 }
 

@@ -6,6 +6,7 @@
 #include <memory>
 
 #include "app/ProductionEnvironment.h"
+#include "ble/ScanDemand.h"
 #include "dispatch/QtQueues.h"
 #include "receiver/QVLumerixHandler.h"
 
@@ -48,6 +49,9 @@ private:
     void lumerixItem(const QVLumerixItemRef& item, int status) override;
 
     QtEventQueue mainQueue_;
+    // A command-line run waits for receivers all along: the radio never pauses.
+    std::shared_ptr<ScanDemand> demand_;
+    ScanDemand::Hold looking_;
     std::shared_ptr<QVLumerixHandler> handler_;
     std::shared_ptr<bool> alive_;
     bool scanning_ = false;

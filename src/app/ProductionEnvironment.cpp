@@ -28,7 +28,8 @@ std::optional<ScanSource> ScanSource::fromCommandLine(const CommandLine& options
     return source;
 }
 
-HandlerEnvironment makeProductionEnvironment(DispatchQueue* mainQueue, const ScanSource& source) {
+HandlerEnvironment makeProductionEnvironment(DispatchQueue* mainQueue, const ScanSource& source,
+                                             const std::shared_ptr<ScanDemand>& demand) {
     HandlerEnvironment env;
     env.clock = systemClock();
     env.mainQueue = mainQueue;
@@ -43,7 +44,7 @@ HandlerEnvironment makeProductionEnvironment(DispatchQueue* mainQueue, const Sca
     } else {
         // Receivers advertise as "LX": other named devices are dropped as they arrive.
         env.makeCentral = source.demo ? simulatedCentralFactory(SimulatedScenario::demo())
-                                      : BluezCentral::factory(QStringLiteral("LX"));
+                                      : BluezCentral::factory(QStringLiteral("LX"), demand);
     }
     if (source.recorder) env.makeCentral = TraceRecorder::recordingFactory(env.makeCentral, source.recorder);
     return env;

@@ -25,8 +25,12 @@ struct ScanSource {
     static std::optional<ScanSource> fromCommandLine(const CommandLine& options, QString* error);
 };
 
+class ScanDemand;
+
 // mainQueue: the main thread's queue; must outlive every handler built from the environment.
-HandlerEnvironment makeProductionEnvironment(DispatchQueue* mainQueue, const ScanSource& source);
+// demand: whether someone looks at the receivers; the radio pauses between scans while nobody does.
+HandlerEnvironment makeProductionEnvironment(DispatchQueue* mainQueue, const ScanSource& source,
+                                             const std::shared_ptr<ScanDemand>& demand = nullptr);
 inline HandlerEnvironment makeProductionEnvironment(DispatchQueue* mainQueue, bool demo) {
     ScanSource source;
     source.demo = demo;

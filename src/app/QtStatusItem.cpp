@@ -51,9 +51,13 @@ void show(QAction* action, const TrayEntry& entry, bool exported) {
 QtStatusItem::QtStatusItem(QString resourcesDir, bool inTray)
     : resourcesDir_(std::move(resourcesDir)), menu_(std::make_unique<QMenu>()), presenter_(*this) {
     menu_->setTitle(QStringLiteral("Lumerix"));
-    QObject::connect(menu_.get(), &QMenu::aboutToShow, menu_.get(), [this] { menuOpen_ = true; });
+    QObject::connect(menu_.get(), &QMenu::aboutToShow, menu_.get(), [this] {
+        menuOpen_ = true;
+        if (menuOpenNote_) menuOpenNote_(true);
+    });
     QObject::connect(menu_.get(), &QMenu::aboutToHide, menu_.get(), [this] {
         menuOpen_ = false;
+        if (menuOpenNote_) menuOpenNote_(false);
         // The widget popup is gone: the exported labels come back.
         if (tray_ && exportsMenu() && !exported_) showTitles(true);
     });
@@ -233,6 +237,7 @@ void QtStatusBar::trayHostAppeared() {
 
 StatusItemRef QtStatusBar::statusItemWithLength(double) {
     auto item = std::make_shared<QtStatusItem>(resourcesDir_, trayAvailable_);
+    item->setMenuOpenNote(menuOpenNote_);
     if (!trayAvailable_) waiting_.push_back(item);
     return item;
 }

@@ -7,6 +7,7 @@
 #include <QHash>
 #include <QIcon>
 #include <QString>
+#include <functional>
 #include <memory>
 #include <vector>
 
@@ -31,6 +32,8 @@ public:
     void setImage(const StatusImageRef& image) override;
     void setMenu(const MenuRef& menu) override;
     bool isMenuOpen() const override { return menuOpen_; }
+    // Told when the menu opens (true) and closes (false).
+    void setMenuOpenNote(std::function<void(bool open)> note) { menuOpenNote_ = std::move(note); }
     void setToolTip(const QString& text) override;
     void setNeedsAttention(bool attention) override;
     // Makes the tray icon with the current menu, icon and tooltip; once only.
@@ -66,7 +69,8 @@ private:
     MenuActionTarget* target_ = nullptr;
     bool menuOpen_ = false;
     bool exported_ = false;  // the form the titles are in, see showTitles()
-    QString shownImage_;     // key of the image shown, empty for none
+    std::function<void(bool)> menuOpenNote_;
+    QString shownImage_;  // key of the image shown, empty for none
     StatusImageRef lastImage_;
     bool lastImageTemplate_ = false;
     QIcon shownIcon_;
@@ -90,9 +94,12 @@ public:
     StatusImageRef imageNamed(const QString& name) override;
     bool isTrayAvailable() const override { return trayAvailable_; }
     void trayHostAppeared();
+    // Given to every status item made from now on (QtStatusItem::setMenuOpenNote).
+    void setMenuOpenNote(std::function<void(bool open)> note) { menuOpenNote_ = std::move(note); }
 
 private:
     QString resourcesDir_;
+    std::function<void(bool)> menuOpenNote_;
     bool trayAvailable_;
     std::vector<std::weak_ptr<QtStatusItem>> waiting_;
     std::unique_ptr<QObject> hostWatch_;

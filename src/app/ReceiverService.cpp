@@ -13,8 +13,11 @@ QString text(const std::optional<QString>& value) { return value.value_or(QStrin
 
 }  // namespace
 
-ReceiverService::ReceiverService(AppDelegate& delegate, DispatchQueue& mainQueue)
-    : delegate_(delegate), changed_(mainQueue, kChangeIntervalMs, [this] { emitIfChanged(); }) {
+ReceiverService::ReceiverService(AppDelegate& delegate, DispatchQueue& mainQueue,
+                                 std::shared_ptr<ScanDemand> demand)
+    : delegate_(delegate),
+      demand_(std::move(demand)),
+      changed_(mainQueue, kChangeIntervalMs, [this] { emitIfChanged(); }) {
     qDBusRegisterMetaType<QList<QVariantMap>>();
     // Told of every change of the list; the list is looked at once a second at most.
     delegate_.setReceiversObserver([this] { changed_.trigger(); });
@@ -89,12 +92,14 @@ QList<ReceiverService::Listed> ReceiverService::listed() const {
 }
 
 QList<QVariantMap> ReceiverService::Receivers() {
+    if (demand_) demand_->nudge();
     QList<QVariantMap> out;
     for (const Listed& l : listed()) out.append(l.entry);
     return out;
 }
 
 std::optional<QString> ReceiverService::connect(const QString& query) {
+    if (demand_) demand_->nudge();
     const QList<Listed> receivers = listed();
     QList<ReceiverCandidate> candidates;
     for (const Listed& l : receivers) candidates.append(l.candidate);
@@ -121,6 +126,8 @@ std::optional<QString> ReceiverService::connectListed(const Listed& l) {
 }
 
 QList<ReceiverService::SearchResult> ReceiverService::search(const QStringList& terms) const {
+    // Someone typing in a launcher is looking: the radio listens without pause for a while.
+    if (demand_) demand_->nudge();
     const QList<Listed> receivers = listed();
     QList<ReceiverCandidate> candidates;
     for (const Listed& l : receivers) candidates.append(l.candidate);

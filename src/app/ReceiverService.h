@@ -9,6 +9,7 @@
 #include <QObject>
 #include <QVariantMap>
 
+#include "ble/ScanDemand.h"
 #include "dispatch/Throttle.h"
 #include "shell/AppDelegate.h"
 #include "shell/ReceiverChoice.h"
@@ -25,7 +26,9 @@ public:
     static constexpr const char* kInterfaceName = "com.zemko.Lumerix1";
     static constexpr double kChangeIntervalMs = 1000.0;
 
-    ReceiverService(AppDelegate& delegate, DispatchQueue& mainQueue);
+    // demand (may be null) is nudged by every query: a client that asks now likely asks again.
+    ReceiverService(AppDelegate& delegate, DispatchQueue& mainQueue,
+                    std::shared_ptr<ScanDemand> demand = nullptr);
     ~ReceiverService() override;
 
     enum class Registration { Registered, NameTaken, Failed };
@@ -64,6 +67,7 @@ private:
     void emitIfChanged();
 
     AppDelegate& delegate_;
+    std::shared_ptr<ScanDemand> demand_;
     Throttle changed_;
     QString lastShape_;
 };

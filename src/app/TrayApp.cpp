@@ -20,6 +20,7 @@
 #include "app/ReferenceTableLocation.h"
 #include "app/Translations.h"
 #include "app/UnixSignalWatcher.h"
+#include "ble/ScanDemand.h"
 #include "dispatch/QtQueues.h"
 #include "log/Log.h"
 #include "platform/linux/BluezPowerCheck.h"
@@ -91,7 +92,9 @@ int runTrayApp(int argc, char** argv, const CommandLine& options) {
     }
 
     QtEventQueue mainQueue(kMainQueueLabel, &app);
-    HandlerEnvironment handlerEnv = makeProductionEnvironment(&mainQueue, *source);
+    // Someone looks while the menu is open or a D-Bus client asks: the radio does not pause then.
+    auto demand = std::make_shared<ScanDemand>();
+    HandlerEnvironment handlerEnv = makeProductionEnvironment(&mainQueue, *source, demand);
     auto application = std::make_shared<QtShellApplication>();
     // Frames go only to our own user's sender, and the listener answers only our own processes.
     const PeerCheck peers = makeLoopbackPeerCheck();
@@ -101,7 +104,11 @@ int runTrayApp(int argc, char** argv, const CommandLine& options) {
     env.clock = handlerEnv.clock;
     env.mainQueue = &mainQueue;
     env.makeHandler = makeHandlerFactory(handlerEnv);
-    env.statusBar = QtStatusBar::makeStatusBar(PathManager::GetResourcePath());
+    auto statusBar = QtStatusBar::makeStatusBar(PathManager::GetResourcePath());
+    statusBar->setMenuOpenNote([demand, looking = std::make_shared<ScanDemand::Hold>()](bool open) {
+        *looking = open ? demand->hold() : nullptr;
+    });
+    env.statusBar = statusBar;
     env.application = application;
     env.resourcePath = ReferenceTableLocation::defaultFolder(demo, PathManager::GetResourcePath());
     env.applicationSupportPath = demo ? ReferenceTableLocation::demoSupportFolder()
@@ -127,7 +134,7 @@ int runTrayApp(int argc, char** argv, const CommandLine& options) {
 
     AppDelegate delegate(std::move(env));
     // One tray per session: the service's name tells whether another instance already runs.
-    ReceiverService service(delegate, mainQueue);
+    ReceiverService service(delegate, mainQueue, demand);
     // Launcher searches reach the tray by its name, so their objects are there before the name is.
     WarmUpGate searchGate(service);
     SearchProvider searchProvider(service, searchGate);

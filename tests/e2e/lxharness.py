@@ -89,7 +89,7 @@ BUS_CONFIG = '''<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Config
 <busconfig>
   <type>{kind}</type>
   <keep_umask/>
-  <listen>unix:dir={dir}</listen>
+  <listen>{listen}</listen>
   {services}
   <policy context="default">
     <allow send_destination="*" eavesdrop="true"/>
@@ -109,13 +109,15 @@ DENY_BLUEZ_DISCOVERY = ('<deny send_destination="org.bluez" send_interface="org.
 class PrivateBus:
     """A dbus-daemon of our own (system or session type)."""
 
-    def __init__(self, extra_policy='', kind='system', services_dir=None):
-        """services_dir: where the bus finds the services it starts on demand (none by default)."""
+    def __init__(self, extra_policy='', kind='system', services_dir=None, listen=None):
+        """services_dir: where the bus finds the services it starts on demand (none by default).
+        listen: the daemon's address (a fixed socket lets a restarted bus take the old one's place)."""
         self.dir = tempfile.mkdtemp(prefix='lx-bus-')
         conf = os.path.join(self.dir, 'bus.conf')
         services = f'<servicedir>{services_dir}</servicedir>' if services_dir else ''
         with open(conf, 'w', encoding='utf-8') as f:
-            f.write(BUS_CONFIG.format(kind=kind, dir=self.dir, extra=extra_policy, services=services))
+            f.write(BUS_CONFIG.format(kind=kind, listen=listen or 'unix:dir=' + self.dir, extra=extra_policy,
+                                      services=services))
         out = subprocess.check_output(['dbus-daemon', '--fork', '--print-address=1', '--print-pid=1',
                                        '--config-file=' + conf], universal_newlines=True)
         self.address, pid = out.strip().splitlines()

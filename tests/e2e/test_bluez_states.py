@@ -1,6 +1,13 @@
 """The BlueZ central follows bluetoothd from the bus while the tray runs: restart, adapter unplugged, power."""
+import contextlib
+import os
 import re
+import shutil
+import tempfile
+import time
 import unittest
+
+import dbus
 
 import lxharness as h
 from trayharness import TrayDesktop
@@ -44,6 +51,80 @@ class CentralFollowsBluetoothd(unittest.TestCase):
                     transition()
                     self.wait_for_states([5], 'state 5 again')
                     self.assertIn(self.states()[before:], expected, self.desktop.program_log())
+
+
+class SystemBusComesBack(unittest.TestCase):
+    """A system bus that drops the connection (a restarted dbus-daemon) is joined again."""
+
+    def test_the_central_reconnects_and_scans_again(self):
+        with TrayDesktop() as desktop:
+            # The same socket for the next daemon; without the first daemon's guid, which a new
+            # one cannot have.
+            socket = os.path.join(tempfile.mkdtemp(prefix='lx-sock-'), 'system_bus_socket')
+            self.addCleanup(shutil.rmtree, os.path.dirname(socket), True)
+            first = h.PrivateBus(listen='unix:path=' + socket)
+            desktop.bluez.stop()
+            desktop.system.stop()
+            desktop.system, desktop.bluez = first, h.Bluez(first)
+            desktop.bluez.add_adapter()
+            desktop.env['DBUS_SYSTEM_BUS_ADDRESS'] = 'unix:path=' + socket
+            desktop.launch()
+            h.wait_for(lambda: desktop.adapter_calls('StartDiscovery') >= 1, 15, 'scanning')
+
+            desktop.bluez.stop()
+            first.stop()
+            h.wait_for(lambda: 'system bus connection failed' in desktop.program_log(), 10, 'the drop noticed')
+            with contextlib.suppress(FileNotFoundError):
+                os.remove(socket)
+            second = h.PrivateBus(listen='unix:path=' + socket)
+            desktop.system, desktop.bluez = second, h.Bluez(second)
+            desktop.bluez.add_adapter()
+            h.wait_for(lambda: desktop.adapter_calls('StartDiscovery') >= 1, 20, 'scanning on the new bus')
+            log = desktop.program_log()
+            self.assertIn('BluezCentral: connected to the system bus again', log)
+            states = [int(x) for x in re.findall(r'BluezCentral: state (\d)', log)]
+            self.assertEqual(states[0], 5, log)
+            self.assertIn(0, states, log)
+            self.assertEqual(states[-1], 5, log)
+
+
+class RadioSharedWithAudio(unittest.TestCase):
+    """While a Bluetooth audio stream is active and nobody looks, the radio is left to it."""
+
+    TRANSPORT = '/org/bluez/hci0/dev_00_11_22_33_44_55/sep1/fd0'
+
+    def set_transport_state(self, desktop, state):
+        desktop.bluez.mock(self.TRANSPORT).UpdateProperties('org.bluez.MediaTransport1',
+                                                             {'State': dbus.String(state)})
+
+    def test_no_discovery_while_audio_streams_unless_the_menu_is_open(self):
+        with TrayDesktop() as desktop:
+            desktop.bluez.add_object(self.TRANSPORT, 'org.bluez.MediaTransport1', {
+                'State': dbus.String('active'), 'UUID': dbus.String('0000110a-0000-1000-8000-00805f9b34fb'),
+                'Device': dbus.ObjectPath('/org/bluez/hci0/dev_00_11_22_33_44_55')})
+            desktop.launch()
+            menu = desktop.tray_menu()
+            h.wait_for(lambda: 'Bluetooth audio active' in desktop.program_log(), 15, 'the audio stream noticed')
+            h.wait_for(lambda: 'BluezCentral: state 5' in desktop.program_log(), 15, 'state 5')
+            # Launch would scan without pause; the stream wins while nobody looks.
+            time.sleep(3)
+            self.assertEqual(desktop.bluez.adapter_calls(), [], desktop.program_log())
+
+            # As a tray host opens a menu.
+            menu.proxy.AboutToShow(dbus.Int32(0))
+            menu.proxy.Event(dbus.Int32(0), 'opened', dbus.Int32(0, variant_level=1), dbus.UInt32(0))
+            h.wait_for(lambda: desktop.adapter_calls('StartDiscovery') == 1, 10, 'discovery with the menu open')
+            filters = [c[2][0] for c in desktop.bluez.mock('/org/bluez/hci0').GetCalls()
+                       if str(c[1]) == 'SetDiscoveryFilter']
+            self.assertEqual({str(k): v for k, v in filters[-1].items()},
+                             {'Transport': 'le', 'DuplicateData': True, 'Pattern': 'LX'})
+            menu.proxy.Event(dbus.Int32(0), 'closed', dbus.Int32(0, variant_level=1), dbus.UInt32(0))
+            h.wait_for(lambda: desktop.adapter_calls('StopDiscovery') == 1, 10, 'discovery stopped as it closes')
+
+            self.set_transport_state(desktop, 'idle')
+            h.wait_for(lambda: 'Bluetooth audio idle' in desktop.program_log(), 10, 'the stream\'s end noticed')
+            # Scanning comes back by itself: at once within the launch's 20 s, else at the next rescan.
+            h.wait_for(lambda: desktop.adapter_calls('StartDiscovery') == 2, 20, 'discovery after the stream')
 
 
 if __name__ == '__main__':

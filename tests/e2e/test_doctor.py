@@ -55,7 +55,7 @@ class DoctorTest(lxharness.LumerixTestCase):
             (True, None, None, 1, '✗ Bluetooth adapter: none'),
             (True, False, None, 1, '✗ Adapter powered: hci0 is off — turn Bluetooth on: bluetoothctl power on'),
             (True, True, ('1', '0'), 1, '✗ rfkill: soft-blocked: hci0 — rfkill unblock bluetooth'),
-            (True, True, ('0', '0'), 0, '✓ Discovery filter: Transport le with DuplicateData accepted'),
+            (True, True, ('0', '0'), 0, '✓ Discovery filter: Transport le with DuplicateData and Pattern LX accepted'),
         ]
         for running, powered, blocked, code, line in cases:
             with self.subTest(line):

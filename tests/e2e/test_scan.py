@@ -48,8 +48,8 @@ class ScanListsReceivers(h.LumerixTestCase):
         names = [str(c[1]) for c in calls]
         self.assertLess(names.index('SetDiscoveryFilter'), names.index('StartDiscovery'))
         discovery_filter = calls[names.index('SetDiscoveryFilter')][2][0]
-        self.assertEqual(str(discovery_filter['Transport']), 'le')
-        self.assertTrue(bool(discovery_filter['DuplicateData']))
+        self.assertEqual({str(k): v for k, v in discovery_filter.items()},
+                         {'Transport': 'le', 'DuplicateData': True, 'Pattern': 'LX'})
 
     def test_a_new_record_renames_the_receiver(self):
         self.bluez.add_adapter()

@@ -2,6 +2,7 @@
 
 #include <pthread.h>
 
+#include "ble/ScanDemand.h"
 #include "log/Log.h"
 #include "platform/bluez/BluezEngine.h"
 #include "platform/bluez/BluezLink.h"
@@ -18,16 +19,23 @@ QString pathOf(const BlePeripheralRef& peripheral) {
 }  // namespace
 
 BluezCentral::BluezCentral(BleCentralDelegate* delegate, DispatchQueue* queue,
-                           std::optional<QString> onlyLocalName)
-    : link_(std::make_shared<BluezLink>(queue)) {
-    intake_ = std::thread([this, delegate, link = link_, onlyLocalName = std::move(onlyLocalName)] {
-        pthread_setname_np(pthread_self(), "lumerix-bluez");
-        BluezEngine engine(delegate, link, onlyLocalName);
-        engine.run(stop_);
-    });
+                           std::optional<QString> onlyLocalName, std::shared_ptr<ScanDemand> demand)
+    : link_(std::make_shared<BluezLink>(queue)), demand_(std::move(demand)) {
+    if (demand_) {
+        demandListener_ = demand_->addListener([weak = std::weak_ptr<BluezLink>(link_)] {
+            if (auto link = weak.lock()) link->post([](BluezEngine& e) { e.demandChanged(); });
+        });
+    }
+    intake_ = std::thread(
+        [this, delegate, link = link_, onlyLocalName = std::move(onlyLocalName), demand = demand_] {
+            pthread_setname_np(pthread_self(), "lumerix-bluez");
+            BluezEngine engine(delegate, link, onlyLocalName, demand);
+            engine.run(stop_);
+        });
 }
 
 BluezCentral::~BluezCentral() {
+    if (demand_) demand_->removeListener(demandListener_);
     link_->closing.store(true);
     link_->detach();
     stop_.store(true);
@@ -40,11 +48,12 @@ BluezCentral::~BluezCentral() {
     }
 }
 
-BleCentralFactory BluezCentral::factory(const std::optional<QString>& onlyLocalName) {
-    return
-        [onlyLocalName](BleCentralDelegate* delegate, DispatchQueue* queue) -> std::unique_ptr<BleCentral> {
-            return std::make_unique<BluezCentral>(delegate, queue, onlyLocalName);
-        };
+BleCentralFactory BluezCentral::factory(const std::optional<QString>& onlyLocalName,
+                                        const std::shared_ptr<ScanDemand>& demand) {
+    return [onlyLocalName, demand](BleCentralDelegate* delegate,
+                                   DispatchQueue* queue) -> std::unique_ptr<BleCentral> {
+        return std::make_unique<BluezCentral>(delegate, queue, onlyLocalName, demand);
+    };
 }
 
 int BluezCentral::state() const { return link_->state.load(); }

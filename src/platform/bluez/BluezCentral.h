@@ -12,8 +12,13 @@
 // followed from the bus's signals (owner changes of org.bluez, adapters added and removed, power).
 // Advertisements: InterfacesAdded of a Device1, or PropertiesChanged carrying RSSI or
 // ManufacturerData, while scanning; devices bluetoothd already knew when the scan started count
-// only once they report again. With onlyLocalName set, a device whose Name is known and differs is
-// not reported (nameless devices are). Errors carry the BluezErrorCode numbers (BluezProperties.h);
+// only once they report again. With onlyLocalName set, bluetoothd is asked for devices whose name
+// starts with it, and a device whose Name is known and differs is not reported (nameless devices
+// are). A device whose object bluetoothd removes is reported forgotten.
+//
+// Discovery runs in windows (DiscoveryWindows): at the start of each scan request, then a pause
+// until the next, except while the demand says someone looks. A lost system-bus connection is
+// opened again. Errors carry the BluezErrorCode numbers (BluezProperties.h);
 // a failed Device1.Connect is always 10, the core's "connection failed".
 #include <QString>
 #include <atomic>
@@ -26,14 +31,16 @@
 namespace lumerix {
 
 class BluezLink;
+class ScanDemand;
 
 class BluezCentral final : public BleCentral {
 public:
     BluezCentral(BleCentralDelegate* delegate, DispatchQueue* queue,
-                 std::optional<QString> onlyLocalName = {});
+                 std::optional<QString> onlyLocalName = {}, std::shared_ptr<ScanDemand> demand = nullptr);
     ~BluezCentral() override;
 
-    static BleCentralFactory factory(const std::optional<QString>& onlyLocalName = {});
+    static BleCentralFactory factory(const std::optional<QString>& onlyLocalName = {},
+                                     const std::shared_ptr<ScanDemand>& demand = nullptr);
 
     int state() const override;
     void scanForPeripherals(bool allowDuplicates) override;
@@ -43,6 +50,8 @@ public:
 
 private:
     std::shared_ptr<BluezLink> link_;
+    std::shared_ptr<ScanDemand> demand_;
+    int demandListener_ = 0;
     std::atomic<bool> stop_{false};
     std::thread intake_;
 };

@@ -8,6 +8,7 @@
 #include <cstring>
 #include <ctime>
 
+#include "ble/ScanDemand.h"
 #include "log/Log.h"
 #include "platform/bluez/BluezInterfaces.h"
 #include "platform/bluez/BluezLink.h"
@@ -15,65 +16,38 @@
 namespace lumerix {
 namespace {
 
-using bluez::Adapter1;
-using bluez::Device1;
-using bluez::GattCharacteristic1;
-using bluez::GattService1;
-using bluez::ObjectManager;
-
-const QString kAdapter = QString::fromLatin1(Adapter1::kInterface);
-const QString kDevice = QString::fromLatin1(Device1::kInterface);
-const QString kGattService = QString::fromLatin1(GattService1::kInterface);
-const QString kGattCharacteristic = QString::fromLatin1(GattCharacteristic1::kInterface);
-
-// Without a system bus (not up yet at login, or lost), a new connection is tried this often.
-constexpr double kBusRetryMs = 2000.0;
-
-// A second service discovery within one connection is answered no sooner than this after the
-// previous answer, so a caller that repeats until a service shows up does not spin.
-constexpr double kRediscoveryIntervalMs = 200.0;
-
-// The narrowest rules the bus offers: org.bluez's own signals, below /org/bluez, per interface.
-constexpr const char* kMatchInterfacesAdded =
-    "type='signal',sender='org.bluez',path='/',interface='org.freedesktop.DBus.ObjectManager',"
-    "member='InterfacesAdded'";
-constexpr const char* kMatchInterfacesRemoved =
-    "type='signal',sender='org.bluez',path='/',interface='org.freedesktop.DBus.ObjectManager',"
-    "member='InterfacesRemoved'";
-constexpr const char* kMatchDeviceProperties =
-    "type='signal',sender='org.bluez',path_namespace='/org/"
-    "bluez',interface='org.freedesktop.DBus.Properties',"
-    "member='PropertiesChanged',arg0='org.bluez.Device1'";
-constexpr const char* kMatchAdapterProperties =
-    "type='signal',sender='org.bluez',path_namespace='/org/"
-    "bluez',interface='org.freedesktop.DBus.Properties',"
-    "member='PropertiesChanged',arg0='org.bluez.Adapter1'";
-constexpr const char* kMatchDeviceDisconnected =
-    "type='signal',sender='org.bluez',path_namespace='/org/bluez',interface='org.bluez.Device1',"
-    "member='Disconnected'";
-constexpr const char* kMatchNameOwner =
-    "type='signal',sender='org.freedesktop.DBus',path='/org/freedesktop/"
-    "DBus',interface='org.freedesktop.DBus',"
-    "member='NameOwnerChanged',arg0='org.bluez'";
-
 QByteArray utf8(const QString& s) { return s.toUtf8(); }
-
-// Properties of an advertisement that a device the filter ignores need not have read.
-bool isAdvertisementProperty(const char* key) {
-    return std::strcmp(key, "RSSI") == 0 || std::strcmp(key, "ManufacturerData") == 0 ||
-           std::strcmp(key, "ServiceData") == 0 || std::strcmp(key, "TxPower") == 0;
-}
 
 }  // namespace
 
 BluezEngine::BluezEngine(BleCentralDelegate* delegate, const std::shared_ptr<BluezLink>& link,
-                         std::optional<QString> onlyLocalName)
-    : delegate_(delegate), link_(link), onlyLocalName_(std::move(onlyLocalName)) {}
+                         std::optional<QString> onlyLocalName, std::shared_ptr<ScanDemand> demand)
+    : delegate_(delegate),
+      link_(link),
+      onlyLocalName_(std::move(onlyLocalName)),
+      discovery_(queue_, std::move(demand), onlyLocalName_.value_or(QString())),
+      cache_(gatt_, onlyLocalName_),
+      gatt_(
+          queue_, delegate, cache_.devices(),
+          [this](const QString& path) { return peripherals_.value(path); },
+          [this](std::function<void()> fn) { deliver(std::move(fn)); }) {
+    cache_.onStateInputs = [this] { recomputeState(); };
+    cache_.onNamed = [this](const QString& path) { peripheralFor(path); };
+    cache_.onAdvertisement = [this](const QString& path) { reportAdvertisement(path); };
+    cache_.onDeviceGone = [this](const QString& path) { forgetPeripheral(path); };
+    cache_.onAudio = [this](bool active) { discovery_.setAudioActive(active); };
+    // May read the adapter, may not scan.
+    discovery_.onAccessDenied = [this] { cache_.setAccessDenied(); };
+    // Launch (and wake, which makes a new central): look without pause for a while.
+    discovery_.boost();
+}
 
 BluezEngine::~BluezEngine() {
     // Slots first, then the connection: closing it also ends any discovery session bluetoothd
     // keeps for it, and drops calls still waiting for their replies.
-    matches_.clear();
+    discovery_.setBus(nullptr);
+    gatt_.setBus(nullptr);
+    cache_.detach();
     bus_.reset();
 }
 
@@ -87,7 +61,7 @@ void BluezEngine::run(const std::atomic<bool>& stop) {
     while (!stop.load()) {
         const bool more = drain();
         for (auto& command : link->takeCommands()) command(*this);
-        runTimers();
+        queue_.runDue();
         flush();
         lastDrainMs = monotonicMs();
         if (stop.load()) break;
@@ -126,18 +100,19 @@ bool BluezEngine::drain() {
     }
     if (r < 0) {
         Log::logf("BluezCentral: the system bus connection failed: %s", std::strerror(-r));
-        matches_.clear();
+        discovery_.setBus(nullptr);
+        gatt_.setBus(nullptr);
+        cache_.detach();
         bus_.reset();
-        bluezGone();
-        after(kBusRetryMs, [this] { reconnect(); });
+        cache_.bluezGone();
+        reconnectLater();
         return false;
     }
     return r > 0;
 }
 
 int BluezEngine::waitTimeoutMs() const {
-    double until = -1;
-    if (!timers_.empty()) until = std::max(0.0, timers_.begin()->first - monotonicMs());
+    double until = queue_.msUntilNext();
     if (bus_) {
         uint64_t usec = 0;
         if (sd_bus_get_timeout(bus_.get(), &usec) > 0 && usec != UINT64_MAX) {
@@ -149,19 +124,6 @@ int BluezEngine::waitTimeoutMs() const {
         }
     }
     return until < 0 ? -1 : static_cast<int>(std::ceil(until));
-}
-
-void BluezEngine::after(double ms, std::function<void()> fn) {
-    timers_.emplace(monotonicMs() + ms, std::move(fn));
-}
-
-void BluezEngine::runTimers() {
-    const double now = monotonicMs();
-    while (!timers_.empty() && timers_.begin()->first <= now) {
-        auto fn = std::move(timers_.begin()->second);
-        timers_.erase(timers_.begin());
-        fn();
-    }
 }
 
 void BluezEngine::flush() {
@@ -190,409 +152,54 @@ void BluezEngine::start() {
     QString error;
     bus_ = sdbus::openSystemBus(&error);
     if (!bus_) {
-        if (!busMissingLogged_)
-            Log::logf("BluezCentral: cannot reach the system bus: %s; trying again every %.0f s",
-                      utf8(error).constData(), kBusRetryMs / 1000.0);
-        busMissingLogged_ = true;
-        snapshotDone_ = true;
-        recomputeState();
-        after(kBusRetryMs, [this] { reconnect(); });
+        if (!busLost_) Log::logf("BluezCentral: cannot reach the system bus: %s", utf8(error).constData());
+        cache_.settleWithoutBus();
+        reconnectLater();
         return;
     }
-    if (busMissingLogged_) Log::logf("BluezCentral: the system bus is reachable again");
-    busMissingLogged_ = false;
+    if (busLost_) Log::logf("BluezCentral: connected to the system bus again");
+    busLost_ = false;
+    reconnectMs_ = kReconnectMs;
+    discovery_.setBus(bus_.get());
+    gatt_.setBus(bus_.get());
     // Subscribe before the snapshot so that nothing falls between the two.
-    if (!subscribe()) Log::logf("BluezCentral: could not subscribe to every org.bluez signal");
-    takeSnapshot();
+    if (!cache_.attach(bus_.get())) Log::logf("BluezCentral: could not subscribe to every org.bluez signal");
+    cache_.takeSnapshot();
 }
 
-void BluezEngine::reconnect() {
-    if (!bus_) start();
+void BluezEngine::reconnectLater() {
+    // Logged once per outage; the attempts go on quietly, less and less often.
+    busLost_ = true;
+    const double delay = reconnectMs_;
+    reconnectMs_ = std::min(kMaxReconnectMs, reconnectMs_ * 2);
+    queue_.after(delay, [this] {
+        if (!bus_) start();
+    });
 }
 
-bool BluezEngine::subscribe() {
-    struct Rule {
-        const char* match;
-        sd_bus_message_handler_t handler;
-    };
-    const Rule rules[] = {
-        {kMatchNameOwner, &BluezEngine::onNameOwnerChanged},
-        {kMatchInterfacesAdded, &BluezEngine::onInterfacesAdded},
-        {kMatchInterfacesRemoved, &BluezEngine::onInterfacesRemoved},
-        {kMatchAdapterProperties, &BluezEngine::onAdapterPropertiesChanged},
-        {kMatchDeviceProperties, &BluezEngine::onDevicePropertiesChanged},
-        {kMatchDeviceDisconnected, &BluezEngine::onDeviceDisconnected},
-    };
-    bool ok = true;
-    for (const Rule& rule : rules) {
-        sd_bus_slot* slot = nullptr;
-        if (sd_bus_add_match(bus_.get(), &slot, rule.match, rule.handler, this) < 0) {
-            ok = false;
-            continue;
-        }
-        matches_.emplace_back(slot);
-    }
-    return ok;
-}
-
-int BluezEngine::onNameOwnerChanged(sd_bus_message* m, void* self, sd_bus_error*) {
-    const char* name = nullptr;
-    const char* oldOwner = nullptr;
-    const char* newOwner = nullptr;
-    if (sd_bus_message_read(m, "sss", &name, &oldOwner, &newOwner) < 0) return 0;
-    auto* engine = static_cast<BluezEngine*>(self);
-    if (newOwner && *newOwner) {
-        Log::logf("BluezCentral: org.bluez appeared on the system bus");
-        engine->takeSnapshot();
-    } else {
-        Log::logf("BluezCentral: org.bluez left the system bus");
-        engine->bluezGone();
-    }
-    return 0;
-}
-
-void BluezEngine::bluezGone() {
-    ++snapshotGeneration_;
-    snapshotDone_ = true;
-    bluezPresent_ = false;
-    accessDenied_ = false;
-    clearObjects(BluezErrorPeripheralDisconnected);
-    recomputeState();
-}
-
-void BluezEngine::takeSnapshot() {
-    const quint64 generation = ++snapshotGeneration_;
-    if (!ObjectManager::getManagedObjects(bus_.get(), [this, generation](const bluez::Snapshot& snapshot) {
-            onSnapshot(generation, snapshot);
-        }))
-        Log::logf("BluezCentral: could not ask org.bluez for its objects");
-}
-
-void BluezEngine::onSnapshot(quint64 generation, const bluez::Snapshot& snapshot) {
-    if (generation != snapshotGeneration_) return;  // an owner change made it stale
-    snapshotDone_ = true;
-    if (!snapshot.reached) {
-        accessDenied_ = snapshot.accessDenied;
-        bluezPresent_ = accessDenied_;
-        if (!accessDenied_)
-            Log::logf("BluezCentral: org.bluez is not available (%s)", utf8(snapshot.error).constData());
-        else
-            Log::logf("BluezCentral: access to org.bluez denied (%s)", utf8(snapshot.error).constData());
-        clearObjects(BluezErrorPeripheralDisconnected);
-        recomputeState();
-        return;
-    }
-    bluezPresent_ = true;
-    accessDenied_ = false;
-    if (!snapshot.error.isEmpty()) Log::logf("BluezCentral: %s; ignored", utf8(snapshot.error).constData());
-
-    // Keep connection bookkeeping of devices that are still there; drop the rest.
-    QHash<QString, Device> previous;
-    previous.swap(devices_);
-    paths_.clear();
-    adapters_.clear();
-    services_.clear();
-    characteristics_.clear();
-    for (auto it = snapshot.objects.constBegin(); it != snapshot.objects.constEnd(); ++it) {
-        const QString& path = it.key();
-        if (previous.contains(path)) devices_.insert(path, previous.value(path));
-        addInterfaces(path, it.value(), false);
-    }
-    for (auto it = previous.constBegin(); it != previous.constEnd(); ++it) {
-        if (!devices_.contains(it.key()) && it->reportedConnected)
-            reportDisconnected(it.key(), BluezErrorPeripheralDisconnected);
-    }
-    recomputeState();
-}
-
-void BluezEngine::clearObjects(int disconnectError) {
-    const QStringList paths = devices_.keys();
-    for (const QString& path : paths) removeDevice(path, disconnectError);
-    paths_.clear();
-    adapters_.clear();
-    services_.clear();
-    characteristics_.clear();
-    serviceObjects_.clear();
-    characteristicObjects_.clear();
-}
-
-// --- signals ------------------------------------------------------------------------------------
-
-int BluezEngine::onInterfacesAdded(sd_bus_message* m, void* self, sd_bus_error*) {
-    QString path;
-    bluez::InterfaceMap interfaces;
-    if (!ObjectManager::readInterfacesAdded(m, &path, &interfaces)) {
-        Log::logf("BluezCentral: InterfacesAdded with signature \"%s\" ignored", sdbus::signature(m));
-        return 0;
-    }
-    static_cast<BluezEngine*>(self)->addInterfaces(path, interfaces, true);
-    return 0;
-}
-
-int BluezEngine::onInterfacesRemoved(sd_bus_message* m, void* self, sd_bus_error*) {
-    QString path;
-    QStringList interfaces;
-    if (!ObjectManager::readInterfacesRemoved(m, &path, &interfaces)) {
-        Log::logf("BluezCentral: InterfacesRemoved with signature \"%s\" ignored", sdbus::signature(m));
-        return 0;
-    }
-    auto* e = static_cast<BluezEngine*>(self);
-    if (interfaces.contains(kAdapter)) {
-        e->adapters_.remove(path);
-        e->recomputeState();
-    }
-    if (interfaces.contains(kDevice)) e->removeDevice(path, BluezErrorPeripheralDisconnected);
-    if (interfaces.contains(kGattService)) {
-        e->services_.remove(path);
-        e->serviceObjects_.remove(path);
-    }
-    if (interfaces.contains(kGattCharacteristic)) {
-        e->characteristics_.remove(path);
-        e->characteristicObjects_.remove(path);
-    }
-    return 0;
-}
-
-int BluezEngine::onAdapterPropertiesChanged(sd_bus_message* m, void* self, sd_bus_error*) {
-    auto* e = static_cast<BluezEngine*>(self);
-    const QString path = QString::fromUtf8(sd_bus_message_get_path(m));
-    const char* iface = nullptr;
-    QVariantMap changed;
-    QStringList invalidated;
-    if (std::string_view(sdbus::signature(m)) != "sa{sv}as" ||
-        sd_bus_message_read_basic(m, 's', &iface) < 0 || !sdbus::readPropertyMap(m, &changed) ||
-        !sdbus::readStringArray(m, &invalidated)) {
-        Log::logf("BluezCentral: PropertiesChanged with signature \"%s\" on %s ignored", sdbus::signature(m),
-                  utf8(path).constData());
-        return 0;
-    }
-    if (!e->adapters_.contains(path))
-        return 0;  // not announced yet; the snapshot or InterfacesAdded brings it
-    e->logProblems(path, kAdapter, e->adapters_[path].apply(changed, invalidated));
-    e->recomputeState();
-    return 0;
-}
-
-int BluezEngine::onDevicePropertiesChanged(sd_bus_message* m, void* self, sd_bus_error*) {
-    static_cast<BluezEngine*>(self)->devicePropertiesChanged(m);
-    return 0;
-}
-
-void BluezEngine::devicePropertiesChanged(sd_bus_message* m) {
-    const char* rawPath = sd_bus_message_get_path(m);
-    const char* sig = sd_bus_message_get_signature(m, 1);
-    const char* iface = nullptr;
-    if (!rawPath || std::string_view(sig ? sig : "") != "sa{sv}as" ||
-        sd_bus_message_read_basic(m, 's', &iface) < 0) {
-        Log::logf("BluezCentral: PropertiesChanged with signature \"%s\" on %s ignored", sig ? sig : "",
-                  rawPath ? rawPath : "");
-        return;
-    }
-    // A device the filter ignores: its advertisements are skipped unread; only other changes
-    // (a new Name, the connection) are taken.
-    const auto known = paths_.find(std::string_view(rawPath));
-    const bool ignored = known != paths_.end() && known->second.ignored;
-    AdvertisementFields advertisement;
-    QVariantMap changed;
-    QStringList invalidated;
-    if (!readDeviceChanges(m, ignored, &advertisement, &changed) ||
-        !sdbus::readStringArray(m, &invalidated)) {
-        Log::logf("BluezCentral: malformed PropertiesChanged on %s ignored", rawPath);
-        return;
-    }
-    if (ignored && changed.isEmpty() && invalidated.isEmpty()) return;
-    const QString path = known != paths_.end() ? known->second.path : QString::fromUtf8(rawPath);
-    updateDevice(path, changed, invalidated, true, &advertisement);
-    if (advertisement.hasRssi || advertisement.hasManufacturerData ||
-        changed.contains(QStringLiteral("RSSI")) || changed.contains(QStringLiteral("ManufacturerData")))
-        reportAdvertisement(path);
-}
-
-// One flat pass over the message body: the hot path of every advertisement, kept in one piece.
-// NOLINTNEXTLINE(readability-function-cognitive-complexity)
-bool BluezEngine::readDeviceChanges(sd_bus_message* m, bool ignored, AdvertisementFields* advertisement,
-                                    QVariantMap* changed) {
-    // RSSI and ManufacturerData are entered with their expected types straight away (a mismatch
-    // leaves the message where it was and takes the general path, which refuses it). Skipping is
-    // for other properties only: sd_bus_message_skip walks arrays byte by byte.
-    if (sd_bus_message_enter_container(m, 'a', "{sv}") < 0) return false;
-    int r;
-    while ((r = sd_bus_message_enter_container(m, 'e', "sv")) > 0) {
-        const char* key = nullptr;
-        if (sd_bus_message_read_basic(m, 's', &key) < 0) return false;
-        const std::string_view k(key);
-        if (k == "RSSI" && sd_bus_message_enter_container(m, 'v', "n") > 0) {
-            int16_t v = 0;
-            if (sd_bus_message_read_basic(m, 'n', &v) < 0 || sd_bus_message_exit_container(m) < 0)
-                return false;
-            advertisement->hasRssi = !ignored;
-            advertisement->rssi = v;
-        } else if (k == "ManufacturerData" && sd_bus_message_enter_container(m, 'v', "a{qv}") > 0) {
-            // The lowest company identifier wins, as the property rules have it.
-            if (sd_bus_message_enter_container(m, 'a', "{qv}") < 0) return false;
-            bool any = false;
-            uint16_t best = 0;
-            const void* bytes = nullptr;
-            size_t size = 0;
-            std::string bestType;
-            int e;
-            while ((e = sd_bus_message_enter_container(m, 'e', "qv")) > 0) {
-                uint16_t company = 0;
-                if (sd_bus_message_read_basic(m, 'q', &company) < 0) return false;
-                const bool lowest = !any || company < best;
-                if (sd_bus_message_enter_container(m, 'v', "ay") > 0) {
-                    const void* data = nullptr;
-                    size_t length = 0;
-                    if (sd_bus_message_read_array(m, 'y', &data, &length) < 0 ||
-                        sd_bus_message_exit_container(m) < 0)
-                        return false;
-                    if (lowest) {
-                        bytes = data;
-                        size = length;
-                        bestType.clear();
-                    }
-                } else {
-                    char vt = 0;
-                    const char* inner = nullptr;
-                    if (sd_bus_message_peek_type(m, &vt, &inner) <= 0 || !inner) return false;
-                    if (lowest) bestType = inner;
-                    if (sd_bus_message_skip(m, "v") < 0) return false;
-                }
-                if (lowest) best = company;
-                any = true;
-                if (sd_bus_message_exit_container(m) < 0) return false;
-            }
-            if (e < 0 || sd_bus_message_exit_container(m) < 0 || sd_bus_message_exit_container(m) < 0)
-                return false;
-            advertisement->hasManufacturerData = !ignored;
-            if (ignored) {
-            } else if (!bestType.empty()) {
-                advertisement->problem =
-                    QStringLiteral("ManufacturerData for company 0x%1 is not a byte array (D-Bus %2)")
-                        .arg(best, 4, 16, QLatin1Char('0'))
-                        .arg(QString::fromStdString(bestType));
-            } else if (any) {
-                QByteArray record;
-                record.reserve(static_cast<qsizetype>(size) + 2);
-                record.append(static_cast<char>(best & 0xFF));
-                record.append(static_cast<char>(best >> 8));
-                record.append(static_cast<const char*>(bytes), static_cast<qsizetype>(size));
-                advertisement->manufacturerData = std::move(record);
-            }
-        } else if (ignored && isAdvertisementProperty(key)) {
-            if (sd_bus_message_skip(m, "v") < 0) return false;
-        } else {
-            QVariant value;
-            if (!sdbus::readVariant(m, &value)) return false;
-            changed->insert(QString::fromUtf8(key), value);
-        }
-        if (sd_bus_message_exit_container(m) < 0) return false;
-    }
-    return r >= 0 && sd_bus_message_exit_container(m) >= 0;
-}
-
-int BluezEngine::onDeviceDisconnected(sd_bus_message* m, void* self, sd_bus_error*) {
-    // Device1.Disconnected(reason, message) comes just before Connected turns false.
-    auto* e = static_cast<BluezEngine*>(self);
-    const QString reason = Device1::disconnectedReason(m);
-    if (reason.isEmpty()) return 0;
-    auto it = e->devices_.find(QString::fromUtf8(sd_bus_message_get_path(m)));
-    if (it != e->devices_.end()) it->disconnectReason = reason;
-    return 0;
-}
-
-// --- the object cache ---------------------------------------------------------------------------
-
-void BluezEngine::addInterfaces(const QString& path, const bluez::InterfaceMap& interfaces, bool fromSignal) {
-    for (auto it = interfaces.constBegin(); it != interfaces.constEnd(); ++it) {
-        const QString& iface = it.key();
-        if (iface == kAdapter) {
-            logProblems(path, iface, adapters_[path].apply(it.value()));
-        } else if (iface == kDevice) {
-            updateDevice(path, it.value(), {}, fromSignal);
-            if (fromSignal) reportAdvertisement(path);
-        } else if (iface == kGattService) {
-            logProblems(path, iface, services_[path].props.apply(it.value()));
-        } else if (iface == kGattCharacteristic) {
-            logProblems(path, iface, characteristics_[path].props.apply(it.value()));
-        }
-    }
-    if (fromSignal && interfaces.contains(kAdapter)) recomputeState();
-}
-
-void BluezEngine::noteName(const QString& path, const Device& device) {
-    KnownPath& known = paths_[path.toStdString()];
-    known.path = path;
-    known.ignored = onlyLocalName_ && device.props.name && *device.props.name != *onlyLocalName_;
-}
-
-void BluezEngine::updateDevice(const QString& path, const QVariantMap& changed,
-                               const QStringList& invalidated, bool fromSignal,
-                               const AdvertisementFields* advertisement) {
-    const bool isNew = !devices_.contains(path);
-    Device& device = devices_[path];
-    const bool wasConnected = device.props.connected.value_or(false);
-    const bool wasResolved = device.props.servicesResolved.value_or(false);
-    if (!changed.isEmpty() || !invalidated.isEmpty())
-        logProblems(path, kDevice, device.props.apply(changed, invalidated));
-    if (advertisement && advertisement->hasRssi) device.props.rssi = advertisement->rssi;
-    if (advertisement && advertisement->hasManufacturerData) {
-        if (advertisement->problem.isEmpty())
-            device.props.manufacturerData = advertisement->manufacturerData;
-        else
-            logProblems(path, kDevice, {advertisement->problem});
-    }
-    if (isNew || !fromSignal || changed.contains(QStringLiteral("Name")) ||
-        invalidated.contains(QStringLiteral("Name")))
-        noteName(path, device);
-    if (device.props.name) peripheralFor(path);  // keeps the peripheral's name current
-    if (!fromSignal) return;
-
-    const bool connected = device.props.connected.value_or(false);
-    const bool resolved = device.props.servicesResolved.value_or(false);
-    if (connected && !wasConnected && device.connectPending) reportConnected(path);
-    if (!connected && wasConnected) {
-        Device& d = devices_[path];
-        std::optional<int> error = bluez::disconnectErrorForReason(d.disconnectReason);
-        d.disconnectReason.clear();
-        d.props.servicesResolved = false;
-        if (d.reportedConnected) reportDisconnected(path, error);
-        return;
-    }
-    if (resolved && !wasResolved && devices_[path].servicesPending) answerServices(path);
-}
-
-void BluezEngine::removeDevice(const QString& path, int disconnectError) {
-    auto it = devices_.find(path);
-    if (it == devices_.end()) return;
-    const bool connected = it->reportedConnected;
-    devices_.erase(it);
-    paths_.erase(path.toStdString());
-    if (connected) reportDisconnected(path, disconnectError);
-    // Whatever the handler keeps for the device can go; a device that returns gets a new object.
+void BluezEngine::forgetPeripheral(const QString& path) {
     auto p = peripherals_.find(path);
     if (p == peripherals_.end()) return;
-    BlePeripheralRef peripheral = *p;
+    // Whatever the handler keeps for the device can go; a device that returns gets a new object
+    // (its identifier, from the address, stays the same). Keeping it would hold every device ever
+    // seen for as long as the program runs.
+    std::shared_ptr<BluezPeripheral> peripheral = *p;
     peripherals_.erase(p);
     BleCentralDelegate* delegate = delegate_;
+    if (!delegate) return;
     deliver([delegate, peripheral] { delegate->centralManagerDidForgetPeripheral(peripheral); });
 }
 
-QString BluezEngine::adapterPath() const { return bluez::defaultAdapterPath(adapters_.keys()); }
-
 void BluezEngine::recomputeState() {
-    if (!snapshotDone_) return;
-    const QString adapter = adapterPath();
-    std::optional<BluezAdapterProperties> props;
-    if (!adapter.isEmpty()) props = adapters_.value(adapter);
-    const int state = bluez::centralState(bluezPresent_, accessDenied_, props);
-    if (state == 5 && scanning_ && adapter != discoveryAdapter_) beginDiscovery();  // new default adapter
+    if (!cache_.settled()) return;
+    const QString adapter = cache_.adapterPath();
+    const int state = cache_.centralState();
+    if (state == BleStatePoweredOn && discovery_.scanning())
+        discovery_.moveTo(adapter);  // new default adapter
     if (stateReported_ && state == state_) return;
-    if (state != 5) {
-        scanning_ = false;
-        discoveryActive_ = false;
-        discoveryAdapter_.clear();
-    }
+    if (state != BleStatePoweredOn) discovery_.lost();
+    // Bluetooth back (power, adapter, bluetoothd): look without pause for a while.
+    if (state == BleStatePoweredOn && stateReported_) discovery_.boost();
     Log::logf("BluezCentral: state %d (%s)", state, utf8(adapter).constData());
     state_ = state;
     stateReported_ = true;
@@ -605,277 +212,60 @@ void BluezEngine::recomputeState() {
 // --- scanning -----------------------------------------------------------------------------------
 
 void BluezEngine::startScan(bool allowDuplicates) {
-    if (state_ != 5) {
+    if (state_ != BleStatePoweredOn) {
         Log::logf("BluezCentral: scan requested while the state is %d; ignored", state_);
         return;
     }
-    allowDuplicates_ = allowDuplicates;
-    scanning_ = true;
-    beginDiscovery();
+    discovery_.start(cache_.adapterPath(), allowDuplicates);
 }
 
-void BluezEngine::beginDiscovery() {
-    const QString adapter = adapterPath();
-    discoveryAdapter_ = adapter;
-    Adapter1::setDiscoveryFilter(
-        bus_.get(), adapter, allowDuplicates_, [this, adapter](const sdbus::Reply& reply) {
-            if (!reply.ok())
-                Log::logf("BluezCentral: SetDiscoveryFilter failed: %s", utf8(reply.errorText()).constData());
-            if (!scanning_ || adapter != adapterPath()) return;
-            Adapter1::startDiscovery(bus_.get(), adapter, [this](const sdbus::Reply& r) {
-                if (!r.ok() && r.errorName != QLatin1String("org.bluez.Error.InProgress")) {
-                    Log::logf("BluezCentral: StartDiscovery failed: %s", utf8(r.errorText()).constData());
-                    if (r.errorName == QLatin1String("org.freedesktop.DBus.Error.AccessDenied")) {
-                        accessDenied_ = true;  // may read the adapter, may not scan
-                        recomputeState();
-                    }
-                    return;
-                }
-                discoveryActive_ = true;
-            });
-        });
-}
+void BluezEngine::stopScan() { discovery_.stop(); }
 
-void BluezEngine::stopScan() {
-    const bool wasActive = discoveryActive_ || scanning_;
-    const QString adapter = discoveryAdapter_.isEmpty() ? adapterPath() : discoveryAdapter_;
-    scanning_ = false;
-    discoveryActive_ = false;
-    discoveryAdapter_.clear();
-    if (!wasActive || adapter.isEmpty() || !bus_) return;
-    Adapter1::stopDiscovery(bus_.get(), adapter, [](const sdbus::Reply& reply) {
-        if (!reply.ok())
-            Log::logf("BluezCentral: StopDiscovery failed: %s", utf8(reply.errorText()).constData());
-    });
-}
+void BluezEngine::demandChanged() { discovery_.demandChanged(); }
 
 std::shared_ptr<BluezPeripheral> BluezEngine::peripheralFor(const QString& path) {
-    auto it = devices_.constFind(path);
+    auto it = cache_.devices().constFind(path);
     std::shared_ptr<BluezPeripheral>& p = peripherals_[path];
     if (!p) {
         const QString id =
-            it != devices_.constEnd() ? bluez::identifierForDevice(path, it->props) : QString();
+            it != cache_.devices().constEnd() ? bluez::identifierForDevice(path, *it) : QString();
         if (id.isEmpty()) {
             peripherals_.remove(path);
             return nullptr;
         }
         p = std::make_shared<BluezPeripheral>(path, id, link_.lock());
     }
-    if (it != devices_.constEnd() && it->props.name && p->name() != *it->props.name)
-        p->setName(*it->props.name);
+    if (it != cache_.devices().constEnd() && it->name && p->name() != *it->name) p->setName(*it->name);
     return p;
 }
 
 void BluezEngine::reportAdvertisement(const QString& path) {
-    if (!scanning_) return;
-    auto it = devices_.constFind(path);
-    if (it == devices_.constEnd()) return;
-    if (onlyLocalName_ && it->props.name && *it->props.name != *onlyLocalName_) return;
+    if (!discovery_.scanning()) return;
+    auto it = cache_.devices().constFind(path);
+    if (it == cache_.devices().constEnd()) return;
+    if (onlyLocalName_ && it->name && *it->name != *onlyLocalName_) return;
     auto peripheral = peripheralFor(path);
     if (!peripheral) {
         Log::logf("BluezCentral: device %s has no usable address; ignored", utf8(path).constData());
         return;
     }
-    const double rssi = it->props.rssi ? double(*it->props.rssi) : 127.0;  // 127: no reading
+    const double rssi = it->rssi ? double(*it->rssi) : kRssiNoReading;
     if (pending_.empty() || pending_.back().callback) pending_.push_back({});
-    pending_.back().advertisements.push_back(BleDiscovery{
-        std::move(peripheral), AdvertisementData{it->props.name, it->props.manufacturerData}, rssi});
+    pending_.back().advertisements.push_back(
+        BleDiscovery{std::move(peripheral), AdvertisementData{it->name, it->manufacturerData}, rssi});
 }
 
 // --- connections and GATT -----------------------------------------------------------------------
 
-void BluezEngine::connectDevice(const QString& path) {
-    auto it = devices_.find(path);
-    auto peripheral = peripherals_.value(path);
-    if (it == devices_.end() || !peripheral || !bus_) {
-        Log::logf("BluezCentral: connect to unknown device %s", utf8(path).constData());
-        if (peripheral) {
-            BleCentralDelegate* delegate = delegate_;
-            if (!delegate) return;
-            deliver([delegate, peripheral] {
-                delegate->centralManagerDidFailToConnectPeripheral(
-                    peripheral, BleError{BluezErrorConnectionFailed, QStringLiteral("the device is gone")});
-            });
-        }
-        return;
-    }
-    if (it->reportedConnected) return;
-    it->connectPending = true;
-    Device1::connect(bus_.get(), path, [this, path](const sdbus::Reply& reply) {
-        auto d = devices_.find(path);
-        if (d == devices_.end() || !d->connectPending) return;
-        if (reply.ok() || reply.errorName == QLatin1String("org.bluez.Error.AlreadyConnected")) {
-            reportConnected(path);
-            return;
-        }
-        d->connectPending = false;
-        Log::logf("BluezCentral: Connect %s failed: %s", utf8(path).constData(),
-                  utf8(reply.errorText()).constData());
-        auto peripheral = peripherals_.value(path);
-        BleCentralDelegate* delegate = delegate_;
-        if (!peripheral || !delegate) return;
-        BleError error{BluezErrorConnectionFailed, reply.errorText()};
-        deliver([delegate, peripheral, error] {
-            delegate->centralManagerDidFailToConnectPeripheral(peripheral, error);
-        });
-    });
-}
-
-void BluezEngine::disconnectDevice(const QString& path) {
-    auto it = devices_.find(path);
-    if (it == devices_.end() || !bus_) return;
-    it->connectPending = false;
-    if (!it->reportedConnected && !it->props.connected.value_or(false)) return;
-    Device1::disconnect(bus_.get(), path, [path](const sdbus::Reply& reply) {
-        if (!reply.ok())
-            Log::logf("BluezCentral: Disconnect %s failed: %s", utf8(path).constData(),
-                      utf8(reply.errorText()).constData());
-    });
-}
-
-void BluezEngine::reportConnected(const QString& path) {
-    auto d = devices_.find(path);
-    if (d == devices_.end() || d->reportedConnected) return;
-    d->connectPending = false;
-    d->reportedConnected = true;
-    d->lastServicesAnswerMs = -1;
-    auto peripheral = peripherals_.value(path);
-    BleCentralDelegate* delegate = delegate_;
-    if (!peripheral || !delegate) return;
-    deliver([delegate, peripheral] { delegate->centralManagerDidConnectPeripheral(peripheral); });
-}
-
-void BluezEngine::reportDisconnected(const QString& path, std::optional<int> error) {
-    auto d = devices_.find(path);
-    if (d != devices_.end()) {
-        d->reportedConnected = false;
-        d->servicesPending = false;
-    }
-    auto peripheral = peripherals_.value(path);
-    if (!peripheral) return;
-    std::optional<BleError> e;
-    if (error) e = BleError{*error, QStringLiteral("disconnected (code %1)").arg(*error)};
-    BleCentralDelegate* delegate = delegate_;
-    if (!delegate) return;
-    deliver([delegate, peripheral, e] { delegate->centralManagerDidDisconnectPeripheral(peripheral, e); });
-}
-
-void BluezEngine::readRssi(const QString& path) {
-    auto peripheral = peripherals_.value(path);
-    if (!peripheral) return;
-    auto it = devices_.constFind(path);
-    const bool connected = it != devices_.constEnd() && it->reportedConnected;
-    const double rssi = it != devices_.constEnd() && it->props.rssi ? double(*it->props.rssi) : 127.0;
-    std::optional<BleError> error;
-    if (!connected) error = BleError{BluezErrorNotConnected, QStringLiteral("not connected")};
-    deliver([peripheral, rssi, error] {
-        if (auto* d = peripheral->delegate()) d->peripheralDidReadRSSI(*peripheral, rssi, error);
-    });
-}
-
-void BluezEngine::discoverServices(const QString& path) {
-    auto it = devices_.find(path);
-    if (it == devices_.end() || !it->reportedConnected) {
-        Log::logf("BluezCentral: service discovery on %s, which is not connected; ignored",
-                  utf8(path).constData());
-        return;
-    }
-    if (!it->props.servicesResolved.value_or(false)) {
-        it->servicesPending = true;  // answered when ServicesResolved turns true
-        return;
-    }
-    const double since = monotonicMs() - it->lastServicesAnswerMs;
-    if (it->lastServicesAnswerMs >= 0 && since < kRediscoveryIntervalMs) {
-        it->servicesPending = true;
-        after(kRediscoveryIntervalMs - since, [this, path] {
-            auto d = devices_.find(path);
-            if (d != devices_.end() && d->servicesPending && d->reportedConnected) answerServices(path);
-        });
-        return;
-    }
-    answerServices(path);
-}
-
-void BluezEngine::answerServices(const QString& path) {
-    auto it = devices_.find(path);
-    if (it == devices_.end()) return;
-    it->servicesPending = false;
-    it->lastServicesAnswerMs = monotonicMs();
-    auto peripheral = peripherals_.value(path);
-    if (!peripheral) return;
-    std::vector<BleServiceRef> list;
-    for (auto s = services_.constBegin(); s != services_.constEnd(); ++s) {
-        if (!bluez::isBelow(s.key(), path) || !s->props.uuid) continue;
-        auto& object = serviceObjects_[s.key()];
-        if (!object) object = std::make_shared<BluezService>(s.key(), BleUuid::fromString(*s->props.uuid));
-        list.push_back(object);
-    }
-    peripheral->setServices(list);
-    deliver([peripheral] {
-        if (auto* d = peripheral->delegate()) d->peripheralDidDiscoverServices(*peripheral, std::nullopt);
-    });
-}
-
+void BluezEngine::connectDevice(const QString& path) { gatt_.connectDevice(path); }
+void BluezEngine::disconnectDevice(const QString& path) { gatt_.disconnectDevice(path); }
+void BluezEngine::readRssi(const QString& path) { gatt_.readRssi(path); }
+void BluezEngine::discoverServices(const QString& path) { gatt_.discoverServices(path); }
 void BluezEngine::discoverCharacteristics(const QString& devicePath, const QString& servicePath) {
-    auto peripheral = peripherals_.value(devicePath);
-    auto service = serviceObjects_.value(servicePath);
-    auto it = devices_.constFind(devicePath);
-    if (!peripheral || !service || it == devices_.constEnd() || !it->reportedConnected) {
-        Log::logf("BluezCentral: characteristic discovery for %s on a device that is not connected; ignored",
-                  utf8(servicePath).constData());
-        return;
-    }
-    std::vector<BleCharacteristicRef> list;
-    for (auto c = characteristics_.constBegin(); c != characteristics_.constEnd(); ++c) {
-        if (!bluez::isBelow(c.key(), servicePath) || !c->props.uuid) continue;
-        auto& object = characteristicObjects_[c.key()];
-        if (!object)
-            object = std::make_shared<BluezCharacteristic>(c.key(), BleUuid::fromString(*c->props.uuid));
-        list.push_back(object);
-    }
-    service->setCharacteristics(list);
-    BleServiceRef ref = service;
-    deliver([peripheral, ref] {
-        if (auto* d = peripheral->delegate())
-            d->peripheralDidDiscoverCharacteristicsForService(*peripheral, ref, std::nullopt);
-    });
+    gatt_.discoverCharacteristics(devicePath, servicePath);
 }
-
 void BluezEngine::readValue(const QString& devicePath, const QString& characteristicPath) {
-    auto peripheral = peripherals_.value(devicePath);
-    auto characteristic = characteristicObjects_.value(characteristicPath);
-    if (!peripheral || !characteristic || !bus_) {
-        Log::logf("BluezCentral: read of unknown characteristic %s ignored",
-                  utf8(characteristicPath).constData());
-        return;
-    }
-    GattCharacteristic1::readValue(
-        bus_.get(), characteristicPath, [this, peripheral, characteristic](const sdbus::Reply& reply) {
-            std::optional<BleError> error;
-            QByteArray value;
-            QString problem;
-            if (!reply.ok()) {
-                error = BleError{bluez::errorCodeForDBusError(reply.errorName), reply.errorText()};
-            } else if (!GattCharacteristic1::value(reply, &value, &problem)) {
-                error = BleError{BluezErrorUnknown, problem};
-            } else {
-                characteristic->setValue(value);
-            }
-            if (error)
-                Log::logf("BluezCentral: ReadValue %s failed: %s", utf8(characteristic->path()).constData(),
-                          utf8(error->description).constData());
-            BleCharacteristicRef ref = characteristic;
-            deliver([peripheral, ref, error] {
-                if (auto* d = peripheral->delegate())
-                    d->peripheralDidUpdateValueForCharacteristic(*peripheral, ref, error);
-            });
-        });
-}
-
-void BluezEngine::logProblems(const QString& path, const QString& interface, const QStringList& problems) {
-    for (const QString& p : problems)
-        Log::logf("BluezCentral: %s on %s: %s; ignored", utf8(interface).constData(), utf8(path).constData(),
-                  utf8(p).constData());
+    gatt_.readValue(devicePath, characteristicPath);
 }
 
 double BluezEngine::monotonicMs() {

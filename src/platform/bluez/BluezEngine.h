@@ -1,6 +1,8 @@
 #pragma once
-// The part of BluezCentral that lives on the intake thread: the system-bus connection (sd-bus),
-// the signal subscriptions, the cache of adapters, devices and GATT objects, and every D-Bus call.
+// The part of BluezCentral that lives on the intake thread: the system-bus connection (sd-bus,
+// opened again when it drops), the state reported to the delegate and the peripheral objects
+// handed out. The cache of bluetoothd's objects is ObjectCache's, discovery DiscoverySession's,
+// connections and GATT GattClient's; the engine wires them.
 //
 // The intake loop drains every message that is waiting, runs the commands posted to it, then
 // hands what the drain produced to the delegate queue in one task, and waits at least
@@ -20,15 +22,21 @@
 
 #include "ble/BleCentral.h"
 #include "platform/bluez/BluezCharacteristic.h"
+#include "platform/bluez/BluezInterfaces.h"
 #include "platform/bluez/BluezPeripheral.h"
 #include "platform/bluez/BluezProperties.h"
 #include "platform/bluez/BluezService.h"
+#include "platform/bluez/DiscoverySession.h"
+#include "platform/bluez/GattClient.h"
+#include "platform/bluez/IntakeQueue.h"
+#include "platform/bluez/ObjectCache.h"
 #include "platform/bluez/ObjectManager.h"
 #include "platform/bluez/SdBus.h"
 
 namespace lumerix {
 
 class BluezLink;
+class ScanDemand;
 
 class BluezEngine final {
 public:
@@ -37,10 +45,15 @@ public:
     // A drain ends after this many messages even when more wait, so that commands and the
     // delegate's batches keep moving while the intake is behind.
     static constexpr int kMaxMessagesPerDrain = 1024;
+    // A lost system-bus connection is tried again after this, doubling up to kMaxReconnectMs.
+    static constexpr double kReconnectMs = 500.0;
+    static constexpr double kMaxReconnectMs = 8000.0;
 
-    // onlyLocalName: advertisements of devices whose Name is known and differs are dropped here.
+    // onlyLocalName: advertisements of devices whose Name is known and differs are dropped here,
+    // and bluetoothd is asked to report only devices whose name starts with it. demand (may be
+    // null): whether someone looks, which keeps discovery from pausing.
     BluezEngine(BleCentralDelegate* delegate, const std::shared_ptr<BluezLink>& link,
-                std::optional<QString> onlyLocalName);
+                std::optional<QString> onlyLocalName, std::shared_ptr<ScanDemand> demand = nullptr);
     ~BluezEngine();
     BluezEngine(const BluezEngine&) = delete;
     BluezEngine& operator=(const BluezEngine&) = delete;
@@ -50,6 +63,8 @@ public:
 
     void startScan(bool allowDuplicates);
     void stopScan();
+    // The demand changed: discovery may have to run now, or may pause.
+    void demandChanged();
     void connectDevice(const QString& path);
     void disconnectDevice(const QString& path);
     void readRssi(const QString& path);
@@ -58,110 +73,43 @@ public:
     void readValue(const QString& devicePath, const QString& characteristicPath);
 
 private:
-    struct Device {
-        BluezDeviceProperties props;
-        bool connectPending = false;
-        bool reportedConnected = false;
-        bool servicesPending = false;
-        double lastServicesAnswerMs = -1;  // monotonic; throttles repeated discoveries
-        QString disconnectReason;
-    };
-    struct GattObject {
-        BluezGattProperties props;
-    };
-    // RSSI and ManufacturerData of one PropertiesChanged, read straight from the message.
-    struct AdvertisementFields {
-        bool hasRssi = false;
-        qint16 rssi = 0;
-        bool hasManufacturerData = false;
-        std::optional<QByteArray> manufacturerData;
-        QString problem;  // a ManufacturerData that was refused
-    };
-    struct KnownPath {
-        QString path;
-        bool ignored = false;  // Name known and not onlyLocalName_
-    };
-    struct PathHash {
-        using is_transparent = void;
-        size_t operator()(std::string_view s) const { return std::hash<std::string_view>{}(s); }
-    };
     struct Delivery {
         std::function<void()> callback;  // or, when empty, a batch of advertisements
         std::vector<BleDiscovery> advertisements;
     };
 
     void start();
-    void reconnect();  // start() again while there is no bus
-    bool subscribe();
+    void reconnectLater();
     // Processes what is waiting, at most kMaxMessagesPerDrain messages; true when more may be.
     bool drain();
     void flush();
-    void runTimers();
     int waitTimeoutMs() const;
-    void after(double ms, std::function<void()> fn);
 
-    static int onInterfacesAdded(sd_bus_message* m, void* self, sd_bus_error*);
-    static int onInterfacesRemoved(sd_bus_message* m, void* self, sd_bus_error*);
-    static int onDevicePropertiesChanged(sd_bus_message* m, void* self, sd_bus_error*);
-    static int onAdapterPropertiesChanged(sd_bus_message* m, void* self, sd_bus_error*);
-    static int onDeviceDisconnected(sd_bus_message* m, void* self, sd_bus_error*);
-    static int onNameOwnerChanged(sd_bus_message* m, void* self, sd_bus_error*);
-
-    void devicePropertiesChanged(sd_bus_message* m);
-    void takeSnapshot();
-    void onSnapshot(quint64 generation, const bluez::Snapshot& snapshot);
-    void bluezGone();
-    void clearObjects(int disconnectError);
-    void addInterfaces(const QString& path, const bluez::InterfaceMap& interfaces, bool fromSignal);
-    void updateDevice(const QString& path, const QVariantMap& changed, const QStringList& invalidated,
-                      bool fromSignal, const AdvertisementFields* advertisement = nullptr);
-    bool readDeviceChanges(sd_bus_message* m, bool ignored, AdvertisementFields* advertisement,
-                           QVariantMap* changed);
-    void removeDevice(const QString& path, int disconnectError);
-    void noteName(const QString& path, const Device& device);
+    // The device's object is gone: the delegate hears that the peripheral is forgotten.
+    void forgetPeripheral(const QString& path);
     void recomputeState();
-    QString adapterPath() const;
-    void beginDiscovery();
 
     std::shared_ptr<BluezPeripheral> peripheralFor(const QString& path);
     void reportAdvertisement(const QString& path);
-    void reportConnected(const QString& path);
-    void reportDisconnected(const QString& path, std::optional<int> error);
-    void answerServices(const QString& path);
     void deliver(std::function<void()> fn);
-    void logProblems(const QString& path, const QString& interface, const QStringList& problems);
     static double monotonicMs();
 
     BleCentralDelegate* const delegate_;
     std::weak_ptr<BluezLink> link_;
     const std::optional<QString> onlyLocalName_;
     sdbus::BusPtr bus_;
-    std::vector<sdbus::SlotPtr> matches_;
-    std::multimap<double, std::function<void()>> timers_;  // deadline (monotonic ms) -> work
-    std::vector<Delivery> pending_;                        // for the delegate queue, in order
+    IntakeQueue queue_;  // the intake loop's timers
+    DiscoverySession discovery_;
+    double reconnectMs_ = kReconnectMs;
+    bool busLost_ = false;
+    std::vector<Delivery> pending_;  // for the delegate queue, in order
 
-    quint64 snapshotGeneration_ = 0;
-    bool snapshotDone_ = false;
-    bool busMissingLogged_ = false;  // the missing bus is logged once, not every retry
-    bool bluezPresent_ = false;
-    bool accessDenied_ = false;
     bool stateReported_ = false;
-    int state_ = 0;
-    bool scanning_ = false;
-    bool discoveryActive_ = false;
-    bool allowDuplicates_ = true;
-    QString discoveryAdapter_;  // the adapter discovery was started on
+    int state_ = BleStateUnknown;
 
-    QMap<QString, BluezAdapterProperties> adapters_;
-    QHash<QString, Device> devices_;
-    // Device paths as sd-bus gives them. Advertisements of ignored devices are skipped unread (a
-    // Name change still reaches them).
-    std::unordered_map<std::string, KnownPath, PathHash, std::equal_to<>> paths_;
-    QMap<QString, GattObject> services_;         // sorted by path = handle order
-    QMap<QString, GattObject> characteristics_;  // sorted by path = handle order
     QHash<QString, std::shared_ptr<BluezPeripheral>> peripherals_;
-    QHash<QString, std::shared_ptr<BluezService>> serviceObjects_;
-    QHash<QString, std::shared_ptr<BluezCharacteristic>> characteristicObjects_;
+    ObjectCache cache_;
+    GattClient gatt_;  // reads the cache's devices and peripherals_
 };
 
 }  // namespace lumerix

@@ -3,7 +3,10 @@
 // calls made on them. Calls are asynchronous; completions run on the bus's thread.
 #include <QByteArray>
 #include <QString>
+#include <QVariantMap>
+#include <optional>
 
+#include "platform/bluez/BluezProperties.h"
 #include "platform/bluez/SdBus.h"
 
 namespace lumerix::bluez {
@@ -11,9 +14,10 @@ namespace lumerix::bluez {
 class Adapter1 {
 public:
     static constexpr const char* kInterface = "org.bluez.Adapter1";
-    // Transport "le", DuplicateData as given.
+    // Transport "le", DuplicateData as given, and Pattern when not empty: bluetoothd then creates
+    // no object and sends no signal for a device whose name (or address) does not start with it.
     static bool setDiscoveryFilter(sd_bus* bus, const QString& path, bool duplicateData,
-                                   sdbus::Completion done);
+                                   const QString& pattern, sdbus::Completion done);
     static bool startDiscovery(sd_bus* bus, const QString& path, sdbus::Completion done);
     static bool stopDiscovery(sd_bus* bus, const QString& path, sdbus::Completion done);
 };
@@ -25,6 +29,15 @@ public:
     static bool disconnect(sd_bus* bus, const QString& path, sdbus::Completion done);
     // Device1.Disconnected(reason, message): the reason, or empty when the signal has another shape.
     static QString disconnectedReason(sd_bus_message* m);
+
+    using Advertisement = BluezAdvertisement;
+    // The one reader of Device1 properties: the a{sv} of a PropertiesChanged (the read position
+    // just after the interface name), of InterfacesAdded or of the snapshot. RSSI and
+    // ManufacturerData go into *advertisement, every other property into *changed.
+    // With ignored, advertisement properties are skipped unread. The lowest company identifier's
+    // data wins. False on a malformed message.
+    static bool readChanges(sd_bus_message* m, bool ignored, Advertisement* advertisement,
+                            QVariantMap* changed);
 };
 
 class GattService1 {

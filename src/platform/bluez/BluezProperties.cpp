@@ -1,11 +1,9 @@
 #include "platform/bluez/BluezProperties.h"
 
 #include <QDBusArgument>
-#include <QDBusVariant>
 #include <QHash>
 #include <QMap>
 #include <QRegularExpression>
-#include <limits>
 
 namespace lumerix {
 namespace {
@@ -47,30 +45,24 @@ QStringList BluezAdapterProperties::apply(const QVariantMap& changed, const QStr
     return problems;
 }
 
-QStringList BluezDeviceProperties::apply(const QVariantMap& changed, const QStringList& invalidated) {
+QStringList BluezDeviceProperties::apply(const QVariantMap& changed, const QStringList& invalidated,
+                                         const BluezAdvertisement& advertisement) {
     QStringList problems;
     take(changed, QStringLiteral("Address"), QMetaType::QString, address, problems);
     take(changed, QStringLiteral("Name"), QMetaType::QString, name, problems);
     take(changed, QStringLiteral("Connected"), QMetaType::Bool, connected, problems);
     take(changed, QStringLiteral("ServicesResolved"), QMetaType::Bool, servicesResolved, problems);
 
-    auto r = changed.constFind(QStringLiteral("RSSI"));
-    if (r != changed.constEnd()) {
-        bool integral = r->typeId() == QMetaType::Short || r->typeId() == QMetaType::Int;
-        int v = integral ? r->toInt() : 0;
-        if (integral && v >= std::numeric_limits<qint16>::min() && v <= std::numeric_limits<qint16>::max())
-            rssi = static_cast<qint16>(v);
+    if (advertisement.hasRssi) rssi = advertisement.rssi;
+    if (advertisement.hasManufacturerData) {
+        if (advertisement.problem.isEmpty())
+            manufacturerData = advertisement.manufacturerData;
         else
-            problems.append(refused(QStringLiteral("RSSI"), *r));
+            problems.append(advertisement.problem);
     }
-    auto m = changed.constFind(QStringLiteral("ManufacturerData"));
-    if (m != changed.constEnd()) {
-        QString problem;
-        auto record = bluez::manufacturerRecord(*m, &problem);
-        if (problem.isEmpty())
-            manufacturerData = record;
-        else
-            problems.append(problem);
+    for (const QString& typed : {QStringLiteral("RSSI"), QStringLiteral("ManufacturerData")}) {
+        auto it = changed.constFind(typed);
+        if (it != changed.constEnd()) problems.append(refused(typed, *it));
     }
 
     forget(invalidated, QStringLiteral("Address"), address);
@@ -112,37 +104,6 @@ QString identifierForDevice(const QString& path, const BluezDeviceProperties& pr
         if (!id.isEmpty()) return id;
     }
     return identifierForAddress(addressFromDevicePath(path));
-}
-
-std::optional<QByteArray> manufacturerRecord(const QVariant& value, QString* problem) {
-    QMap<quint16, QDBusVariant> map;
-    if (value.typeId() == qMetaTypeId<QDBusArgument>()) {
-        const auto arg = value.value<QDBusArgument>();
-        if (arg.currentSignature() != QLatin1String("a{qv}")) {
-            *problem = refused(QStringLiteral("ManufacturerData"), value);
-            return std::nullopt;
-        }
-        arg >> map;
-    } else if (value.typeId() == qMetaTypeId<QMap<quint16, QDBusVariant>>()) {
-        map = value.value<QMap<quint16, QDBusVariant>>();
-    } else {
-        *problem = refused(QStringLiteral("ManufacturerData"), value);
-        return std::nullopt;
-    }
-    if (map.isEmpty()) return std::nullopt;
-    const quint16 company = map.firstKey();
-    const QVariant bytes = map.first().variant();
-    if (bytes.typeId() != QMetaType::QByteArray) {
-        *problem = QStringLiteral("ManufacturerData for company 0x%1 is not a byte array (%2)")
-                       .arg(company, 4, 16, QLatin1Char('0'))
-                       .arg(typeName(bytes));
-        return std::nullopt;
-    }
-    QByteArray record;
-    record.append(static_cast<char>(company & 0xFF));
-    record.append(static_cast<char>(company >> 8));
-    record.append(bytes.toByteArray());
-    return record;
 }
 
 int centralState(bool bluezPresent, bool accessDenied, const std::optional<BluezAdapterProperties>& adapter) {

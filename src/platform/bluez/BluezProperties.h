@@ -30,6 +30,15 @@ struct BluezAdapterProperties {
     QStringList apply(const QVariantMap& changed, const QStringList& invalidated = {});
 };
 
+// RSSI and ManufacturerData of one report, as the Device1 reader takes them off the wire.
+struct BluezAdvertisement {
+    bool hasRssi = false;
+    qint16 rssi = 0;
+    bool hasManufacturerData = false;
+    std::optional<QByteArray> manufacturerData;  // company id (little-endian), then the bytes
+    QString problem;                             // a ManufacturerData that was refused
+};
+
 struct BluezDeviceProperties {
     std::optional<QString> address;
     std::optional<QString> name;  // Device1.Name; Alias is deliberately not read
@@ -39,7 +48,10 @@ struct BluezDeviceProperties {
     std::optional<bool> connected;
     std::optional<bool> servicesResolved;
 
-    QStringList apply(const QVariantMap& changed, const QStringList& invalidated = {});
+    // RSSI and ManufacturerData come in the advertisement; in `changed` they are the ones the
+    // reader found of another type, and are refused.
+    QStringList apply(const QVariantMap& changed, const QStringList& invalidated = {},
+                      const BluezAdvertisement& advertisement = {});
 };
 
 struct BluezGattProperties {
@@ -55,10 +67,6 @@ QString identifierForAddress(const QString& address);
 QString addressFromDevicePath(const QString& path);
 // The identifier of a device: from its Address property, else from its object path.
 QString identifierForDevice(const QString& path, const BluezDeviceProperties& props);
-
-// ManufacturerData (a{qv}: a QDBusArgument from the wire, or a QMap<quint16, QDBusVariant>).
-// Empty optional for an empty map; problem set when the value is malformed.
-std::optional<QByteArray> manufacturerRecord(const QVariant& value, QString* problem);
 
 // Central state from what is known of bluetoothd: 0 unknown (no org.bluez), 3 unauthorized,
 // 2 unsupported (no adapter), 4 powered off, 5 powered on.

@@ -1,5 +1,7 @@
 #include "platform/bluez/ObjectManager.h"
 
+#include "platform/bluez/BluezInterfaces.h"
+
 #include <algorithm>
 #include <cstring>
 #include <string_view>
@@ -20,14 +22,18 @@ std::optional<unsigned long> hciIndex(const QString& path) {
     return n;
 }
 
-bool readInterfaces(sd_bus_message* m, InterfaceMap* out) {
+bool readInterfaces(sd_bus_message* m, InterfaceMap* out, BluezAdvertisement* advertisement) {
     if (sd_bus_message_enter_container(m, 'a', "{sa{sv}}") < 0) return false;
     int r;
     while ((r = sd_bus_message_enter_container(m, 'e', "sa{sv}")) > 0) {
         const char* name = nullptr;
         if (sd_bus_message_read_basic(m, 's', &name) < 0) return false;
         QVariantMap props;
-        if (!sdbus::readPropertyMap(m, &props)) return false;
+        if (std::strcmp(name, Device1::kInterface) == 0) {
+            if (!Device1::readChanges(m, false, advertisement, &props)) return false;
+        } else if (!sdbus::readPropertyMap(m, &props)) {
+            return false;
+        }
         out->insert(QString::fromUtf8(name), props);
         if (sd_bus_message_exit_container(m) < 0) return false;
     }
@@ -64,7 +70,8 @@ std::optional<bool> defaultAdapterPowered(const Snapshot& snapshot) {
     return powered.toBool();
 }
 
-bool ObjectManager::readManagedObjects(sd_bus_message* m, ManagedObjects* out) {
+bool ObjectManager::readManagedObjects(sd_bus_message* m, ManagedObjects* out,
+                                       Advertisements* advertisements) {
     if (std::string_view(sdbus::signature(m)) != "a{oa{sa{sv}}}") return false;
     if (sd_bus_message_enter_container(m, 'a', "{oa{sa{sv}}}") < 0) return false;
     int r;
@@ -72,19 +79,24 @@ bool ObjectManager::readManagedObjects(sd_bus_message* m, ManagedObjects* out) {
         const char* path = nullptr;
         if (sd_bus_message_read_basic(m, 'o', &path) < 0) return false;
         InterfaceMap interfaces;
-        if (!readInterfaces(m, &interfaces)) return false;
-        out->insert(QString::fromUtf8(path), interfaces);
+        BluezAdvertisement advertisement;
+        if (!readInterfaces(m, &interfaces, &advertisement)) return false;
+        const QString key = QString::fromUtf8(path);
+        if (advertisement.hasRssi || advertisement.hasManufacturerData)
+            advertisements->insert(key, advertisement);
+        out->insert(key, interfaces);
         if (sd_bus_message_exit_container(m) < 0) return false;
     }
     return r >= 0 && sd_bus_message_exit_container(m) >= 0;
 }
 
-bool ObjectManager::readInterfacesAdded(sd_bus_message* m, QString* path, InterfaceMap* interfaces) {
+bool ObjectManager::readInterfacesAdded(sd_bus_message* m, QString* path, InterfaceMap* interfaces,
+                                        BluezAdvertisement* advertisement) {
     if (std::string_view(sdbus::signature(m)) != "oa{sa{sv}}") return false;
     const char* p = nullptr;
     if (sd_bus_message_read_basic(m, 'o', &p) < 0) return false;
     *path = QString::fromUtf8(p);
-    return readInterfaces(m, interfaces);
+    return readInterfaces(m, interfaces, advertisement);
 }
 
 bool ObjectManager::readInterfacesRemoved(sd_bus_message* m, QString* path, QStringList* interfaces) {
@@ -103,10 +115,11 @@ Snapshot ObjectManager::snapshotFromReply(const sdbus::Reply& reply) {
         return s;
     }
     s.reached = true;
-    if (!readManagedObjects(reply.message, &s.objects)) {
+    if (!readManagedObjects(reply.message, &s.objects, &s.advertisements)) {
         s.error = QStringLiteral("GetManagedObjects answered with signature \"%1\"")
                       .arg(QString::fromUtf8(sdbus::signature(reply.message)));
         s.objects.clear();
+        s.advertisements.clear();
     }
     return s;
 }

@@ -2,18 +2,22 @@
 // org.freedesktop.DBus.ObjectManager of org.bluez: the snapshot of every object bluetoothd
 // exports, its InterfacesAdded/InterfacesRemoved signals, and the one rule for which adapter is
 // the default one. Used by the central's engine and by the start-up Bluetooth check.
+#include <QHash>
 #include <QMap>
 #include <QString>
 #include <QStringList>
 #include <QVariantMap>
 #include <optional>
 
+#include "platform/bluez/BluezProperties.h"
 #include "platform/bluez/SdBus.h"
 
 namespace lumerix::bluez {
 
 using InterfaceMap = QMap<QString, QVariantMap>;     // interface -> properties
 using ManagedObjects = QMap<QString, InterfaceMap>;  // object path -> interfaces
+// RSSI and ManufacturerData of Device1 objects, by path; their InterfaceMap holds the rest.
+using Advertisements = QHash<QString, BluezAdvertisement>;
 
 inline constexpr const char* kService = "org.bluez";
 
@@ -23,6 +27,7 @@ struct Snapshot {
     bool accessDenied = false;  // the bus refused the call
     QString error;              // why not reached
     ManagedObjects objects;
+    Advertisements advertisements;
 
     // Object paths that carry org.bluez.Adapter1.
     QStringList adapterPaths() const;
@@ -41,8 +46,10 @@ public:
     static constexpr const char* kInterface = "org.freedesktop.DBus.ObjectManager";
 
     // Parsers for the reply and the two signals; false when the message is not of that shape.
-    static bool readManagedObjects(sd_bus_message* m, ManagedObjects* out);
-    static bool readInterfacesAdded(sd_bus_message* m, QString* path, InterfaceMap* interfaces);
+    // Device1 properties are read by Device1's reader, its advertisement kept apart.
+    static bool readManagedObjects(sd_bus_message* m, ManagedObjects* out, Advertisements* advertisements);
+    static bool readInterfacesAdded(sd_bus_message* m, QString* path, InterfaceMap* interfaces,
+                                    BluezAdvertisement* advertisement);
     static bool readInterfacesRemoved(sd_bus_message* m, QString* path, QStringList* interfaces);
 
     // Asks for the snapshot; done runs on the bus's thread.

@@ -1,19 +1,11 @@
 #include <gtest/gtest.h>
 
-#include <QDBusVariant>
-
 #include "ble/BleTypes.h"
 #include "platform/bluez/BluezProperties.h"
 #include "platform/bluez/ObjectManager.h"
 
 namespace lumerix {
 namespace {
-
-QVariant manufacturer(std::initializer_list<std::pair<quint16, QVariant>> entries) {
-    QMap<quint16, QDBusVariant> map;
-    for (const auto& [company, value] : entries) map.insert(company, QDBusVariant(value));
-    return QVariant::fromValue(map);
-}
 
 TEST(BluezIdentifier, ComesFromTheAddressOrElseThePath) {
     struct Case {
@@ -41,34 +33,43 @@ TEST(BluezIdentifier, ComesFromTheAddressOrElseThePath) {
 
 TEST(BluezDeviceProperties, TakesWellTypedValuesAndRefusesTheRest) {
     BluezDeviceProperties p;
-    EXPECT_TRUE(
-        p.apply({{QStringLiteral("Name"), QStringLiteral("LX")},
-                 {QStringLiteral("Alias"), QStringLiteral("AA-BB")},
-                 {QStringLiteral("RSSI"), QVariant::fromValue<short>(-61)},
-                 {QStringLiteral("Connected"), true},
-                 {QStringLiteral("ManufacturerData"), manufacturer({{0x0AC0, QByteArray("\x11\x22", 2)}})}})
-            .isEmpty());
+    BluezAdvertisement ad;
+    ad.hasRssi = true;
+    ad.rssi = -61;
+    ad.hasManufacturerData = true;
+    ad.manufacturerData = QByteArray("\xC0\x0A\x11\x22", 4);
+    EXPECT_TRUE(p.apply({{QStringLiteral("Name"), QStringLiteral("LX")},
+                         {QStringLiteral("Alias"), QStringLiteral("AA-BB")},
+                         {QStringLiteral("Connected"), true}},
+                        {}, ad)
+                    .isEmpty());
     EXPECT_EQ(p.name, QStringLiteral("LX"));
     EXPECT_EQ(p.rssi, qint16(-61));
     EXPECT_EQ(p.connected, true);
     EXPECT_EQ(p.manufacturerData, QByteArray("\xC0\x0A\x11\x22", 4));
 
-    // Each malformed value is refused on its own; what was known stays.
+    // Each malformed value is refused on its own; what was known stays. RSSI and
+    // ManufacturerData reach the map only when the reader found them of another type.
+    BluezAdvertisement refusedRecord;
+    refusedRecord.hasManufacturerData = true;
+    refusedRecord.problem = QStringLiteral("ManufacturerData for company 0x0001 is not a byte array");
     struct Bad {
         const char* name;
         QVariant value;
+        BluezAdvertisement advertisement;
     };
     const Bad bad[] = {
-        {"Name", QVariant(5)},
-        {"RSSI", QVariant(QStringLiteral("-40"))},
-        {"RSSI", QVariant(40000)},
-        {"RSSI", QVariant(-40.5)},
-        {"Connected", QVariant(1)},
-        {"ManufacturerData", QVariant(QByteArray("\x11"))},
-        {"ManufacturerData", manufacturer({{0x0001, QVariant(QStringLiteral("text"))}})},
+        {"Name", QVariant(5), {}},
+        {"RSSI", QVariant(QStringLiteral("-40")), {}},
+        {"RSSI", QVariant(-40), {}},
+        {"Connected", QVariant(1), {}},
+        {"ManufacturerData", QVariant(QByteArray("\x11")), {}},
+        {"Address", QVariant(), refusedRecord},
     };
     for (const Bad& b : bad) {
-        QStringList problems = p.apply({{QString::fromUtf8(b.name), b.value}});
+        QVariantMap changed;
+        if (b.value.isValid()) changed.insert(QString::fromUtf8(b.name), b.value);
+        QStringList problems = p.apply(changed, {}, b.advertisement);
         EXPECT_EQ(problems.size(), 1) << b.name;
     }
     EXPECT_EQ(p.name, QStringLiteral("LX"));
@@ -76,29 +77,15 @@ TEST(BluezDeviceProperties, TakesWellTypedValuesAndRefusesTheRest) {
     EXPECT_EQ(p.connected, true);
     EXPECT_EQ(p.manufacturerData, QByteArray("\xC0\x0A\x11\x22", 4));
 
-    p.apply({}, {QStringLiteral("RSSI"), QStringLiteral("ManufacturerData")});
-    EXPECT_FALSE(p.rssi);
+    // An empty ManufacturerData map clears the record; invalidation forgets.
+    BluezAdvertisement empty;
+    empty.hasManufacturerData = true;
+    EXPECT_TRUE(p.apply({}, {}, empty).isEmpty());
     EXPECT_FALSE(p.manufacturerData);
-    EXPECT_EQ(p.name, QStringLiteral("LX"));
-}
-
-TEST(BluezManufacturerRecord, CompanyIdLittleEndianThenTheLowestCompanysBytes) {
-    struct Case {
-        QVariant value;
-        std::optional<QByteArray> record;
-    };
-    const Case cases[] = {
-        {manufacturer({{0x1234, QByteArray("\xAB", 1)}}), QByteArray("\x34\x12\xAB", 3)},
-        {manufacturer({{0xFFFF, QByteArray("\x01", 1)}, {0x0059, QByteArray("\x02\x03", 2)}}),
-         QByteArray("\x59\x00\x02\x03", 4)},
-        {manufacturer({{0x0000, QByteArray()}}), QByteArray(2, '\0')},
-        {manufacturer({}), std::nullopt},
-    };
-    for (const Case& c : cases) {
-        QString problem;
-        EXPECT_EQ(bluez::manufacturerRecord(c.value, &problem), c.record);
-        EXPECT_TRUE(problem.isEmpty()) << problem.toStdString();
-    }
+    p.apply({}, {QStringLiteral("RSSI"), QStringLiteral("Name")});
+    EXPECT_FALSE(p.rssi);
+    EXPECT_FALSE(p.name);
+    EXPECT_EQ(p.connected, true);
 }
 
 TEST(BluezState, FollowsBluetoothdAndTheDefaultAdapter) {
