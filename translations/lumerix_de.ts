@@ -39,8 +39,8 @@
         <translation>Kein Infobereich auf dieser Arbeitsfläche</translation>
     </message>
     <message>
-        <source>Lumerix appears once a tray runs (on GNOME: the AppIndicator extension). Meanwhile "lumerix --scan" lists the receivers in a terminal.</source>
-        <translation>Lumerix erscheint, sobald ein Infobereich läuft (unter GNOME: die Erweiterung AppIndicator). Bis dahin listet "lumerix --scan" die Empfänger im Terminal auf.</translation>
+        <source>Lumerix appears once a tray runs (on GNOME: the AppIndicator extension). Meanwhile &quot;lumerix --scan&quot; lists the receivers in a terminal.</source>
+        <translation>Lumerix erscheint, sobald ein Infobereich läuft (unter GNOME: die Erweiterung AppIndicator). Bis dahin listet &quot;lumerix --scan&quot; die Empfänger im Terminal auf.</translation>
     </message>
     <message>
         <source>About</source>
@@ -82,6 +82,22 @@
         <source>%1 did not take %2: nothing answered on 127.0.0.1:%3. Restart %1 and choose %2 again.</source>
         <translation>%1 hat %2 nicht übernommen: Auf 127.0.0.1:%3 hat niemand geantwortet. Starten Sie %1 neu und wählen Sie %2 erneut.</translation>
     </message>
+    <message>
+        <source>%1 port held by another user</source>
+        <translation>%1-Port von anderem Benutzer belegt</translation>
+    </message>
+    <message>
+        <source>The program listening on 127.0.0.1:%1 is not your %2, so %3 and its login code were not sent. Quit the other program or ask an administrator, then start %2 and choose %3 again.</source>
+        <translation>Das Programm an 127.0.0.1:%1 ist nicht Ihr %2, daher wurden %3 und sein Anmeldecode nicht gesendet. Beenden Sie das andere Programm oder fragen Sie die Administration, starten Sie dann %2 und wählen Sie %3 erneut.</translation>
+    </message>
+    <message>
+        <source>Try again</source>
+        <translation>Erneut versuchen</translation>
+    </message>
+    <message>
+        <source>Troubleshoot</source>
+        <translation>Fehlersuche</translation>
+    </message>
 </context>
 <context>
     <name>CommandLine</name>
@@ -90,7 +106,7 @@
         <translation>Ohne Infobereich suchen und die Empfänger ausgeben (10 Sekunden, wenn nicht angegeben).</translation>
     </message>
     <message>
-        <source>Read one receiver's connection information over GATT (a diagnostic).</source>
+        <source>Read one receiver&apos;s connection information over GATT (a diagnostic).</source>
         <translation>Die Verbindungsdaten eines Empfängers über GATT lesen (zur Diagnose).</translation>
     </message>
     <message>
@@ -146,8 +162,8 @@
         <translation>%1 oder %2</translation>
     </message>
     <message>
-        <source>Unexpected argument '%1'.</source>
-        <translation>Unerwartetes Argument '%1'.</translation>
+        <source>Unexpected argument &apos;%1&apos;.</source>
+        <translation>Unerwartetes Argument &apos;%1&apos;.</translation>
     </message>
     <message>
         <source>%1 and %2 cannot be used together.</source>
@@ -158,15 +174,15 @@
         <translation>%1 geht nur mit %2.</translation>
     </message>
     <message>
-        <source>The scan duration must be a number of seconds up to %1, got '%2'.</source>
-        <translation>Die Suchdauer muss eine Zahl von Sekunden bis %1 sein, nicht '%2'.</translation>
+        <source>The scan duration must be a number of seconds up to %1, got &apos;%2&apos;.</source>
+        <translation>Die Suchdauer muss eine Zahl von Sekunden bis %1 sein, nicht &apos;%2&apos;.</translation>
     </message>
     <message>
-        <source>--gatt-read needs a receiver's IDENTIFIER.</source>
+        <source>--gatt-read needs a receiver&apos;s IDENTIFIER.</source>
         <translation>--gatt-read braucht die IDENTIFIER eines Empfängers.</translation>
     </message>
     <message>
-        <source>--connect needs a receiver's NAME, its IDENTIFIER or nearest.</source>
+        <source>--connect needs a receiver&apos;s NAME, its IDENTIFIER or nearest.</source>
         <translation>--connect braucht NAME oder IDENTIFIER eines Empfängers oder nearest.</translation>
     </message>
     <message>
@@ -182,8 +198,8 @@
         <translation>--demo und --replay gehen nicht zusammen.</translation>
     </message>
     <message>
-        <source>The timeout must be a number of seconds up to %1, got '%2'.</source>
-        <translation>Die Wartezeit muss eine Zahl von Sekunden bis %1 sein, nicht '%2'.</translation>
+        <source>The timeout must be a number of seconds up to %1, got &apos;%2&apos;.</source>
+        <translation>Die Wartezeit muss eine Zahl von Sekunden bis %1 sein, nicht &apos;%2&apos;.</translation>
     </message>
     <message>
         <source>Usage:</source>
@@ -200,6 +216,21 @@
     <message>
         <source>Exit status: 0 on success; 1 when --doctor finds a problem, there is no display or another error occurs; 2 when Bluetooth is off or missing; 3 when --gatt-read times out or --connect finds no such receiver; 4 when --connect finds no sender application installed; 5 when the sender did not take the receiver; 64 on a usage error.</source>
         <translation>Rückgabewert: 0 bei Erfolg; 1, wenn --doctor ein Problem findet, keine Anzeige da ist oder ein anderer Fehler auftritt; 2, wenn Bluetooth aus ist oder fehlt; 3, wenn --gatt-read die Zeit überschreitet oder --connect keinen solchen Empfänger findet; 4, wenn --connect keine installierte Sender-Anwendung findet; 5, wenn der Sender den Empfänger nicht übernommen hat; 64 bei falschem Aufruf.</translation>
+    </message>
+</context>
+<context>
+    <name>DiagnosticsWindow</name>
+    <message>
+        <source>Lumerix diagnostics</source>
+        <translation>Lumerix-Diagnose</translation>
+    </message>
+    <message>
+        <source>Running lumerix --doctor</source>
+        <translation>lumerix --doctor läuft</translation>
+    </message>
+    <message>
+        <source>lumerix --doctor did not run: %1</source>
+        <translation>lumerix --doctor ist nicht gelaufen: %1</translation>
     </message>
 </context>
 <context>
@@ -301,10 +332,6 @@
         <translation>braucht den eingeschalteten Adapter</translation>
     </message>
     <message>
-        <source>Transport le with DuplicateData accepted</source>
-        <translation>Transport le mit DuplicateData angenommen</translation>
-    </message>
-    <message>
         <source>refused: </source>
         <translation>abgelehnt: </translation>
     </message>
@@ -369,7 +396,7 @@
         <translation>keiner auf dem Sitzungsbus</translation>
     </message>
     <message>
-        <source>install or start one (the desktop's own, or dunst or mako)</source>
+        <source>install or start one (the desktop&apos;s own, or dunst or mako)</source>
         <translation>einen installieren oder starten (den der Arbeitsfläche, dunst oder mako)</translation>
     </message>
     <message>
@@ -417,8 +444,8 @@
         <translation>von einem anderen Programm belegt</translation>
     </message>
     <message>
-        <source>find it with: ss -ltnp 'sport = :%1'</source>
-        <translation>finden mit: ss -ltnp 'sport = :%1'</translation>
+        <source>find it with: ss -ltnp &apos;sport = :%1&apos;</source>
+        <translation>finden mit: ss -ltnp &apos;sport = :%1&apos;</translation>
     </message>
     <message>
         <source>cannot be opened: </source>
@@ -472,6 +499,10 @@
         <source>The tray cannot work until the checks marked ✗ pass.</source>
         <translation>Lumerix kann erst arbeiten, wenn die mit ✗ markierten Prüfungen bestehen.</translation>
     </message>
+    <message>
+        <source>Transport le with DuplicateData and Pattern LX accepted</source>
+        <translation>Transport le mit DuplicateData und Pattern LX angenommen</translation>
+    </message>
 </context>
 <context>
     <name>HeadlessSession</name>
@@ -484,8 +515,8 @@
         <translation>Suche nicht möglich: %1.</translation>
     </message>
     <message>
-        <source>Run "lumerix --doctor" to see why.</source>
-        <translation>"lumerix --doctor" zeigt, warum.</translation>
+        <source>Run &quot;lumerix --doctor&quot; to see why.</source>
+        <translation>&quot;lumerix --doctor&quot; zeigt, warum.</translation>
     </message>
 </context>
 <context>
@@ -495,44 +526,71 @@
         <translation>Die Sender-Anwendung (%1) ist nicht installiert.</translation>
     </message>
     <message>
-        <source>Run "lumerix --doctor" to see what is missing.</source>
-        <translation>"lumerix --doctor" zeigt, was fehlt.</translation>
+        <source>Run &quot;lumerix --doctor&quot; to see what is missing.</source>
+        <translation>&quot;lumerix --doctor&quot; zeigt, was fehlt.</translation>
     </message>
     <message>
         <source>The running Lumerix did not answer: %1</source>
         <translation>Das laufende Lumerix hat nicht geantwortet: %1</translation>
     </message>
     <message>
-        <source>No receiver "%1" nearby.</source>
-        <translation>Kein Empfänger "%1" in der Nähe.</translation>
+        <source>No receiver &quot;%1&quot; nearby.</source>
+        <translation>Kein Empfänger &quot;%1&quot; in der Nähe.</translation>
     </message>
     <message>
-        <source>The sender did not take "%1" on port %2.</source>
-        <translation>Der Sender hat "%1" auf Port %2 nicht übernommen.</translation>
+        <source>The sender did not take &quot;%1&quot; on port %2.</source>
+        <translation>Der Sender hat &quot;%1&quot; auf Port %2 nicht übernommen.</translation>
     </message>
     <message>
-        <source>Sent "%1" to the sender.</source>
-        <translation>"%1" an den Sender geschickt.</translation>
+        <source>Sent &quot;%1&quot; to the sender.</source>
+        <translation>&quot;%1&quot; an den Sender geschickt.</translation>
     </message>
     <message>
-        <source>The details of "%1" do not fit a frame.</source>
-        <translation>Die Daten von "%1" passen in keinen Rahmen.</translation>
+        <source>The details of &quot;%1&quot; do not fit a frame.</source>
+        <translation>Die Daten von &quot;%1&quot; passen in keinen Rahmen.</translation>
     </message>
     <message>
         <source>Cannot listen for the sender on port %1.</source>
         <translation>Kann auf Port %1 nicht auf den Sender warten.</translation>
     </message>
     <message>
-        <source>Launched the sender for "%1"; waiting for it to ask.</source>
-        <translation>Sender für "%1" gestartet; warte auf seine Anfrage.</translation>
+        <source>Launched the sender for &quot;%1&quot;; waiting for it to ask.</source>
+        <translation>Sender für &quot;%1&quot; gestartet; warte auf seine Anfrage.</translation>
     </message>
     <message>
-        <source>The sender fetched "%1".</source>
-        <translation>Der Sender hat "%1" abgeholt.</translation>
+        <source>The sender fetched &quot;%1&quot;.</source>
+        <translation>Der Sender hat &quot;%1&quot; abgeholt.</translation>
     </message>
     <message>
-        <source>The sender did not ask for "%1" within %2 s.</source>
-        <translation>Der Sender hat "%1" nicht innerhalb von %2 s angefragt.</translation>
+        <source>The sender did not ask for &quot;%1&quot; within %2 s.</source>
+        <translation>Der Sender hat &quot;%1&quot; nicht innerhalb von %2 s angefragt.</translation>
+    </message>
+    <message>
+        <source>Port %1 is held by another user&apos;s program; &quot;%2&quot; was not sent.</source>
+        <translation>Port %1 ist vom Programm eines anderen Benutzers belegt; „%2“ wurde nicht gesendet.</translation>
+    </message>
+</context>
+<context>
+    <name>ReceiverSearch</name>
+    <message>
+        <source>Saved receiver</source>
+        <translation>Gespeicherter Empfänger</translation>
+    </message>
+    <message>
+        <source>Nearby, signal unknown</source>
+        <translation>In der Nähe, Signal unbekannt</translation>
+    </message>
+    <message>
+        <source>Nearby, strong signal (%1 dBm)</source>
+        <translation>In der Nähe, starkes Signal (%1 dBm)</translation>
+    </message>
+    <message>
+        <source>Nearby, fair signal (%1 dBm)</source>
+        <translation>In der Nähe, mittleres Signal (%1 dBm)</translation>
+    </message>
+    <message>
+        <source>Nearby, weak signal (%1 dBm)</source>
+        <translation>In der Nähe, schwaches Signal (%1 dBm)</translation>
     </message>
 </context>
 <context>
@@ -568,6 +626,13 @@
     <message>
         <source>and %1 more</source>
         <translation>und %1 weitere</translation>
+    </message>
+</context>
+<context>
+    <name>TrayApp</name>
+    <message>
+        <source>Present to the nearest room</source>
+        <translation>Im nächstgelegenen Raum präsentieren</translation>
     </message>
 </context>
 </TS>

@@ -28,7 +28,7 @@ QPlainTextEdit* reportView() {
     if (!window) {
         window = new QDialog;
         window->setAttribute(Qt::WA_DeleteOnClose);
-        window->setWindowTitle(QStringLiteral("Lumerix diagnostics"));
+        window->setWindowTitle(QCoreApplication::translate("DiagnosticsWindow", "Lumerix diagnostics"));
         window->resize(720, 480);
         auto* layout = new QVBoxLayout(window);
         auto* text = new QPlainTextEdit(window);
@@ -50,7 +50,8 @@ QPlainTextEdit* reportView() {
 
 void showDiagnostics() {
     QPlainTextEdit* view = reportView();
-    view->setPlainText(QStringLiteral("Running lumerix --doctor") + QChar(0x2026));
+    view->setPlainText(QCoreApplication::translate("DiagnosticsWindow", "Running lumerix --doctor") +
+                       QChar(0x2026));
     // Asynchronous: the doctor may wait on Bluetooth and the tray must not freeze meanwhile.
     auto* doctor = new QProcess(view);
     doctor->setProcessChannelMode(QProcess::MergedChannels);
@@ -62,7 +63,9 @@ void showDiagnostics() {
     QObject::connect(doctor, &QProcess::errorOccurred, view, [doctor, view](QProcess::ProcessError error) {
         if (error != QProcess::FailedToStart && error != QProcess::Timedout) return;
         Log::logf("Troubleshoot: lumerix --doctor did not run: %s", qUtf8Printable(doctor->errorString()));
-        view->setPlainText(QStringLiteral("lumerix --doctor did not run: %1").arg(doctor->errorString()));
+        view->setPlainText(
+            QCoreApplication::translate("DiagnosticsWindow", "lumerix --doctor did not run: %1")
+                .arg(doctor->errorString()));
         doctor->deleteLater();
     });
     doctor->start(QCoreApplication::applicationFilePath(), {QStringLiteral("--doctor")});

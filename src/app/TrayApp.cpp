@@ -154,8 +154,8 @@ int runTrayApp(int argc, char** argv, const CommandLine& options) {
             break;
     }
     GlobalShortcutPortal shortcut(QDBusConnection::sessionBus(), QStringLiteral("present-nearest"),
-                                  QStringLiteral("Present to the nearest room"), QStringLiteral("CTRL+ALT+P"),
-                                  [&service] { service.ConnectNearest(); });
+                                  QCoreApplication::translate("TrayApp", "Present to the nearest room"),
+                                  QStringLiteral("CTRL+ALT+P"), [&service] { service.ConnectNearest(); });
     shortcut.start();
     application->setWillTerminate([&delegate] { delegate.applicationWillTerminate(); });
     UnixSignalWatcher signals([&application](int signal) {

@@ -77,7 +77,10 @@ class LoginTest(test_tray.TrayCase):
         self.desktop.env['DBUS_SYSTEM_BUS_ADDRESS'] = 'unix:path=' + os.path.join(self.desktop.root, 'no-bus')
         self.start_tray('--autostart')
         wait_for(lambda: 'bluetoothd) is not running' in tooltip(self.desktop), 15, 'the tooltip naming the cause')
-        wait_for(lambda: 'trying again every 2 s' in self.desktop.program_log(), 10, 'the retry')
+        wait_for(lambda: 'cannot reach the system bus' in self.desktop.program_log(), 10, 'the missing bus logged')
+        # The central keeps trying with a growing pause, and says so once per outage, not per try.
+        time.sleep(3)
+        self.assertEqual(self.desktop.program_log().count('cannot reach the system bus'), 1)
         self.assertEqual(shown_windows(self.desktop.env['DISPLAY']), [])
         self.assertIsNone(self.program.poll())
 

@@ -699,17 +699,17 @@ std::vector<NotificationAction> AppDelegate::failureActions(
     std::vector<NotificationAction> actions;
     // The button may be pressed long after this shell is gone.
     if (receiver) {
-        actions.push_back({QStringLiteral("try-again"), QStringLiteral("Try again"),
-                           [this, alive = std::weak_ptr<bool>(alive_), dictionary = *receiver] {
-                               if (!alive.lock()) return;
-                               Log::write(
-                                   QStringLiteral("DeviceConnectAction: trying again from a notification"));
-                               ConnectReceiver(dictionary);
-                           }});
+        actions.push_back(
+            {QStringLiteral("try-again"), QCoreApplication::translate("AppDelegate", "Try again"),
+             [this, alive = std::weak_ptr<bool>(alive_), dictionary = *receiver] {
+                 if (!alive.lock()) return;
+                 Log::write(QStringLiteral("DeviceConnectAction: trying again from a notification"));
+                 ConnectReceiver(dictionary);
+             }});
     }
     if (env_.troubleshoot) {
-        actions.push_back(
-            {QStringLiteral("troubleshoot"), QStringLiteral("Troubleshoot"), env_.troubleshoot});
+        actions.push_back({QStringLiteral("troubleshoot"),
+                           QCoreApplication::translate("AppDelegate", "Troubleshoot"), env_.troubleshoot});
     }
     return actions;
 }

@@ -1,5 +1,6 @@
 #include "shell/ReceiverSearch.h"
 
+#include <QCoreApplication>
 #include <QRegularExpression>
 #include <algorithm>
 #include <cmath>
@@ -66,11 +67,15 @@ std::optional<qsizetype> findSearchResult(const QList<ReceiverCandidate>& receiv
 }
 
 QString searchResultDescription(const ReceiverCandidate& receiver) {
-    if (receiver.saved) return QStringLiteral("Saved receiver");
-    if (std::isnan(receiver.rssi)) return QStringLiteral("Nearby, signal unknown");
-    const char* strength = receiver.rssi >= -60 ? "strong" : receiver.rssi >= -75 ? "fair" : "weak";
-    return QStringLiteral("Nearby, %1 signal (%2 dBm)")
-        .arg(QLatin1String(strength), QString::number(static_cast<int>(std::lround(receiver.rssi))));
+    if (receiver.saved) return QCoreApplication::translate("ReceiverSearch", "Saved receiver");
+    if (std::isnan(receiver.rssi))
+        return QCoreApplication::translate("ReceiverSearch", "Nearby, signal unknown");
+    const QString dbm = QString::number(static_cast<int>(std::lround(receiver.rssi)));
+    if (receiver.rssi >= -60)
+        return QCoreApplication::translate("ReceiverSearch", "Nearby, strong signal (%1 dBm)").arg(dbm);
+    if (receiver.rssi >= -75)
+        return QCoreApplication::translate("ReceiverSearch", "Nearby, fair signal (%1 dBm)").arg(dbm);
+    return QCoreApplication::translate("ReceiverSearch", "Nearby, weak signal (%1 dBm)").arg(dbm);
 }
 
 }  // namespace lumerix
