@@ -272,8 +272,9 @@ QList<DoctorCheck> Doctor::bluetoothChecks(const BluetoothFindings& found) {
     if (!found.filterError) {
         checks << skipped(filter, QCoreApplication::translate("Doctor", "needs the adapter on"));
     } else if (found.filterError->isEmpty()) {
-        checks << passed(filter, true,
-                         QCoreApplication::translate("Doctor", "Transport le with DuplicateData and Pattern LX accepted"));
+        checks << passed(
+            filter, true,
+            QCoreApplication::translate("Doctor", "Transport le with DuplicateData and Pattern LX accepted"));
     } else {
         checks << failed(
             filter, true, QCoreApplication::translate("Doctor", "refused: ") + *found.filterError,

@@ -54,8 +54,8 @@ void DesktopNotifier::notify(const Notification& notification) {
         for (const NotificationAction& a : buttons) actions << a.key << a.label;
     }
     // Each bubble replaces the previous one: repeated failures do not stack up on the screen.
-    call << appName_ << lastId_ << iconName_ << DisplayText::inert(notification.summary) << body << actions << QVariantMap()
-         << kDefaultExpiry;
+    call << appName_ << lastId_ << iconName_ << DisplayText::inert(notification.summary) << body << actions
+         << QVariantMap() << kDefaultExpiry;
     auto* watcher = new QDBusPendingCallWatcher(bus_.asyncCall(call), this);
     QObject::connect(
         watcher, &QDBusPendingCallWatcher::finished, this,
