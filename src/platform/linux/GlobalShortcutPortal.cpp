@@ -136,13 +136,13 @@ void GlobalShortcutPortal::requestResponse(uint response, const QVariantMap& res
 
 void GlobalShortcutPortal::bind() {
     const QString token = QStringLiteral("lumerix_bind_%1").arg(++tokens_);
-    PortalShortcutSpec spec{id_, {{QStringLiteral("description"), description_}}};
+    PortalShortcutSpec shortcut{id_, {{QStringLiteral("description"), description_}}};
     if (!preferredTrigger_.isEmpty())
-        spec.properties.insert(QStringLiteral("preferred_trigger"), preferredTrigger_);
+        shortcut.properties.insert(QStringLiteral("preferred_trigger"), preferredTrigger_);
     const QVariantMap options{{QStringLiteral("handle_token"), token}};
     call(QStringLiteral("BindShortcuts"),
          {QVariant::fromValue(QDBusObjectPath(session_)),
-          QVariant::fromValue(QList<PortalShortcutSpec>{spec}), QString(), options},
+          QVariant::fromValue(QList<PortalShortcutSpec>{shortcut}), QString(), options},
          token, Step::Binding);
 }
 
