@@ -1,17 +1,11 @@
 #include "shell/AppDelegate.h"
 
 #include <QCoreApplication>
-#include <QDir>
-#include <QFile>
-#include <QFileInfo>
-#include <cstdio>
 #include <thread>
 
-#include "io/RegularFile.h"
 #include "log/Log.h"
 #include "sender/MainController.h"
 #include "shell/ReceiverOrder.h"
-#include "shell/ReferenceTable.h"
 
 namespace lumerix {
 
@@ -21,18 +15,6 @@ const QString kKeyUUID = QStringLiteral("UUID");
 const QString kKeyIP = QStringLiteral("IP");
 const QString kKeyLoginCode = QStringLiteral("LoginCode");
 const QString kKeyDevice = QStringLiteral("Device");
-const QString kKeyDeviceName = QStringLiteral("DeviceName");
-const QString kKeyWiFiSSID = QStringLiteral("WiFiSSID");
-const QString kKeyWiFiKey = QStringLiteral("WiFiKey");
-
-// The receiver's name for a notification, as the menu shows it.
-QString receiverLabel(const ConnectionInfo& info) {
-    const auto name = info.constFind(QStringLiteral("DeviceName"));
-    if (name != info.constEnd() && !name->isEmpty()) return *name;
-    const auto ip = info.constFind(QStringLiteral("IP"));
-    if (ip != info.constEnd() && !ip->isEmpty()) return *ip;
-    return QCoreApplication::translate("AppDelegate", "the receiver");
-}
 
 // Items hand out copies of their own strings, so shared data settles most comparisons at once.
 bool sameText(const std::optional<QString>& a, const std::optional<QString>& b) {
@@ -50,13 +32,15 @@ bool sameObject(const std::weak_ptr<QVLumerixItem>& seen, const QVLumerixItemRef
 
 }  // namespace
 
-AppDelegate::AppDelegate(ShellEnvironment env) : env_(std::move(env)) {
+AppDelegate::AppDelegate(ShellEnvironment env)
+    : env_(std::move(env)), referenceTables_(env_.resourcePath, env_.applicationSupportPath) {
     if (!env_.clock) env_.clock = systemClock();
     if (!env_.bluetoothPowered) env_.bluetoothPowered = [] { return true; };
     if (!env_.sleeper)
         env_.sleeper = [](std::chrono::microseconds pause) { std::this_thread::sleep_for(pause); };
     if (!env_.senderInstalled) env_.senderInstalled = [] { return true; };
     m_pDictTargetDevice.setClock(env_.clock);
+    connector_ = std::make_unique<SenderConnector>(env_, m_pDictTargetDevice);
     m_listener = std::make_unique<CommandListener>(
         m_pDictTargetDevice, m_bAppIsClosing, env_.listenerPort.value_or(kSenderCommandPort), env_.peers);
     if (env_.mainQueue) {
@@ -89,7 +73,7 @@ void AppDelegate::awakeFromNib() {
 
     if (env_.makeHandler) m_pLumerix = env_.makeHandler();
 
-    m_pReferenceTable = QVariantList();
+    referenceTables_.startEmpty();
     m_pMenuList.clear();
     m_pDiscoveredDevice.clear();
     m_pDiscoveredDeviceAry.clear();
@@ -165,7 +149,7 @@ void AppDelegate::applicationWillTerminate() {
     SaveReferenceTable();
     StopScanBeacon();
     m_pLumerix.reset();
-    m_pReferenceTable.reset();
+    referenceTables_.drop();
     fixedItemsStale_ = true;
 }
 
@@ -240,88 +224,16 @@ void AppDelegate::QuitApp() {
 
 // ---- Reference table ---------------------------------------------------------------------------
 
-QString AppDelegate::ReferenceTableFolder() const {
-    if (env_.applicationSupportPath.isEmpty()) return QString();
-    return env_.applicationSupportPath + QLatin1String("/Tavik/Lumerix");
-}
+QString AppDelegate::ReferenceTableFolder() const { return referenceTables_.folder(); }
 
 bool AppDelegate::LoadReferenceTable() {
-    if (!m_pReferenceTable) m_pReferenceTable = QVariantList();
-    const QString& resources = env_.resourcePath;
-    const QString defaultPath = resources + QLatin1Char('/') + QLatin1String(kDefaultReferenceTableFileName);
-    m_pDefaultReferenceTable.reset();
-    if (!resources.isEmpty() && QFileInfo::exists(defaultPath)) {
-        // The shipped or site-wide list may be a link, e.g. to the administrator's own list.
-        m_pDefaultReferenceTable = ReferenceTable::arrayWithContentsOfFile(defaultPath, true);
-        if (!m_pDefaultReferenceTable) {
-            Log::logf("LoadReferenceTable: %s is not a readable list; no default receivers",
-                      qUtf8Printable(defaultPath));
-        }
-    }
-
-    const QString folder = ReferenceTableFolder();
-    if (folder.isEmpty() || !QFileInfo::exists(folder)) {
-        if (folder.isEmpty() || !QDir().mkpath(folder)) {
-            Log::logf("Creat Folder Fail : %s", qUtf8Printable(resources));
-        }
-    }
-
-    const QString path =
-        folder.isEmpty() ? QString() : folder + QLatin1Char('/') + QLatin1String(kReferenceTableFileName);
-    referenceTableUnreadable_ = false;
-    // Anything at the path counts, a link or a FIFO too: it is not read, and kept aside at exit.
-    if (!path.isEmpty() && RegularFile::exists(path)) {
-        const auto saved = ReferenceTable::arrayWithContentsOfFile(path);
-        if (!saved) {
-            referenceTableUnreadable_ = true;
-            Log::logf("LoadReferenceTable: %s is not a readable list; starting with an empty table",
-                      qUtf8Printable(path));
-        } else {
-            m_pReferenceTable->append(*saved);
-        }
-    } else if (m_pDefaultReferenceTable) {
-        m_pReferenceTable->append(*m_pDefaultReferenceTable);
-    }
-    m_pDefaultReferenceTable.reset();
+    referenceTables_.load();
     fixedItemsStale_ = true;
     return true;
 }
 
-void AppDelegate::keepUnreadableReferenceTable(const QString& path) {
-    if (!RegularFile::exists(path)) {
-        referenceTableUnreadable_ = false;
-        return;
-    }
-    QString aside = path + QLatin1String(kUnreadableSuffix);
-    for (int n = 1; RegularFile::exists(aside); ++n) {
-        aside = path + QLatin1String(kUnreadableSuffix) + QLatin1Char('.') + QString::number(n);
-    }
-    // Moved, not copied: a link, FIFO or device is never read, and a file is kept as it was.
-    if (std::rename(QFile::encodeName(path).constData(), QFile::encodeName(aside).constData()) == 0) {
-        Log::logf("SaveReferenceTable: the unreadable %s is kept as %s", qUtf8Printable(path),
-                  qUtf8Printable(aside));
-        referenceTableUnreadable_ = false;
-    } else {
-        Log::logf("SaveReferenceTable: could not keep the unreadable %s aside", qUtf8Printable(path));
-    }
-}
-
 bool AppDelegate::SaveReferenceTable() {
-    const QString folder = ReferenceTableFolder();
-    const QString path =
-        folder.isEmpty() ? QString() : folder + QLatin1Char('/') + QLatin1String(kReferenceTableFileName);
-    if (!m_pReferenceTable) return true;
-    if (referenceTableUnreadable_ && !path.isEmpty()) {
-        keepUnreadableReferenceTable(path);
-        // Never overwrite what could not be read unless a copy of it exists.
-        if (referenceTableUnreadable_) {
-            Log::write(QStringLiteral("SaveReferenceTable writeToFile Fail"));
-            return true;
-        }
-    }
-    if (!ReferenceTable::writeToFile(*m_pReferenceTable, path)) {
-        Log::write(QStringLiteral("SaveReferenceTable writeToFile Fail"));
-    }
+    referenceTables_.save();
     return true;
 }
 
@@ -364,9 +276,9 @@ std::vector<ReceiverToolTip::Line> AppDelegate::toolTipLines() const {
 
 std::vector<MenuItemRef> AppDelegate::makeFixedMenuItems() const {
     std::vector<MenuItemRef> items;
-    if (m_pReferenceTable) {
-        items.reserve(static_cast<size_t>(m_pReferenceTable->size()) + 3);
-        for (const QVariant& entry : *m_pReferenceTable) {
+    if (const auto& table = referenceTables_.table()) {
+        items.reserve(static_cast<size_t>(table->size()) + 3);
+        for (const QVariant& entry : *table) {
             const QVariant device = entry.toMap().value(kKeyDevice);
             std::optional<QString> title;
             if (device.isValid()) title = device.toString();
@@ -616,15 +528,7 @@ void AppDelegate::DeviceConnectAction(const MenuItemRef& sender) {
 }
 
 AppDelegate::ConnectOutcome AppDelegate::ConnectReceiver(const ReceiverDictionary& receiver) {
-    QString label = receiver.value(kKeyDevice);
-    if (label.isEmpty()) label = receiver.value(kKeyIP);
-    if (label.isEmpty()) label = QCoreApplication::translate("AppDelegate", "the receiver");
-    int launchStatus = 0;
-    const ConnectOutcome outcome =
-        ConnectReceiver(receiver, env_.launcher, env_.processLookup, env_.peers.self, env_.delivery,
-                        m_pDictTargetDevice, &launchStatus, deliveryFailureReporter(label, receiver));
-    if (outcome == ConnectOutcome::Launched) reportLaunch(label, launchStatus, receiver);
-    return outcome;
+    return connector_->connect(receiver);
 }
 
 AppDelegate::ConnectOutcome AppDelegate::ConnectReceiver(const ReceiverDictionary& receiver,
@@ -633,132 +537,14 @@ AppDelegate::ConnectOutcome AppDelegate::ConnectReceiver(const ReceiverDictionar
                                                          const SenderDelivery& delivery,
                                                          PendingConnectionSlot& slot, int* launchStatus,
                                                          DeliveryDone done) {
-    ConnectionInfo info;
-    if (auto it = receiver.constFind(kKeyIP); it != receiver.constEnd()) info.insert(kKeyIP, *it);
-    if (auto it = receiver.constFind(kKeyLoginCode); it != receiver.constEnd())
-        info.insert(kKeyLoginCode, *it);
-    if (auto it = receiver.constFind(kKeyDevice); it != receiver.constEnd()) {
-        info.insert(kKeyDeviceName, *it);
-        info.insert(kKeyWiFiSSID, *it);
-    }
-    if (auto it = receiver.constFind(kKeyWiFiKey); it != receiver.constEnd()) info.insert(kKeyWiFiKey, *it);
-
-    int32_t pids[kProcessIdCapacity] = {};
-    uint32_t count = 0;
-    int error = 0;
-    // Only our own sender counts: another user's process of that name is not one to hand a login
-    // code to (the delivery checks the port's owner as well).
-    if (processLookup) processLookup(kSenderProcessName, userId, pids, kProcessIdCapacity, &count, &error);
-
-    if (count == 0) {
-        // The sender asks for the receiver on the command listener once it is up. Parked before
-        // the launch so that a sender quicker than the launcher's return still finds it.
-        slot.park(std::move(info));
-        const int status = launcher ? launcher(QByteArray(kSenderBundleIdentifier)) : -1;
-        if (launchStatus) *launchStatus = status;
-        return ConnectOutcome::Launched;
-    }
-    return deliverFrame(info, delivery, std::move(done)) ? ConnectOutcome::Sent : ConnectOutcome::NotSent;
+    return SenderConnector::connect(receiver, launcher, processLookup, userId, delivery, slot, launchStatus,
+                                    std::move(done));
 }
 
-void AppDelegate::SendDataToOndrelTimer(const ConnectionInfo& userInfo) {
-    deliverFrame(userInfo, env_.delivery, deliveryFailureReporter(receiverLabel(userInfo)));
-}
+void AppDelegate::SendDataToOndrelTimer(const ConnectionInfo& userInfo) { connector_->resend(userInfo); }
 
-DeliveryDone AppDelegate::deliveryFailureReporter(QString label, std::optional<ReceiverDictionary> receiver) {
-    return [this, queue = env_.mainQueue, alive = std::weak_ptr<bool>(alive_), label = std::move(label),
-            receiver = std::move(receiver)](DeliveryOutcome outcome) {
-        if (outcome == DeliveryOutcome::Delivered || !queue) return;
-        queue->async([this, alive, label, receiver, outcome] {
-            if (alive.lock()) reportDeliveryFailure(label, outcome, receiver);
-        });
-    };
-}
-
-bool AppDelegate::deliverFrame(const ConnectionInfo& info, const SenderDelivery& delivery,
-                               DeliveryDone done) {
-    uint8_t buffer[kFrameBufferSize] = {};
-    const uint64_t length = MainController::GeneralPacket(buffer, kFrameBufferSize, info);
-    if (length == 0) {
-        Log::write(
-            QStringLiteral("DeviceConnectAction: the receiver's details do not fit a frame; nothing sent"));
-        return false;
-    }
-    if (!delivery) return false;
-    delivery(QByteArray(reinterpret_cast<const char*>(buffer), static_cast<qsizetype>(length)),
-             std::move(done));
-    return true;
-}
-
-void AppDelegate::notify(QString summary, QString body, std::vector<NotificationAction> actions) {
-    if (env_.notifier) env_.notifier->notify({std::move(summary), std::move(body), std::move(actions)});
-}
-
-std::vector<NotificationAction> AppDelegate::failureActions(
-    const std::optional<ReceiverDictionary>& receiver) {
-    std::vector<NotificationAction> actions;
-    // The button may be pressed long after this shell is gone.
-    if (receiver) {
-        actions.push_back({QStringLiteral("try-again"), QStringLiteral("Try again"),
-                           [this, alive = std::weak_ptr<bool>(alive_), dictionary = *receiver] {
-                               if (!alive.lock()) return;
-                               Log::write(
-                                   QStringLiteral("DeviceConnectAction: trying again from a notification"));
-                               ConnectReceiver(dictionary);
-                           }});
-    }
-    if (env_.troubleshoot) {
-        actions.push_back(
-            {QStringLiteral("troubleshoot"), QStringLiteral("Troubleshoot"), env_.troubleshoot});
-    }
-    return actions;
-}
-
-void AppDelegate::reportLaunch(const QString& receiver, int launcherStatus,
-                               const ReceiverDictionary& dictionary) {
-    const QString sender = QLatin1String(kSenderDisplayName);
-    if (!env_.senderInstalled()) {
-        notify(QCoreApplication::translate("AppDelegate", "%1 is not installed").arg(sender),
-               QCoreApplication::translate("AppDelegate", "Install %1 to share your screen with %2.")
-                   .arg(sender, receiver));
-    } else if (launcherStatus != 0) {
-        Log::logf("DeviceConnectAction: the launcher ended with status %d", launcherStatus);
-        notify(QCoreApplication::translate("AppDelegate", "%1 could not be started").arg(sender),
-               QCoreApplication::translate("AppDelegate", "Start %1 yourself, then choose %2 again.")
-                   .arg(sender, receiver),
-               failureActions(dictionary));
-    } else {
-        notify(QCoreApplication::translate("AppDelegate", "Starting %1").arg(sender) + QChar(0x2026),
-               QCoreApplication::translate("AppDelegate", "%1 connects to %2 as soon as it is up.")
-                   .arg(sender, receiver));
-    }
-}
-
-void AppDelegate::reportDeliveryFailure(const QString& receiver, DeliveryOutcome outcome,
-                                        const std::optional<ReceiverDictionary>& dictionary) {
-    const QString sender = QLatin1String(kSenderDisplayName);
-    if (outcome == DeliveryOutcome::ForeignListener) {
-        Log::logf(
-            "DeviceConnectAction: port %u is held by another user's program; the connection details "
-            "were not sent",
-            static_cast<unsigned>(kSenderDataPort));
-        notify(
-            QCoreApplication::translate("AppDelegate", "%1 port held by another user").arg(sender),
-            QCoreApplication::translate("AppDelegate",
-                                        "The program listening on 127.0.0.1:%1 is not your %2, so %3 and its "
-                                        "login code were not sent. Quit the other program or ask an "
-                                        "administrator, then start %2 and choose %3 again.")
-                .arg(QString::number(kSenderDataPort), sender, receiver));
-        return;
-    }
-    Log::logf("DeviceConnectAction: %s did not take the connection details on port %u",
-              qUtf8Printable(sender), static_cast<unsigned>(kSenderDataPort));
-    notify(QCoreApplication::translate("AppDelegate", "Could not reach %1").arg(sender),
-           QCoreApplication::translate("AppDelegate",
-                                       "%1 did not take %2: nothing answered on 127.0.0.1:%3. Restart %1 and "
-                                       "choose %2 again.")
-               .arg(sender, receiver, QString::number(kSenderDataPort)),
-           failureActions(dictionary));
+void AppDelegate::notify(QString summary, QString body) {
+    if (env_.notifier) env_.notifier->notify({std::move(summary), std::move(body), {}});
 }
 
 bool AppDelegate::ListenCmdFromSenderThread() { return m_listener->ListenCmdFromSenderThread(); }

@@ -2,7 +2,8 @@
 // The whole shell: start-up and shut-down, the Bluetooth check, the aging and menu-rebuild timers,
 // sleep and wake, the receiver list and the status menu built from it, the reference table, the
 // connect action and the sender command listener. Everything except the listener thread runs on
-// the main queue; the desktop is reached only through ShellPorts.
+// the main queue; the desktop is reached only through ShellPorts. The sender link lives in
+// SenderConnector, the saved receivers in ReferenceTableStore.
 //
 // When the central's state returns to powered on while the shell is awake and not scanning (power
 // switched back on, the adapter plugged back, bluetoothd restarted), scanning starts again as at
@@ -23,6 +24,8 @@
 #include "sender/CommandListener.h"
 #include "sender/ConnectionInfo.h"
 #include "shell/ReceiverToolTip.h"
+#include "shell/ReferenceTableStore.h"
+#include "shell/SenderConnector.h"
 #include "shell/ShellPorts.h"
 
 namespace lumerix {
@@ -39,13 +42,14 @@ public:
     // Discoveries are merged into the list at once, but the list is re-ordered and the menu
     // rebuilt from them at most once per this interval.
     static constexpr double kListRefreshIntervalMs = 250.0;
-    static constexpr const char* kSenderProcessName = "Sharvane";
-    static constexpr const char* kSenderBundleIdentifier = "com.Sharvane.Ondrel";
-    static constexpr uint32_t kProcessIdCapacity = 3;
-    static constexpr const char* kReferenceTableFileName = "ReferenceTable.plist";
-    static constexpr const char* kDefaultReferenceTableFileName = "DefaultReferenceTable.plist";
-    static constexpr const char* kUnreadableSuffix = ".unreadable";
-    static constexpr const char* kSenderDisplayName = "Sharvane";
+    static constexpr const char* kSenderProcessName = SenderConnector::kSenderProcessName;
+    static constexpr const char* kSenderBundleIdentifier = SenderConnector::kSenderBundleIdentifier;
+    static constexpr uint32_t kProcessIdCapacity = SenderConnector::kProcessIdCapacity;
+    static constexpr const char* kReferenceTableFileName = ReferenceTableStore::kReferenceTableFileName;
+    static constexpr const char* kDefaultReferenceTableFileName =
+        ReferenceTableStore::kDefaultReferenceTableFileName;
+    static constexpr const char* kUnreadableSuffix = ReferenceTableStore::kUnreadableSuffix;
+    static constexpr const char* kSenderDisplayName = SenderConnector::kSenderDisplayName;
 
     explicit AppDelegate(ShellEnvironment env);
     // dealloc: stops the timers and the listener, lets go of the handler.
@@ -90,7 +94,7 @@ public:
     // Sender link.
     void performMenuAction(const MenuItemRef& item) override;
     void DeviceConnectAction(const MenuItemRef& sender);
-    enum class ConnectOutcome { Sent, Launched, NotSent };
+    using ConnectOutcome = SenderConnector::ConnectOutcome;
     // The connect action on a receiver's own dictionary (no menu position involved): sent to the
     // running sender, or parked in `slot` and the sender launched. Used by the menu and by
     // requests from outside (D-Bus, the command line without a tray). userId: whose "Sharvane"
@@ -117,7 +121,7 @@ public:
     PendingConnectionSlot& dictTargetDevice() { return m_pDictTargetDevice; }
     const StatusImageRef& normalIconImage() const { return m_pNormal_IconImage; }
     const StatusImageRef& normalDisableIconImage() const { return m_pNormal_Disable_IconImage; }
-    const std::optional<QVariantList>& referenceTable() const { return m_pReferenceTable; }
+    const std::optional<QVariantList>& referenceTable() const { return referenceTables_.table(); }
     const std::vector<MenuItemRef>& menuList() const { return m_pMenuList; }
     const QList<ReceiverDictionary>& discoveredDevice() const { return m_pDiscoveredDevice; }
     const std::vector<QVLumerixItemRef>& discoveredDeviceAry() const { return m_pDiscoveredDeviceAry; }
@@ -130,22 +134,11 @@ private:
     void centralStateChanged(int state);
     void showCentralState(int state);
     std::vector<MenuItemRef> makeFixedMenuItems() const;
-    static bool deliverFrame(const ConnectionInfo& info, const SenderDelivery& delivery, DeliveryDone done);
-    // Tells the user, from the main queue, when a frame did not reach the sender or was withheld.
-    // receiver: what "Try again" connects again (none: no such button).
-    DeliveryDone deliveryFailureReporter(QString label,
-                                         std::optional<ReceiverDictionary> receiver = std::nullopt);
-    void notify(QString summary, QString body, std::vector<NotificationAction> actions = {});
-    // "Try again" (for a receiver dictionary) and "Troubleshoot", for a notification of a failure.
-    std::vector<NotificationAction> failureActions(const std::optional<ReceiverDictionary>& receiver);
-    void reportLaunch(const QString& receiver, int launcherStatus, const ReceiverDictionary& dictionary);
-    void reportDeliveryFailure(const QString& receiver, DeliveryOutcome outcome,
-                               const std::optional<ReceiverDictionary>& dictionary);
+    void notify(QString summary, QString body);
     std::vector<ReceiverToolTip::Line> toolTipLines() const;
     void notifyReceiversChanged() {
         if (receiversObserver_) receiversObserver_();
     }
-    void keepUnreadableReferenceTable(const QString& path);
     // The list changed: re-ordered, shown and announced by the next refresh.
     void listChanged();
     void refreshList();
@@ -154,6 +147,7 @@ private:
     void layOutMenuRows();
 
     ShellEnvironment env_;
+    ReferenceTableStore referenceTables_;
     // Tasks posted to the main queue from other threads hold it weakly. Declared before the
     // handler so that it outlives the handler's threads.
     std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
@@ -162,9 +156,9 @@ private:
     std::unique_ptr<LumerixScanning> m_pLumerix;
     std::atomic<bool> m_bAppIsClosing{false};
     PendingConnectionSlot m_pDictTargetDevice;
+    std::unique_ptr<SenderConnector> connector_;
     StatusImageRef m_pNormal_IconImage;
     StatusImageRef m_pNormal_Disable_IconImage;
-    std::optional<QVariantList> m_pReferenceTable;
     std::vector<MenuItemRef> m_pMenuList;
     QList<ReceiverDictionary> m_pDiscoveredDevice;
     std::vector<QVLumerixItemRef> m_pDiscoveredDeviceAry;
@@ -175,7 +169,6 @@ private:
     bool orderStale_ = false;
     std::unique_ptr<Throttle> listRefresh_;
     DispatchTimerRef m_pCheckTimeoutTimer;
-    std::optional<QVariantList> m_pDefaultReferenceTable;
     MenuRef m_pStatusMenu;
     StatusItemRef m_pStatusItem;
 
@@ -206,8 +199,6 @@ private:
     bool observingWorkspace_ = false;
     std::function<void()> receiversObserver_;
     bool listenerStarted_ = false;
-    // The saved table could not be read at launch; it is kept aside before being overwritten.
-    bool referenceTableUnreadable_ = false;
     std::unique_ptr<ReceiverToolTip> toolTip_;
     // Declared last: its thread reads the slot and the closing flag above until it is joined.
     std::unique_ptr<CommandListener> m_listener;
