@@ -14,6 +14,21 @@ struct Entry {
     int tag;
 };
 
+// Tagged with their input positions.
+std::vector<Entry> entries(const std::vector<double>& rssi) {
+    std::vector<Entry> list;
+    list.reserve(rssi.size());
+    for (size_t i = 0; i < rssi.size(); ++i) list.push_back({rssi[i], static_cast<int>(i)});
+    return list;
+}
+
+std::vector<int> tagsOf(const std::vector<Entry>& list) {
+    std::vector<int> tags;
+    tags.reserve(list.size());
+    for (const Entry& e : list) tags.push_back(e.tag);
+    return tags;
+}
+
 TEST(ReceiverOrder, InsertionRuleExamples) {
     const double nan = std::numeric_limits<double>::quiet_NaN();
     struct Case {
@@ -33,12 +48,9 @@ TEST(ReceiverOrder, InsertionRuleExamples) {
         {"empty", {}, {}},
     };
     for (const Case& c : cases) {
-        std::vector<Entry> list;
-        for (size_t i = 0; i < c.input.size(); ++i) list.push_back({c.input[i], static_cast<int>(i)});
+        std::vector<Entry> list = entries(c.input);
         const auto ordered = reorderBySignalStrength(list, [](const Entry& e) { return e.rssi; });
-        std::vector<int> tags;
-        for (const Entry& e : ordered) tags.push_back(e.tag);
-        EXPECT_EQ(tags, c.expectedTags) << c.name;
+        EXPECT_EQ(tagsOf(ordered), c.expectedTags) << c.name;
     }
 }
 
@@ -59,12 +71,9 @@ TEST(ReceiverOrder, StrongestFirstSort) {
         {"empty", {}, {}},
     };
     for (const Case& c : cases) {
-        std::vector<Entry> list;
-        for (size_t i = 0; i < c.input.size(); ++i) list.push_back({c.input[i], static_cast<int>(i)});
+        std::vector<Entry> list = entries(c.input);
         sortStrongestFirst(list, [](const Entry& e) { return e.rssi; });
-        std::vector<int> tags;
-        for (const Entry& e : list) tags.push_back(e.tag);
-        EXPECT_EQ(tags, c.expectedTags) << c.name;
+        EXPECT_EQ(tagsOf(list), c.expectedTags) << c.name;
     }
 }
 
