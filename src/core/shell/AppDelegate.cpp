@@ -5,7 +5,6 @@
 
 #include "log/Log.h"
 #include "sender/MainController.h"
-#include "shell/ReceiverOrder.h"
 
 namespace lumerix {
 
@@ -43,14 +42,11 @@ AppDelegate::AppDelegate(ShellEnvironment env)
     connector_ = std::make_unique<SenderConnector>(env_, m_pDictTargetDevice);
     m_listener = std::make_unique<CommandListener>(
         m_pDictTargetDevice, m_bAppIsClosing, env_.listenerPort.value_or(kSenderCommandPort), env_.peers);
-    if (env_.mainQueue) {
-        listRefresh_ =
-            std::make_unique<Throttle>(*env_.mainQueue, kListRefreshIntervalMs, [this] { refreshList(); });
-    }
+    receivers_ = std::make_unique<ReceiverList>(env_.mainQueue, [this] { refreshList(); });
 }
 
 AppDelegate::~AppDelegate() {
-    listRefresh_.reset();
+    receivers_.reset();
     toolTip_.reset();
     if (m_pCheckTimeoutTimer) m_pCheckTimeoutTimer->cancel();
     m_pCheckTimeoutTimer.reset();
@@ -76,9 +72,7 @@ void AppDelegate::awakeFromNib() {
     referenceTables_.startEmpty();
     m_pMenuList.clear();
     m_pDiscoveredDevice.clear();
-    m_pDiscoveredDeviceAry.clear();
-    listedCount_.clear();
-    listedByIdentifier_.clear();
+    receivers_->clear();
     fixedItemsStale_ = true;
     shownRows_.clear();
     receiverTitles_.clear();
@@ -265,8 +259,8 @@ void AppDelegate::InitStatusBar() {
 
 std::vector<ReceiverToolTip::Line> AppDelegate::toolTipLines() const {
     std::vector<ReceiverToolTip::Line> lines;
-    lines.reserve(m_pDiscoveredDeviceAry.size());
-    for (const QVLumerixItemRef& item : m_pDiscoveredDeviceAry) {
+    lines.reserve(receivers_->items().size());
+    for (const QVLumerixItemRef& item : receivers_->items()) {
         std::optional<QString> name = item->receiverName();
         if (!name) continue;  // not in the menu either
         lines.push_back({std::move(*name), item->aveRssi(), item->aliveDuration()});
@@ -308,13 +302,14 @@ void AppDelegate::UpdateMenuOfStatusBar() {
     // A dictionary depends on its item's four values only: a row showing the same item at the same
     // details revision as last time is left as it is, and an item that moved rows shares the
     // dictionary built for it before.
-    const size_t n = m_pDiscoveredDeviceAry.size();
+    const std::vector<QVLumerixItemRef>& listed = receivers_->items();
+    const size_t n = listed.size();
     if (dictionaryCache_.size() > 2 * n + 16) dictionaryCache_.clear();
     m_pDiscoveredDevice.resize(static_cast<qsizetype>(n));
     receiverTitles_.resize(n);
     shownRows_.resize(n);
     for (size_t i = 0; i < n; ++i) {
-        const QVLumerixItemRef& item = m_pDiscoveredDeviceAry[i];
+        const QVLumerixItemRef& item = listed[i];
         const uint64_t revision = item->detailsRevision();
         ShownRow& row = shownRows_[i];
         if (sameObject(row.item, item) && row.revision == revision) continue;
@@ -408,83 +403,21 @@ void AppDelegate::layOutMenuRows() {
 
 void AppDelegate::OnTimer(const DispatchTimerRef& timer) {
     if (!timer || timer != m_pCheckTimeoutTimer) return;
-    if (m_pDiscoveredDeviceAry.empty()) return;
-    const double nowMs = env_.clock->nowMs();
-    std::vector<QVLumerixItemRef> aged;
-    std::erase_if(m_pDiscoveredDeviceAry, [&](const QVLumerixItemRef& item) {
-        const auto alive = item->aliveDuration();
-        if (!alive || nowMs - *alive <= kReceiverTimeoutMs) return false;
-        aged.push_back(item);
-        return true;
-    });
+    if (receivers_->items().empty()) return;
+    const std::vector<QVLumerixItemRef> aged = receivers_->removeAged(env_.clock->nowMs());
     if (aged.empty()) return;
-    for (const QVLumerixItemRef& item : aged) {
-        unlist(item);
-        // Not heard for a while: the handler need not keep it (nor its decay timer) either.
-        if (m_pLumerix) m_pLumerix->forgetItem(item);
+    // Not heard for a while: the handler need not keep them (nor their decay timers) either.
+    if (m_pLumerix) {
+        for (const QVLumerixItemRef& item : aged) m_pLumerix->forgetItem(item);
     }
     notifyReceiversChanged();
 }
 
-void AppDelegate::unlist(const QVLumerixItemRef& item) {
-    const auto count = listedCount_.find(item.get());
-    if (count != listedCount_.end() && --count->second <= 0) listedCount_.erase(count);
-    if (const auto uuid = item->shortenedUUID()) {
-        const auto it = listedByIdentifier_.constFind(*uuid);
-        if (it != listedByIdentifier_.constEnd() && it.value() == item.get()) listedByIdentifier_.erase(it);
-    }
-}
+void AppDelegate::lumerixDidDiscoverItem(const QVLumerixItemRef& item) { receivers_->add(item); }
 
-void AppDelegate::lumerixDidDiscoverItem(const QVLumerixItemRef& item) {
-    if (!item) return;
-    // Entries with an identifier are unique in the list: the very object is already there, or
-    // an older object for the same receiver is replaced in place, or the item goes last.
-    const std::optional<QString> uuid = item->shortenedUUID();
-    const bool identified = uuid && !uuid->isEmpty();
-    if (!identified || !listedCount_.contains(item.get())) {
-        bool replaced = false;
-        if (identified) {
-            if (const auto it = listedByIdentifier_.constFind(*uuid); it != listedByIdentifier_.constEnd()) {
-                const QVLumerixItem* old = it.value();
-                for (QVLumerixItemRef& entry : m_pDiscoveredDeviceAry) {
-                    if (entry.get() != old) continue;
-                    listedCount_.erase(old);
-                    entry = item;
-                    replaced = true;
-                    break;
-                }
-            }
-            listedByIdentifier_.insert(*uuid, item.get());
-        }
-        if (!replaced) m_pDiscoveredDeviceAry.push_back(item);
-        ++listedCount_[item.get()];
-    }
-    orderStale_ = true;
-    listChanged();
-}
-
-void AppDelegate::lumerixDidForgetItem(const QVLumerixItemRef& item) {
-    if (!item || !listedCount_.contains(item.get())) return;
-    std::erase(m_pDiscoveredDeviceAry, item);
-    listedCount_.erase(item.get());
-    unlist(item);
-    listChanged();
-}
-
-void AppDelegate::listChanged() {
-    if (listRefresh_) {
-        listRefresh_->trigger();
-    } else {
-        refreshList();
-    }
-}
+void AppDelegate::lumerixDidForgetItem(const QVLumerixItemRef& item) { receivers_->remove(item); }
 
 void AppDelegate::refreshList() {
-    if (orderStale_) {
-        m_pDiscoveredDeviceAry = reorderBySignalStrength(
-            std::move(m_pDiscoveredDeviceAry), [](const QVLumerixItemRef& e) { return e->aveRssi(); });
-        orderStale_ = false;
-    }
     UpdateMenuOfStatusBar();
     notifyReceiversChanged();
 }

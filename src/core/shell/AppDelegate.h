@@ -3,7 +3,7 @@
 // sleep and wake, the receiver list and the status menu built from it, the reference table, the
 // connect action and the sender command listener. Everything except the listener thread runs on
 // the main queue; the desktop is reached only through ShellPorts. The sender link lives in
-// SenderConnector, the saved receivers in ReferenceTableStore.
+// SenderConnector, the saved receivers in ReferenceTableStore, the receivers heard in ReceiverList.
 //
 // When the central's state returns to powered on while the shell is awake and not scanning (power
 // switched back on, the adapter plugged back, bluetoothd restarted), scanning starts again as at
@@ -23,6 +23,7 @@
 #include "receiver/QVLumerixItem.h"
 #include "sender/CommandListener.h"
 #include "sender/ConnectionInfo.h"
+#include "shell/ReceiverList.h"
 #include "shell/ReceiverToolTip.h"
 #include "shell/ReferenceTableStore.h"
 #include "shell/SenderConnector.h"
@@ -34,14 +35,11 @@ class AppDelegate final : public LumerixHandler_Delegate, public MenuActionTarge
 public:
     static constexpr double kCheckTimeoutIntervalSeconds = 5.0;
     static constexpr double kMenuRebuildIntervalSeconds = 5.0;
-    // A receiver not heard for longer than this leaves the list.
-    static constexpr double kReceiverTimeoutMs = 20000.0;
+    static constexpr double kReceiverTimeoutMs = ReceiverList::kReceiverTimeoutMs;
     // The menu lists at most this many receivers, the strongest; the others stay in the list
     // (tooltip, D-Bus) but a flood of advertisers cannot make the menu unusable.
     static constexpr size_t kMaxReceiverRows = 20;
-    // Discoveries are merged into the list at once, but the list is re-ordered and the menu
-    // rebuilt from them at most once per this interval.
-    static constexpr double kListRefreshIntervalMs = 250.0;
+    static constexpr double kListRefreshIntervalMs = ReceiverList::kRefreshIntervalMs;
     static constexpr const char* kSenderProcessName = SenderConnector::kSenderProcessName;
     static constexpr const char* kSenderBundleIdentifier = SenderConnector::kSenderBundleIdentifier;
     static constexpr uint32_t kProcessIdCapacity = SenderConnector::kProcessIdCapacity;
@@ -124,7 +122,7 @@ public:
     const std::optional<QVariantList>& referenceTable() const { return referenceTables_.table(); }
     const std::vector<MenuItemRef>& menuList() const { return m_pMenuList; }
     const QList<ReceiverDictionary>& discoveredDevice() const { return m_pDiscoveredDevice; }
-    const std::vector<QVLumerixItemRef>& discoveredDeviceAry() const { return m_pDiscoveredDeviceAry; }
+    const std::vector<QVLumerixItemRef>& discoveredDeviceAry() const { return receivers_->items(); }
     const DispatchTimerRef& checkTimeoutTimer() const { return m_pCheckTimeoutTimer; }
     const MenuRef& statusMenu() const { return m_pStatusMenu; }
     const StatusItemRef& statusItem() const { return m_pStatusItem; }
@@ -139,10 +137,8 @@ private:
     void notifyReceiversChanged() {
         if (receiversObserver_) receiversObserver_();
     }
-    // The list changed: re-ordered, shown and announced by the next refresh.
-    void listChanged();
+    // The receiver list was re-ordered: shown and announced.
     void refreshList();
-    void unlist(const QVLumerixItemRef& item);
     // The menu's rows: each receiver entry at its list position, the fixed entries around them.
     void layOutMenuRows();
 
@@ -161,13 +157,7 @@ private:
     StatusImageRef m_pNormal_Disable_IconImage;
     std::vector<MenuItemRef> m_pMenuList;
     QList<ReceiverDictionary> m_pDiscoveredDevice;
-    std::vector<QVLumerixItemRef> m_pDiscoveredDeviceAry;
-    // What m_pDiscoveredDeviceAry holds, so that a discovery is merged without walking it: how
-    // often each item is listed, and the item listed under each identifier.
-    std::unordered_map<const QVLumerixItem*, int> listedCount_;
-    QHash<QString, const QVLumerixItem*> listedByIdentifier_;
-    bool orderStale_ = false;
-    std::unique_ptr<Throttle> listRefresh_;
+    std::unique_ptr<ReceiverList> receivers_;
     DispatchTimerRef m_pCheckTimeoutTimer;
     MenuRef m_pStatusMenu;
     StatusItemRef m_pStatusItem;
