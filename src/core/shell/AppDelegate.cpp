@@ -8,29 +8,6 @@
 
 namespace lumerix {
 
-namespace {
-
-const QString kKeyUUID = QStringLiteral("UUID");
-const QString kKeyIP = QStringLiteral("IP");
-const QString kKeyLoginCode = QStringLiteral("LoginCode");
-const QString kKeyDevice = QStringLiteral("Device");
-
-// Items hand out copies of their own strings, so shared data settles most comparisons at once.
-bool sameText(const std::optional<QString>& a, const std::optional<QString>& b) {
-    if (a.has_value() != b.has_value()) return false;
-    if (!a) return true;
-    if (a->size() == b->size() && a->constData() == b->constData()) return true;
-    return *a == *b;
-}
-
-// Same object, told by its control block: a weak reference keeps that block, so no other item
-// can take its place at the same address.
-bool sameObject(const std::weak_ptr<QVLumerixItem>& seen, const QVLumerixItemRef& item) {
-    return !seen.owner_before(item) && !item.owner_before(seen);
-}
-
-}  // namespace
-
 AppDelegate::AppDelegate(ShellEnvironment env)
     : env_(std::move(env)), referenceTables_(env_.resourcePath, env_.applicationSupportPath) {
     if (!env_.clock) env_.clock = systemClock();
@@ -70,13 +47,8 @@ void AppDelegate::awakeFromNib() {
     if (env_.makeHandler) m_pLumerix = env_.makeHandler();
 
     referenceTables_.startEmpty();
-    m_pMenuList.clear();
-    m_pDiscoveredDevice.clear();
+    menu_.reset();
     receivers_->clear();
-    fixedItemsStale_ = true;
-    shownRows_.clear();
-    receiverTitles_.clear();
-    receiverItems_.clear();
 
     // Aging goes on whatever the user is doing, menu open or alert up.
     if (m_pCheckTimeoutTimer) m_pCheckTimeoutTimer->cancel();
@@ -144,7 +116,7 @@ void AppDelegate::applicationWillTerminate() {
     StopScanBeacon();
     m_pLumerix.reset();
     referenceTables_.drop();
-    fixedItemsStale_ = true;
+    menu_.referencesChanged();
 }
 
 void AppDelegate::StartScanBeacon() {
@@ -222,7 +194,7 @@ QString AppDelegate::ReferenceTableFolder() const { return referenceTables_.fold
 
 bool AppDelegate::LoadReferenceTable() {
     referenceTables_.load();
-    fixedItemsStale_ = true;
+    menu_.referencesChanged();
     return true;
 }
 
@@ -234,8 +206,7 @@ bool AppDelegate::SaveReferenceTable() {
 // ---- Receiver list and menu --------------------------------------------------------------------
 
 void AppDelegate::InitStatusBar() {
-    m_pStatusMenu = std::make_shared<Menu>(QStringLiteral("Lumerix"));
-    AddFixedMenuItems();
+    menu_.createMenu();
 
     StatusBar* bar = env_.statusBar.get();
     if (!bar) return;
@@ -268,137 +239,25 @@ std::vector<ReceiverToolTip::Line> AppDelegate::toolTipLines() const {
     return lines;
 }
 
-std::vector<MenuItemRef> AppDelegate::makeFixedMenuItems() const {
-    std::vector<MenuItemRef> items;
-    if (const auto& table = referenceTables_.table()) {
-        items.reserve(static_cast<size_t>(table->size()) + 3);
-        for (const QVariant& entry : *table) {
-            const QVariant device = entry.toMap().value(kKeyDevice);
-            std::optional<QString> title;
-            if (device.isValid()) title = device.toString();
-            items.push_back(MenuItem::initWithTitle(std::move(title), MenuAction::DeviceConnect, QString()));
-        }
-    }
-    items.push_back(MenuItem::separatorItem());
-    items.push_back(MenuItem::initWithTitle(QCoreApplication::translate("AppDelegate", "About"),
-                                            MenuAction::ShowAbout, QString()));
-    items.push_back(MenuItem::initWithTitle(QCoreApplication::translate("AppDelegate", "Exit"),
-                                            MenuAction::QuitApp, QString()));
-    return items;
-}
-
-void AppDelegate::AddFixedMenuItems() {
-    if (!m_pStatusMenu) return;
-    fixedItems_ = makeFixedMenuItems();
-    fixedReferenceCount_ = fixedItems_.size() - 3;
-    fixedItemsStale_ = false;
-    for (size_t i = 0; i < fixedItems_.size(); ++i) {
-        m_pStatusMenu->addItem(fixedItems_[i]);
-        if (i < fixedReferenceCount_) m_pMenuList.push_back(fixedItems_[i]);
-    }
-}
+void AppDelegate::AddFixedMenuItems() { menu_.addFixedItems(); }
 
 void AppDelegate::UpdateMenuOfStatusBar() {
-    // A dictionary depends on its item's four values only: a row showing the same item at the same
-    // details revision as last time is left as it is, and an item that moved rows shares the
-    // dictionary built for it before.
-    const std::vector<QVLumerixItemRef>& listed = receivers_->items();
-    const size_t n = listed.size();
-    if (dictionaryCache_.size() > 2 * n + 16) dictionaryCache_.clear();
-    m_pDiscoveredDevice.resize(static_cast<qsizetype>(n));
-    receiverTitles_.resize(n);
-    shownRows_.resize(n);
-    for (size_t i = 0; i < n; ++i) {
-        const QVLumerixItemRef& item = listed[i];
-        const uint64_t revision = item->detailsRevision();
-        ShownRow& row = shownRows_[i];
-        if (sameObject(row.item, item) && row.revision == revision) continue;
-
-        CachedDictionary& cached = dictionaryCache_[item.get()];
-        if (!sameObject(cached.item, item) || cached.revision != revision) {
-            QVLumerixItem::ConnectionDetails details = item->connectionDetails();
-            const std::optional<QString> uuid = item->shortenedUUID();
-            ReceiverDictionary dict;
-            if (uuid) dict.insert(kKeyUUID, *uuid);
-            if (details.ipAddress) dict.insert(kKeyIP, *details.ipAddress);
-            if (details.loginCode) dict.insert(kKeyLoginCode, *details.loginCode);
-            if (details.receiverName) dict.insert(kKeyDevice, *details.receiverName);
-            cached = {item, revision, std::move(details.receiverName), std::move(dict)};
-        }
-        m_pDiscoveredDevice[static_cast<qsizetype>(i)] = cached.dict;
-        // The "Device" value of the dictionary, without looking it up again.
-        receiverTitles_[i] = cached.name;
-        row = {item, revision};
-    }
-    UpdateMenu();
+    menu_.setReceivers(receivers_->items());
+    showReceiverCount();
 }
 
 void AppDelegate::UpdateMenu() {
-    // The menu shows the receivers that have a name at the rows of their list positions, the fixed
-    // entries filling the rows between them in order, and receivers past the fixed entries last:
-    // the same rows as inserting each named receiver at its list position into the fixed menu.
-    const auto n = static_cast<size_t>(m_pDiscoveredDevice.size());
-    receiverTitles_.resize(n);
-    bool changed = fixedItemsStale_ || receiverItems_.size() != n;
-    if (fixedItemsStale_ && m_pStatusMenu) {
-        fixedItems_ = makeFixedMenuItems();
-        fixedReferenceCount_ = fixedItems_.size() - 3;
-        fixedItemsStale_ = false;
-    }
-    receiverItems_.resize(n);
-    size_t named = 0;
-    for (size_t i = 0; i < n; ++i) {
-        const std::optional<QString>& title = receiverTitles_[i];
-        MenuItemRef& entry = receiverItems_[i];
-        // Past the row limit a named receiver is left out like an unnamed one.
-        const bool shown = title && named < kMaxReceiverRows;
-        if (shown) ++named;
-        if (!shown) {
-            changed = changed || entry != nullptr;
-            entry.reset();
-        } else if (!entry || !sameText(entry->title(), title)) {
-            entry = MenuItem::initWithTitle(*title, MenuAction::DeviceConnect, QString());
-            changed = true;
-        }
-    }
-
-    if (changed) {
-        // Reference entries first, then the named receivers in list order: DeviceConnectAction
-        // indexes the receivers with positions in this list.
-        m_pMenuList.clear();
-        const size_t references = m_pStatusMenu ? fixedReferenceCount_ : 0;
-        m_pMenuList.insert(m_pMenuList.end(), fixedItems_.begin(),
-                           fixedItems_.begin() + static_cast<std::ptrdiff_t>(references));
-        for (const MenuItemRef& entry : receiverItems_) {
-            if (entry) m_pMenuList.push_back(entry);
-        }
-        if (m_pStatusMenu) layOutMenuRows();
-    }
-
-    if (m_pStatusItem) {
-        m_pStatusItem->setImage(n == 0 ? m_pNormal_Disable_IconImage : m_pNormal_IconImage);
-        m_pStatusItem->setMenu(m_pStatusMenu);
-    }
-    if (toolTip_) toolTip_->setNeedsUpdate();
+    menu_.update();
+    showReceiverCount();
 }
 
-void AppDelegate::layOutMenuRows() {
-    const size_t n = receiverItems_.size();
-    rows_.clear();
-    size_t fixed = 0;
-    size_t next = 0;
-    for (;;) {
-        while (next < n && !receiverItems_[next]) ++next;
-        const bool receiverRow = next < n && next == rows_.size();
-        if (!receiverRow && fixed < fixedItems_.size()) {
-            rows_.push_back(fixedItems_[fixed++]);
-        } else if (next < n) {
-            rows_.push_back(receiverItems_[next++]);
-        } else {
-            break;
-        }
+void AppDelegate::showReceiverCount() {
+    if (m_pStatusItem) {
+        const bool none = menu_.receivers().isEmpty();
+        m_pStatusItem->setImage(none ? m_pNormal_Disable_IconImage : m_pNormal_IconImage);
+        m_pStatusItem->setMenu(menu_.menu());
     }
-    m_pStatusMenu->setItems(rows_);
+    if (toolTip_) toolTip_->setNeedsUpdate();
 }
 
 void AppDelegate::OnTimer(const DispatchTimerRef& timer) {
@@ -443,21 +302,13 @@ void AppDelegate::performMenuAction(const MenuItemRef& item) {
 
 void AppDelegate::DeviceConnectAction(const MenuItemRef& sender) {
     size_t position = 0;
-    for (size_t i = 0; i < m_pMenuList.size(); ++i) {
-        if (m_pMenuList[i] == sender) {
-            position = i;
-            break;
-        }
-    }
-    // Deliberate, as designed: the position in m_pMenuList, where reference-table entries come
-    // first, indexes the receiver list, which has no reference entries. With references listed,
-    // a row therefore connects to a receiver further down; past the end nothing happens.
-    if (position >= static_cast<size_t>(m_pDiscoveredDevice.size())) {
+    const ReceiverDictionary* receiver = menu_.receiverFor(sender, &position);
+    if (!receiver) {
         Log::logf("DeviceConnectAction: no receiver at position %zu (%lld listed)", position,
-                  static_cast<long long>(m_pDiscoveredDevice.size()));
+                  static_cast<long long>(menu_.receivers().size()));
         return;
     }
-    ConnectReceiver(m_pDiscoveredDevice[static_cast<qsizetype>(position)]);
+    ConnectReceiver(*receiver);
 }
 
 AppDelegate::ConnectOutcome AppDelegate::ConnectReceiver(const ReceiverDictionary& receiver) {

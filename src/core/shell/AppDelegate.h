@@ -3,7 +3,8 @@
 // sleep and wake, the receiver list and the status menu built from it, the reference table, the
 // connect action and the sender command listener. Everything except the listener thread runs on
 // the main queue; the desktop is reached only through ShellPorts. The sender link lives in
-// SenderConnector, the saved receivers in ReferenceTableStore, the receivers heard in ReceiverList.
+// SenderConnector, the saved receivers in ReferenceTableStore, the receivers heard in
+// ReceiverList, the menu built from them in StatusMenuModel.
 //
 // When the central's state returns to powered on while the shell is awake and not scanning (power
 // switched back on, the adapter plugged back, bluetoothd restarted), scanning starts again as at
@@ -28,6 +29,7 @@
 #include "shell/ReferenceTableStore.h"
 #include "shell/SenderConnector.h"
 #include "shell/ShellPorts.h"
+#include "shell/StatusMenuModel.h"
 
 namespace lumerix {
 
@@ -36,9 +38,7 @@ public:
     static constexpr double kCheckTimeoutIntervalSeconds = 5.0;
     static constexpr double kMenuRebuildIntervalSeconds = 5.0;
     static constexpr double kReceiverTimeoutMs = ReceiverList::kReceiverTimeoutMs;
-    // The menu lists at most this many receivers, the strongest; the others stay in the list
-    // (tooltip, D-Bus) but a flood of advertisers cannot make the menu unusable.
-    static constexpr size_t kMaxReceiverRows = 20;
+    static constexpr size_t kMaxReceiverRows = StatusMenuModel::kMaxReceiverRows;
     static constexpr double kListRefreshIntervalMs = ReceiverList::kRefreshIntervalMs;
     static constexpr const char* kSenderProcessName = SenderConnector::kSenderProcessName;
     static constexpr const char* kSenderBundleIdentifier = SenderConnector::kSenderBundleIdentifier;
@@ -120,18 +120,17 @@ public:
     const StatusImageRef& normalIconImage() const { return m_pNormal_IconImage; }
     const StatusImageRef& normalDisableIconImage() const { return m_pNormal_Disable_IconImage; }
     const std::optional<QVariantList>& referenceTable() const { return referenceTables_.table(); }
-    const std::vector<MenuItemRef>& menuList() const { return m_pMenuList; }
-    const QList<ReceiverDictionary>& discoveredDevice() const { return m_pDiscoveredDevice; }
+    const std::vector<MenuItemRef>& menuList() const { return menu_.menuList(); }
+    const QList<ReceiverDictionary>& discoveredDevice() const { return menu_.receivers(); }
     const std::vector<QVLumerixItemRef>& discoveredDeviceAry() const { return receivers_->items(); }
     const DispatchTimerRef& checkTimeoutTimer() const { return m_pCheckTimeoutTimer; }
-    const MenuRef& statusMenu() const { return m_pStatusMenu; }
+    const MenuRef& statusMenu() const { return menu_.menu(); }
     const StatusItemRef& statusItem() const { return m_pStatusItem; }
     CommandListener* commandListener() const { return m_listener.get(); }
 
 private:
     void centralStateChanged(int state);
     void showCentralState(int state);
-    std::vector<MenuItemRef> makeFixedMenuItems() const;
     void notify(QString summary, QString body);
     std::vector<ReceiverToolTip::Line> toolTipLines() const;
     void notifyReceiversChanged() {
@@ -139,11 +138,12 @@ private:
     }
     // The receiver list was re-ordered: shown and announced.
     void refreshList();
-    // The menu's rows: each receiver entry at its list position, the fixed entries around them.
-    void layOutMenuRows();
+    // The icon and tooltip for the receivers the menu shows.
+    void showReceiverCount();
 
     ShellEnvironment env_;
     ReferenceTableStore referenceTables_;
+    StatusMenuModel menu_{referenceTables_};
     // Tasks posted to the main queue from other threads hold it weakly. Declared before the
     // handler so that it outlives the handler's threads.
     std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
@@ -155,35 +155,10 @@ private:
     std::unique_ptr<SenderConnector> connector_;
     StatusImageRef m_pNormal_IconImage;
     StatusImageRef m_pNormal_Disable_IconImage;
-    std::vector<MenuItemRef> m_pMenuList;
-    QList<ReceiverDictionary> m_pDiscoveredDevice;
     std::unique_ptr<ReceiverList> receivers_;
     DispatchTimerRef m_pCheckTimeoutTimer;
-    MenuRef m_pStatusMenu;
     StatusItemRef m_pStatusItem;
 
-    // Weak references tell an item from a later one at the same address.
-    struct CachedDictionary {
-        std::weak_ptr<QVLumerixItem> item;
-        uint64_t revision = 0;  // the item's detailsRevision() the dictionary was built at
-        std::optional<QString> name;
-        ReceiverDictionary dict;
-    };
-    struct ShownRow {
-        std::weak_ptr<QVLumerixItem> item;
-        uint64_t revision = 0;
-    };
-    // Keyed by item address.
-    std::unordered_map<const QVLumerixItem*, CachedDictionary> dictionaryCache_;
-    // The menu is patched, not rebuilt: the fixed entries (references, separator, About, Exit) and
-    // each receiver's entry keep their objects while their titles stay the same.
-    std::vector<MenuItemRef> fixedItems_;
-    size_t fixedReferenceCount_ = 0;
-    bool fixedItemsStale_ = true;      // the reference table changed since fixedItems_ was made
-    std::vector<ShownRow> shownRows_;  // what each m_pDiscoveredDevice entry was built from
-    std::vector<std::optional<QString>> receiverTitles_;  // per m_pDiscoveredDevice entry
-    std::vector<MenuItemRef> receiverItems_;              // per entry; null for an unnamed one
-    std::vector<MenuItemRef> rows_;                       // scratch for the menu's new rows
     DispatchTimerRef menuRebuildTimer_;
     bool scanning_ = false;
     bool observingWorkspace_ = false;
