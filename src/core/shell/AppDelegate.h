@@ -1,22 +1,20 @@
 #pragma once
-// The whole shell: start-up and shut-down, the Bluetooth check, the aging and menu-rebuild timers,
-// sleep and wake, the receiver list and the status menu built from it, the reference table, the
-// connect action and the sender command listener. Everything except the listener thread runs on
-// the main queue; the desktop is reached only through ShellPorts. The sender link lives in
-// SenderConnector, the saved receivers in ReferenceTableStore, the receivers heard in
-// ReceiverList, the menu built from them in StatusMenuModel.
+// The shell's lifecycle under the design's names: start-up and shut-down, the Bluetooth check, the
+// aging and menu-rebuild timers, sleep and wake, and the sender command listener. Its other jobs
+// are classes of their own: the saved receivers (ReferenceTableStore), the receivers heard lately
+// (ReceiverList), the menu built from them (StatusMenuModel) and the sender link
+// (SenderConnector). Everything except the listener thread runs on the main queue; the desktop is
+// reached only through ShellPorts.
 //
 // When the central's state returns to powered on while the shell is awake and not scanning (power
 // switched back on, the adapter plugged back, bluetoothd restarted), scanning starts again as at
 // launch.
 #include <QByteArray>
-#include <QHash>
 #include <QVariantList>
 #include <atomic>
 #include <functional>
 #include <memory>
 #include <optional>
-#include <unordered_map>
 #include <vector>
 
 #include "dispatch/DispatchTimer.h"
