@@ -24,6 +24,7 @@
 #include "platform/linux/LoopbackSockets.h"
 #include "platform/linux/SenderLauncher.h"
 #include "platform/linux/SyslogSink.h"
+#include "receiver/SignalStrength.h"
 #include "sender/CommandListener.h"
 #include "sender/MainController.h"
 #include "shell/AppDelegate.h"
@@ -193,9 +194,7 @@ private:
 
     QList<QVLumerixItemRef> strongestFirst() const {
         QList<QVLumerixItemRef> items = items_.values();
-        std::stable_sort(
-            items.begin(), items.end(),
-            [](const QVLumerixItemRef& a, const QVLumerixItemRef& b) { return a->aveRssi() > b->aveRssi(); });
+        sortStrongestFirst(items, [](const QVLumerixItemRef& e) { return e->aveRssi(); });
         return items;
     }
 

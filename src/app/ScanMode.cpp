@@ -11,6 +11,7 @@
 #include "app/HeadlessSession.h"
 #include "app/Translations.h"
 #include "platform/linux/SyslogSink.h"
+#include "receiver/SignalStrength.h"
 #include "text/DisplayText.h"
 
 namespace lumerix {
@@ -72,12 +73,7 @@ private:
     int deadlineReached() override {
         handler().scanForLumerixService(false);
         QList<Row> rows = rows_.values();
-        // Strongest first; receivers without a reading last.
-        std::stable_sort(rows.begin(), rows.end(), [](const Row& a, const Row& b) {
-            const double ka = a.rssi == 0 ? -1e9 : a.rssi;
-            const double kb = b.rssi == 0 ? -1e9 : b.rssi;
-            return ka > kb;
-        });
+        sortStrongestFirst(rows, [](const Row& r) { return r.rssi; });
         if (json_) {
             QJsonArray array;
             for (const Row& r : rows) {

@@ -11,6 +11,7 @@
 #include "receiver/BoundedText.h"
 #include "receiver/DesCfb.h"
 #include "receiver/LumerixKeys.h"
+#include "receiver/SignalStrength.h"
 
 namespace lumerix {
 namespace {
@@ -577,7 +578,7 @@ void QVLumerixHandler::compareClosestItemWithItem(const QVLumerixItemRef& item) 
     if (const QVLumerixItemRef closest = closestPeer(); closest && closest->isValid()) {
         if (closest == item) return;
         // Ties, and NaN on either side, go to the newcomer.
-        if (closest->aveRssi() > item->aveRssi()) return;
+        if (strongerThan(closest->aveRssi(), item->aveRssi())) return;
     }
     setClosestPeer(item);
     if (auto* d = delegate()) d->lumerixClosestItemDidChange(item);

@@ -1,72 +1,29 @@
 #include "shell/AppDelegate.h"
 
 #include <QCoreApplication>
-#include <QDir>
-#include <QFile>
-#include <QFileInfo>
-#include <cstdio>
 #include <thread>
 
-#include "io/RegularFile.h"
 #include "log/Log.h"
 #include "sender/MainController.h"
-#include "shell/ReceiverOrder.h"
-#include "shell/ReferenceTable.h"
 
 namespace lumerix {
 
-namespace {
-
-const QString kKeyUUID = QStringLiteral("UUID");
-const QString kKeyIP = QStringLiteral("IP");
-const QString kKeyLoginCode = QStringLiteral("LoginCode");
-const QString kKeyDevice = QStringLiteral("Device");
-const QString kKeyDeviceName = QStringLiteral("DeviceName");
-const QString kKeyWiFiSSID = QStringLiteral("WiFiSSID");
-const QString kKeyWiFiKey = QStringLiteral("WiFiKey");
-
-// The receiver's name for a notification, as the menu shows it.
-QString receiverLabel(const ConnectionInfo& info) {
-    const auto name = info.constFind(QStringLiteral("DeviceName"));
-    if (name != info.constEnd() && !name->isEmpty()) return *name;
-    const auto ip = info.constFind(QStringLiteral("IP"));
-    if (ip != info.constEnd() && !ip->isEmpty()) return *ip;
-    return QCoreApplication::translate("AppDelegate", "the receiver");
-}
-
-// Items hand out copies of their own strings, so shared data settles most comparisons at once.
-bool sameText(const std::optional<QString>& a, const std::optional<QString>& b) {
-    if (a.has_value() != b.has_value()) return false;
-    if (!a) return true;
-    if (a->size() == b->size() && a->constData() == b->constData()) return true;
-    return *a == *b;
-}
-
-// Same object, told by its control block: a weak reference keeps that block, so no other item
-// can take its place at the same address.
-bool sameObject(const std::weak_ptr<QVLumerixItem>& seen, const QVLumerixItemRef& item) {
-    return !seen.owner_before(item) && !item.owner_before(seen);
-}
-
-}  // namespace
-
-AppDelegate::AppDelegate(ShellEnvironment env) : env_(std::move(env)) {
+AppDelegate::AppDelegate(ShellEnvironment env)
+    : env_(std::move(env)), referenceTables_(env_.resourcePath, env_.applicationSupportPath) {
     if (!env_.clock) env_.clock = systemClock();
     if (!env_.bluetoothPowered) env_.bluetoothPowered = [] { return true; };
     if (!env_.sleeper)
         env_.sleeper = [](std::chrono::microseconds pause) { std::this_thread::sleep_for(pause); };
     if (!env_.senderInstalled) env_.senderInstalled = [] { return true; };
     m_pDictTargetDevice.setClock(env_.clock);
+    connector_ = std::make_unique<SenderConnector>(env_, m_pDictTargetDevice);
     m_listener = std::make_unique<CommandListener>(
         m_pDictTargetDevice, m_bAppIsClosing, env_.listenerPort.value_or(kSenderCommandPort), env_.peers);
-    if (env_.mainQueue) {
-        listRefresh_ =
-            std::make_unique<Throttle>(*env_.mainQueue, kListRefreshIntervalMs, [this] { refreshList(); });
-    }
+    receivers_ = std::make_unique<ReceiverList>(env_.mainQueue, [this] { refreshList(); });
 }
 
 AppDelegate::~AppDelegate() {
-    listRefresh_.reset();
+    receivers_.reset();
     toolTip_.reset();
     if (m_pCheckTimeoutTimer) m_pCheckTimeoutTimer->cancel();
     m_pCheckTimeoutTimer.reset();
@@ -89,16 +46,9 @@ void AppDelegate::awakeFromNib() {
 
     if (env_.makeHandler) m_pLumerix = env_.makeHandler();
 
-    m_pReferenceTable = QVariantList();
-    m_pMenuList.clear();
-    m_pDiscoveredDevice.clear();
-    m_pDiscoveredDeviceAry.clear();
-    listedCount_.clear();
-    listedByIdentifier_.clear();
-    fixedItemsStale_ = true;
-    shownRows_.clear();
-    receiverTitles_.clear();
-    receiverItems_.clear();
+    referenceTables_.startEmpty();
+    menu_.reset();
+    receivers_->clear();
 
     // Aging goes on whatever the user is doing, menu open or alert up.
     if (m_pCheckTimeoutTimer) m_pCheckTimeoutTimer->cancel();
@@ -165,8 +115,8 @@ void AppDelegate::applicationWillTerminate() {
     SaveReferenceTable();
     StopScanBeacon();
     m_pLumerix.reset();
-    m_pReferenceTable.reset();
-    fixedItemsStale_ = true;
+    referenceTables_.drop();
+    menu_.referencesChanged();
 }
 
 void AppDelegate::StartScanBeacon() {
@@ -240,96 +190,23 @@ void AppDelegate::QuitApp() {
 
 // ---- Reference table ---------------------------------------------------------------------------
 
-QString AppDelegate::ReferenceTableFolder() const {
-    if (env_.applicationSupportPath.isEmpty()) return QString();
-    return env_.applicationSupportPath + QLatin1String("/Tavik/Lumerix");
-}
+QString AppDelegate::ReferenceTableFolder() const { return referenceTables_.folder(); }
 
 bool AppDelegate::LoadReferenceTable() {
-    if (!m_pReferenceTable) m_pReferenceTable = QVariantList();
-    const QString& resources = env_.resourcePath;
-    const QString defaultPath = resources + QLatin1Char('/') + QLatin1String(kDefaultReferenceTableFileName);
-    m_pDefaultReferenceTable.reset();
-    if (!resources.isEmpty() && QFileInfo::exists(defaultPath)) {
-        // The shipped or site-wide list may be a link, e.g. to the administrator's own list.
-        m_pDefaultReferenceTable = ReferenceTable::arrayWithContentsOfFile(defaultPath, true);
-        if (!m_pDefaultReferenceTable) {
-            Log::logf("LoadReferenceTable: %s is not a readable list; no default receivers",
-                      qUtf8Printable(defaultPath));
-        }
-    }
-
-    const QString folder = ReferenceTableFolder();
-    if (folder.isEmpty() || !QFileInfo::exists(folder)) {
-        if (folder.isEmpty() || !QDir().mkpath(folder)) {
-            Log::logf("Creat Folder Fail : %s", qUtf8Printable(resources));
-        }
-    }
-
-    const QString path =
-        folder.isEmpty() ? QString() : folder + QLatin1Char('/') + QLatin1String(kReferenceTableFileName);
-    referenceTableUnreadable_ = false;
-    // Anything at the path counts, a link or a FIFO too: it is not read, and kept aside at exit.
-    if (!path.isEmpty() && RegularFile::exists(path)) {
-        const auto saved = ReferenceTable::arrayWithContentsOfFile(path);
-        if (!saved) {
-            referenceTableUnreadable_ = true;
-            Log::logf("LoadReferenceTable: %s is not a readable list; starting with an empty table",
-                      qUtf8Printable(path));
-        } else {
-            m_pReferenceTable->append(*saved);
-        }
-    } else if (m_pDefaultReferenceTable) {
-        m_pReferenceTable->append(*m_pDefaultReferenceTable);
-    }
-    m_pDefaultReferenceTable.reset();
-    fixedItemsStale_ = true;
+    referenceTables_.load();
+    menu_.referencesChanged();
     return true;
 }
 
-void AppDelegate::keepUnreadableReferenceTable(const QString& path) {
-    if (!RegularFile::exists(path)) {
-        referenceTableUnreadable_ = false;
-        return;
-    }
-    QString aside = path + QLatin1String(kUnreadableSuffix);
-    for (int n = 1; RegularFile::exists(aside); ++n) {
-        aside = path + QLatin1String(kUnreadableSuffix) + QLatin1Char('.') + QString::number(n);
-    }
-    // Moved, not copied: a link, FIFO or device is never read, and a file is kept as it was.
-    if (std::rename(QFile::encodeName(path).constData(), QFile::encodeName(aside).constData()) == 0) {
-        Log::logf("SaveReferenceTable: the unreadable %s is kept as %s", qUtf8Printable(path),
-                  qUtf8Printable(aside));
-        referenceTableUnreadable_ = false;
-    } else {
-        Log::logf("SaveReferenceTable: could not keep the unreadable %s aside", qUtf8Printable(path));
-    }
-}
-
 bool AppDelegate::SaveReferenceTable() {
-    const QString folder = ReferenceTableFolder();
-    const QString path =
-        folder.isEmpty() ? QString() : folder + QLatin1Char('/') + QLatin1String(kReferenceTableFileName);
-    if (!m_pReferenceTable) return true;
-    if (referenceTableUnreadable_ && !path.isEmpty()) {
-        keepUnreadableReferenceTable(path);
-        // Never overwrite what could not be read unless a copy of it exists.
-        if (referenceTableUnreadable_) {
-            Log::write(QStringLiteral("SaveReferenceTable writeToFile Fail"));
-            return true;
-        }
-    }
-    if (!ReferenceTable::writeToFile(*m_pReferenceTable, path)) {
-        Log::write(QStringLiteral("SaveReferenceTable writeToFile Fail"));
-    }
+    referenceTables_.save();
     return true;
 }
 
 // ---- Receiver list and menu --------------------------------------------------------------------
 
 void AppDelegate::InitStatusBar() {
-    m_pStatusMenu = std::make_shared<Menu>(QStringLiteral("Lumerix"));
-    AddFixedMenuItems();
+    menu_.createMenu();
 
     StatusBar* bar = env_.statusBar.get();
     if (!bar) return;
@@ -353,8 +230,8 @@ void AppDelegate::InitStatusBar() {
 
 std::vector<ReceiverToolTip::Line> AppDelegate::toolTipLines() const {
     std::vector<ReceiverToolTip::Line> lines;
-    lines.reserve(m_pDiscoveredDeviceAry.size());
-    for (const QVLumerixItemRef& item : m_pDiscoveredDeviceAry) {
+    lines.reserve(receivers_->items().size());
+    for (const QVLumerixItemRef& item : receivers_->items()) {
         std::optional<QString> name = item->receiverName();
         if (!name) continue;  // not in the menu either
         lines.push_back({std::move(*name), item->aveRssi(), item->aliveDuration()});
@@ -362,217 +239,44 @@ std::vector<ReceiverToolTip::Line> AppDelegate::toolTipLines() const {
     return lines;
 }
 
-std::vector<MenuItemRef> AppDelegate::makeFixedMenuItems() const {
-    std::vector<MenuItemRef> items;
-    if (m_pReferenceTable) {
-        items.reserve(static_cast<size_t>(m_pReferenceTable->size()) + 3);
-        for (const QVariant& entry : *m_pReferenceTable) {
-            const QVariant device = entry.toMap().value(kKeyDevice);
-            std::optional<QString> title;
-            if (device.isValid()) title = device.toString();
-            items.push_back(MenuItem::initWithTitle(std::move(title), MenuAction::DeviceConnect, QString()));
-        }
-    }
-    items.push_back(MenuItem::separatorItem());
-    items.push_back(MenuItem::initWithTitle(QCoreApplication::translate("AppDelegate", "About"),
-                                            MenuAction::ShowAbout, QString()));
-    items.push_back(MenuItem::initWithTitle(QCoreApplication::translate("AppDelegate", "Exit"),
-                                            MenuAction::QuitApp, QString()));
-    return items;
-}
-
-void AppDelegate::AddFixedMenuItems() {
-    if (!m_pStatusMenu) return;
-    fixedItems_ = makeFixedMenuItems();
-    fixedReferenceCount_ = fixedItems_.size() - 3;
-    fixedItemsStale_ = false;
-    for (size_t i = 0; i < fixedItems_.size(); ++i) {
-        m_pStatusMenu->addItem(fixedItems_[i]);
-        if (i < fixedReferenceCount_) m_pMenuList.push_back(fixedItems_[i]);
-    }
-}
+void AppDelegate::AddFixedMenuItems() { menu_.addFixedItems(); }
 
 void AppDelegate::UpdateMenuOfStatusBar() {
-    // A dictionary depends on its item's four values only: a row showing the same item at the same
-    // details revision as last time is left as it is, and an item that moved rows shares the
-    // dictionary built for it before.
-    const size_t n = m_pDiscoveredDeviceAry.size();
-    if (dictionaryCache_.size() > 2 * n + 16) dictionaryCache_.clear();
-    m_pDiscoveredDevice.resize(static_cast<qsizetype>(n));
-    receiverTitles_.resize(n);
-    shownRows_.resize(n);
-    for (size_t i = 0; i < n; ++i) {
-        const QVLumerixItemRef& item = m_pDiscoveredDeviceAry[i];
-        const uint64_t revision = item->detailsRevision();
-        ShownRow& row = shownRows_[i];
-        if (sameObject(row.item, item) && row.revision == revision) continue;
-
-        CachedDictionary& cached = dictionaryCache_[item.get()];
-        if (!sameObject(cached.item, item) || cached.revision != revision) {
-            QVLumerixItem::ConnectionDetails details = item->connectionDetails();
-            const std::optional<QString> uuid = item->shortenedUUID();
-            ReceiverDictionary dict;
-            if (uuid) dict.insert(kKeyUUID, *uuid);
-            if (details.ipAddress) dict.insert(kKeyIP, *details.ipAddress);
-            if (details.loginCode) dict.insert(kKeyLoginCode, *details.loginCode);
-            if (details.receiverName) dict.insert(kKeyDevice, *details.receiverName);
-            cached = {item, revision, std::move(details.receiverName), std::move(dict)};
-        }
-        m_pDiscoveredDevice[static_cast<qsizetype>(i)] = cached.dict;
-        // The "Device" value of the dictionary, without looking it up again.
-        receiverTitles_[i] = cached.name;
-        row = {item, revision};
-    }
-    UpdateMenu();
+    menu_.setReceivers(receivers_->items());
+    showReceiverCount();
 }
 
 void AppDelegate::UpdateMenu() {
-    // The menu shows the receivers that have a name at the rows of their list positions, the fixed
-    // entries filling the rows between them in order, and receivers past the fixed entries last:
-    // the same rows as inserting each named receiver at its list position into the fixed menu.
-    const auto n = static_cast<size_t>(m_pDiscoveredDevice.size());
-    receiverTitles_.resize(n);
-    bool changed = fixedItemsStale_ || receiverItems_.size() != n;
-    if (fixedItemsStale_ && m_pStatusMenu) {
-        fixedItems_ = makeFixedMenuItems();
-        fixedReferenceCount_ = fixedItems_.size() - 3;
-        fixedItemsStale_ = false;
-    }
-    receiverItems_.resize(n);
-    size_t named = 0;
-    for (size_t i = 0; i < n; ++i) {
-        const std::optional<QString>& title = receiverTitles_[i];
-        MenuItemRef& entry = receiverItems_[i];
-        // Past the row limit a named receiver is left out like an unnamed one.
-        const bool shown = title && named < kMaxReceiverRows;
-        if (shown) ++named;
-        if (!shown) {
-            changed = changed || entry != nullptr;
-            entry.reset();
-        } else if (!entry || !sameText(entry->title(), title)) {
-            entry = MenuItem::initWithTitle(*title, MenuAction::DeviceConnect, QString());
-            changed = true;
-        }
-    }
+    menu_.update();
+    showReceiverCount();
+}
 
-    if (changed) {
-        // Reference entries first, then the named receivers in list order: DeviceConnectAction
-        // indexes the receivers with positions in this list.
-        m_pMenuList.clear();
-        const size_t references = m_pStatusMenu ? fixedReferenceCount_ : 0;
-        m_pMenuList.insert(m_pMenuList.end(), fixedItems_.begin(),
-                           fixedItems_.begin() + static_cast<std::ptrdiff_t>(references));
-        for (const MenuItemRef& entry : receiverItems_) {
-            if (entry) m_pMenuList.push_back(entry);
-        }
-        if (m_pStatusMenu) layOutMenuRows();
-    }
-
+void AppDelegate::showReceiverCount() {
     if (m_pStatusItem) {
-        m_pStatusItem->setImage(n == 0 ? m_pNormal_Disable_IconImage : m_pNormal_IconImage);
-        m_pStatusItem->setMenu(m_pStatusMenu);
+        const bool none = menu_.receivers().isEmpty();
+        m_pStatusItem->setImage(none ? m_pNormal_Disable_IconImage : m_pNormal_IconImage);
+        m_pStatusItem->setMenu(menu_.menu());
     }
     if (toolTip_) toolTip_->setNeedsUpdate();
 }
 
-void AppDelegate::layOutMenuRows() {
-    const size_t n = receiverItems_.size();
-    rows_.clear();
-    size_t fixed = 0;
-    size_t next = 0;
-    for (;;) {
-        while (next < n && !receiverItems_[next]) ++next;
-        const bool receiverRow = next < n && next == rows_.size();
-        if (!receiverRow && fixed < fixedItems_.size()) {
-            rows_.push_back(fixedItems_[fixed++]);
-        } else if (next < n) {
-            rows_.push_back(receiverItems_[next++]);
-        } else {
-            break;
-        }
-    }
-    m_pStatusMenu->setItems(rows_);
-}
-
 void AppDelegate::OnTimer(const DispatchTimerRef& timer) {
     if (!timer || timer != m_pCheckTimeoutTimer) return;
-    if (m_pDiscoveredDeviceAry.empty()) return;
-    const double nowMs = env_.clock->nowMs();
-    std::vector<QVLumerixItemRef> aged;
-    std::erase_if(m_pDiscoveredDeviceAry, [&](const QVLumerixItemRef& item) {
-        const auto alive = item->aliveDuration();
-        if (!alive || nowMs - *alive <= kReceiverTimeoutMs) return false;
-        aged.push_back(item);
-        return true;
-    });
+    if (receivers_->items().empty()) return;
+    const std::vector<QVLumerixItemRef> aged = receivers_->removeAged(env_.clock->nowMs());
     if (aged.empty()) return;
-    for (const QVLumerixItemRef& item : aged) {
-        unlist(item);
-        // Not heard for a while: the handler need not keep it (nor its decay timer) either.
-        if (m_pLumerix) m_pLumerix->forgetItem(item);
+    // Not heard for a while: the handler need not keep them (nor their decay timers) either.
+    if (m_pLumerix) {
+        for (const QVLumerixItemRef& item : aged) m_pLumerix->forgetItem(item);
     }
     notifyReceiversChanged();
 }
 
-void AppDelegate::unlist(const QVLumerixItemRef& item) {
-    const auto count = listedCount_.find(item.get());
-    if (count != listedCount_.end() && --count->second <= 0) listedCount_.erase(count);
-    if (const auto uuid = item->shortenedUUID()) {
-        const auto it = listedByIdentifier_.constFind(*uuid);
-        if (it != listedByIdentifier_.constEnd() && it.value() == item.get()) listedByIdentifier_.erase(it);
-    }
-}
+void AppDelegate::lumerixDidDiscoverItem(const QVLumerixItemRef& item) { receivers_->add(item); }
 
-void AppDelegate::lumerixDidDiscoverItem(const QVLumerixItemRef& item) {
-    if (!item) return;
-    // Entries with an identifier are unique in the list: the very object is already there, or
-    // an older object for the same receiver is replaced in place, or the item goes last.
-    const std::optional<QString> uuid = item->shortenedUUID();
-    const bool identified = uuid && !uuid->isEmpty();
-    if (!identified || !listedCount_.contains(item.get())) {
-        bool replaced = false;
-        if (identified) {
-            if (const auto it = listedByIdentifier_.constFind(*uuid); it != listedByIdentifier_.constEnd()) {
-                const QVLumerixItem* old = it.value();
-                for (QVLumerixItemRef& entry : m_pDiscoveredDeviceAry) {
-                    if (entry.get() != old) continue;
-                    listedCount_.erase(old);
-                    entry = item;
-                    replaced = true;
-                    break;
-                }
-            }
-            listedByIdentifier_.insert(*uuid, item.get());
-        }
-        if (!replaced) m_pDiscoveredDeviceAry.push_back(item);
-        ++listedCount_[item.get()];
-    }
-    orderStale_ = true;
-    listChanged();
-}
-
-void AppDelegate::lumerixDidForgetItem(const QVLumerixItemRef& item) {
-    if (!item || !listedCount_.contains(item.get())) return;
-    std::erase(m_pDiscoveredDeviceAry, item);
-    listedCount_.erase(item.get());
-    unlist(item);
-    listChanged();
-}
-
-void AppDelegate::listChanged() {
-    if (listRefresh_) {
-        listRefresh_->trigger();
-    } else {
-        refreshList();
-    }
-}
+void AppDelegate::lumerixDidForgetItem(const QVLumerixItemRef& item) { receivers_->remove(item); }
 
 void AppDelegate::refreshList() {
-    if (orderStale_) {
-        m_pDiscoveredDeviceAry = reorderBySignalStrength(
-            std::move(m_pDiscoveredDeviceAry), [](const QVLumerixItemRef& e) { return e->aveRssi(); });
-        orderStale_ = false;
-    }
     UpdateMenuOfStatusBar();
     notifyReceiversChanged();
 }
@@ -598,33 +302,17 @@ void AppDelegate::performMenuAction(const MenuItemRef& item) {
 
 void AppDelegate::DeviceConnectAction(const MenuItemRef& sender) {
     size_t position = 0;
-    for (size_t i = 0; i < m_pMenuList.size(); ++i) {
-        if (m_pMenuList[i] == sender) {
-            position = i;
-            break;
-        }
-    }
-    // Deliberate, as designed: the position in m_pMenuList, where reference-table entries come
-    // first, indexes the receiver list, which has no reference entries. With references listed,
-    // a row therefore connects to a receiver further down; past the end nothing happens.
-    if (position >= static_cast<size_t>(m_pDiscoveredDevice.size())) {
+    const ReceiverDictionary* receiver = menu_.receiverFor(sender, &position);
+    if (!receiver) {
         Log::logf("DeviceConnectAction: no receiver at position %zu (%lld listed)", position,
-                  static_cast<long long>(m_pDiscoveredDevice.size()));
+                  static_cast<long long>(menu_.receivers().size()));
         return;
     }
-    ConnectReceiver(m_pDiscoveredDevice[static_cast<qsizetype>(position)]);
+    ConnectReceiver(*receiver);
 }
 
 AppDelegate::ConnectOutcome AppDelegate::ConnectReceiver(const ReceiverDictionary& receiver) {
-    QString label = receiver.value(kKeyDevice);
-    if (label.isEmpty()) label = receiver.value(kKeyIP);
-    if (label.isEmpty()) label = QCoreApplication::translate("AppDelegate", "the receiver");
-    int launchStatus = 0;
-    const ConnectOutcome outcome =
-        ConnectReceiver(receiver, env_.launcher, env_.processLookup, env_.peers.self, env_.delivery,
-                        m_pDictTargetDevice, &launchStatus, deliveryFailureReporter(label, receiver));
-    if (outcome == ConnectOutcome::Launched) reportLaunch(label, launchStatus, receiver);
-    return outcome;
+    return connector_->connect(receiver);
 }
 
 AppDelegate::ConnectOutcome AppDelegate::ConnectReceiver(const ReceiverDictionary& receiver,
@@ -633,132 +321,14 @@ AppDelegate::ConnectOutcome AppDelegate::ConnectReceiver(const ReceiverDictionar
                                                          const SenderDelivery& delivery,
                                                          PendingConnectionSlot& slot, int* launchStatus,
                                                          DeliveryDone done) {
-    ConnectionInfo info;
-    if (auto it = receiver.constFind(kKeyIP); it != receiver.constEnd()) info.insert(kKeyIP, *it);
-    if (auto it = receiver.constFind(kKeyLoginCode); it != receiver.constEnd())
-        info.insert(kKeyLoginCode, *it);
-    if (auto it = receiver.constFind(kKeyDevice); it != receiver.constEnd()) {
-        info.insert(kKeyDeviceName, *it);
-        info.insert(kKeyWiFiSSID, *it);
-    }
-    if (auto it = receiver.constFind(kKeyWiFiKey); it != receiver.constEnd()) info.insert(kKeyWiFiKey, *it);
-
-    int32_t pids[kProcessIdCapacity] = {};
-    uint32_t count = 0;
-    int error = 0;
-    // Only our own sender counts: another user's process of that name is not one to hand a login
-    // code to (the delivery checks the port's owner as well).
-    if (processLookup) processLookup(kSenderProcessName, userId, pids, kProcessIdCapacity, &count, &error);
-
-    if (count == 0) {
-        // The sender asks for the receiver on the command listener once it is up. Parked before
-        // the launch so that a sender quicker than the launcher's return still finds it.
-        slot.park(std::move(info));
-        const int status = launcher ? launcher(QByteArray(kSenderBundleIdentifier)) : -1;
-        if (launchStatus) *launchStatus = status;
-        return ConnectOutcome::Launched;
-    }
-    return deliverFrame(info, delivery, std::move(done)) ? ConnectOutcome::Sent : ConnectOutcome::NotSent;
+    return SenderConnector::connect(receiver, launcher, processLookup, userId, delivery, slot, launchStatus,
+                                    std::move(done));
 }
 
-void AppDelegate::SendDataToOndrelTimer(const ConnectionInfo& userInfo) {
-    deliverFrame(userInfo, env_.delivery, deliveryFailureReporter(receiverLabel(userInfo)));
-}
+void AppDelegate::SendDataToOndrelTimer(const ConnectionInfo& userInfo) { connector_->resend(userInfo); }
 
-DeliveryDone AppDelegate::deliveryFailureReporter(QString label, std::optional<ReceiverDictionary> receiver) {
-    return [this, queue = env_.mainQueue, alive = std::weak_ptr<bool>(alive_), label = std::move(label),
-            receiver = std::move(receiver)](DeliveryOutcome outcome) {
-        if (outcome == DeliveryOutcome::Delivered || !queue) return;
-        queue->async([this, alive, label, receiver, outcome] {
-            if (alive.lock()) reportDeliveryFailure(label, outcome, receiver);
-        });
-    };
-}
-
-bool AppDelegate::deliverFrame(const ConnectionInfo& info, const SenderDelivery& delivery,
-                               DeliveryDone done) {
-    uint8_t buffer[kFrameBufferSize] = {};
-    const uint64_t length = MainController::GeneralPacket(buffer, kFrameBufferSize, info);
-    if (length == 0) {
-        Log::write(
-            QStringLiteral("DeviceConnectAction: the receiver's details do not fit a frame; nothing sent"));
-        return false;
-    }
-    if (!delivery) return false;
-    delivery(QByteArray(reinterpret_cast<const char*>(buffer), static_cast<qsizetype>(length)),
-             std::move(done));
-    return true;
-}
-
-void AppDelegate::notify(QString summary, QString body, std::vector<NotificationAction> actions) {
-    if (env_.notifier) env_.notifier->notify({std::move(summary), std::move(body), std::move(actions)});
-}
-
-std::vector<NotificationAction> AppDelegate::failureActions(
-    const std::optional<ReceiverDictionary>& receiver) {
-    std::vector<NotificationAction> actions;
-    // The button may be pressed long after this shell is gone.
-    if (receiver) {
-        actions.push_back(
-            {QStringLiteral("try-again"), QCoreApplication::translate("AppDelegate", "Try again"),
-             [this, alive = std::weak_ptr<bool>(alive_), dictionary = *receiver] {
-                 if (!alive.lock()) return;
-                 Log::write(QStringLiteral("DeviceConnectAction: trying again from a notification"));
-                 ConnectReceiver(dictionary);
-             }});
-    }
-    if (env_.troubleshoot) {
-        actions.push_back({QStringLiteral("troubleshoot"),
-                           QCoreApplication::translate("AppDelegate", "Troubleshoot"), env_.troubleshoot});
-    }
-    return actions;
-}
-
-void AppDelegate::reportLaunch(const QString& receiver, int launcherStatus,
-                               const ReceiverDictionary& dictionary) {
-    const QString sender = QLatin1String(kSenderDisplayName);
-    if (!env_.senderInstalled()) {
-        notify(QCoreApplication::translate("AppDelegate", "%1 is not installed").arg(sender),
-               QCoreApplication::translate("AppDelegate", "Install %1 to share your screen with %2.")
-                   .arg(sender, receiver));
-    } else if (launcherStatus != 0) {
-        Log::logf("DeviceConnectAction: the launcher ended with status %d", launcherStatus);
-        notify(QCoreApplication::translate("AppDelegate", "%1 could not be started").arg(sender),
-               QCoreApplication::translate("AppDelegate", "Start %1 yourself, then choose %2 again.")
-                   .arg(sender, receiver),
-               failureActions(dictionary));
-    } else {
-        notify(QCoreApplication::translate("AppDelegate", "Starting %1").arg(sender) + QChar(0x2026),
-               QCoreApplication::translate("AppDelegate", "%1 connects to %2 as soon as it is up.")
-                   .arg(sender, receiver));
-    }
-}
-
-void AppDelegate::reportDeliveryFailure(const QString& receiver, DeliveryOutcome outcome,
-                                        const std::optional<ReceiverDictionary>& dictionary) {
-    const QString sender = QLatin1String(kSenderDisplayName);
-    if (outcome == DeliveryOutcome::ForeignListener) {
-        Log::logf(
-            "DeviceConnectAction: port %u is held by another user's program; the connection details "
-            "were not sent",
-            static_cast<unsigned>(kSenderDataPort));
-        notify(
-            QCoreApplication::translate("AppDelegate", "%1 port held by another user").arg(sender),
-            QCoreApplication::translate("AppDelegate",
-                                        "The program listening on 127.0.0.1:%1 is not your %2, so %3 and its "
-                                        "login code were not sent. Quit the other program or ask an "
-                                        "administrator, then start %2 and choose %3 again.")
-                .arg(QString::number(kSenderDataPort), sender, receiver));
-        return;
-    }
-    Log::logf("DeviceConnectAction: %s did not take the connection details on port %u",
-              qUtf8Printable(sender), static_cast<unsigned>(kSenderDataPort));
-    notify(QCoreApplication::translate("AppDelegate", "Could not reach %1").arg(sender),
-           QCoreApplication::translate("AppDelegate",
-                                       "%1 did not take %2: nothing answered on 127.0.0.1:%3. Restart %1 and "
-                                       "choose %2 again.")
-               .arg(sender, receiver, QString::number(kSenderDataPort)),
-           failureActions(dictionary));
+void AppDelegate::notify(QString summary, QString body) {
+    if (env_.notifier) env_.notifier->notify({std::move(summary), std::move(body), {}});
 }
 
 bool AppDelegate::ListenCmdFromSenderThread() { return m_listener->ListenCmdFromSenderThread(); }

@@ -1,20 +1,20 @@
 #pragma once
-// The whole shell: start-up and shut-down, the Bluetooth check, the aging and menu-rebuild timers,
-// sleep and wake, the receiver list and the status menu built from it, the reference table, the
-// connect action and the sender command listener. Everything except the listener thread runs on
-// the main queue; the desktop is reached only through ShellPorts.
+// The shell's lifecycle under the design's names: start-up and shut-down, the Bluetooth check, the
+// aging and menu-rebuild timers, sleep and wake, and the sender command listener. Its other jobs
+// are classes of their own: the saved receivers (ReferenceTableStore), the receivers heard lately
+// (ReceiverList), the menu built from them (StatusMenuModel) and the sender link
+// (SenderConnector). Everything except the listener thread runs on the main queue; the desktop is
+// reached only through ShellPorts.
 //
 // When the central's state returns to powered on while the shell is awake and not scanning (power
 // switched back on, the adapter plugged back, bluetoothd restarted), scanning starts again as at
 // launch.
 #include <QByteArray>
-#include <QHash>
 #include <QVariantList>
 #include <atomic>
 #include <functional>
 #include <memory>
 #include <optional>
-#include <unordered_map>
 #include <vector>
 
 #include "dispatch/DispatchTimer.h"
@@ -22,8 +22,12 @@
 #include "receiver/QVLumerixItem.h"
 #include "sender/CommandListener.h"
 #include "sender/ConnectionInfo.h"
+#include "shell/ReceiverList.h"
 #include "shell/ReceiverToolTip.h"
+#include "shell/ReferenceTableStore.h"
+#include "shell/SenderConnector.h"
 #include "shell/ShellPorts.h"
+#include "shell/StatusMenuModel.h"
 
 namespace lumerix {
 
@@ -31,21 +35,17 @@ class AppDelegate final : public LumerixHandler_Delegate, public MenuActionTarge
 public:
     static constexpr double kCheckTimeoutIntervalSeconds = 5.0;
     static constexpr double kMenuRebuildIntervalSeconds = 5.0;
-    // A receiver not heard for longer than this leaves the list.
-    static constexpr double kReceiverTimeoutMs = 20000.0;
-    // The menu lists at most this many receivers, the strongest; the others stay in the list
-    // (tooltip, D-Bus) but a flood of advertisers cannot make the menu unusable.
-    static constexpr size_t kMaxReceiverRows = 20;
-    // Discoveries are merged into the list at once, but the list is re-ordered and the menu
-    // rebuilt from them at most once per this interval.
-    static constexpr double kListRefreshIntervalMs = 250.0;
-    static constexpr const char* kSenderProcessName = "Sharvane";
-    static constexpr const char* kSenderBundleIdentifier = "com.Sharvane.Ondrel";
-    static constexpr uint32_t kProcessIdCapacity = 3;
-    static constexpr const char* kReferenceTableFileName = "ReferenceTable.plist";
-    static constexpr const char* kDefaultReferenceTableFileName = "DefaultReferenceTable.plist";
-    static constexpr const char* kUnreadableSuffix = ".unreadable";
-    static constexpr const char* kSenderDisplayName = "Sharvane";
+    static constexpr double kReceiverTimeoutMs = ReceiverList::kReceiverTimeoutMs;
+    static constexpr size_t kMaxReceiverRows = StatusMenuModel::kMaxReceiverRows;
+    static constexpr double kListRefreshIntervalMs = ReceiverList::kRefreshIntervalMs;
+    static constexpr const char* kSenderProcessName = SenderConnector::kSenderProcessName;
+    static constexpr const char* kSenderBundleIdentifier = SenderConnector::kSenderBundleIdentifier;
+    static constexpr uint32_t kProcessIdCapacity = SenderConnector::kProcessIdCapacity;
+    static constexpr const char* kReferenceTableFileName = ReferenceTableStore::kReferenceTableFileName;
+    static constexpr const char* kDefaultReferenceTableFileName =
+        ReferenceTableStore::kDefaultReferenceTableFileName;
+    static constexpr const char* kUnreadableSuffix = ReferenceTableStore::kUnreadableSuffix;
+    static constexpr const char* kSenderDisplayName = SenderConnector::kSenderDisplayName;
 
     explicit AppDelegate(ShellEnvironment env);
     // dealloc: stops the timers and the listener, lets go of the handler.
@@ -90,7 +90,7 @@ public:
     // Sender link.
     void performMenuAction(const MenuItemRef& item) override;
     void DeviceConnectAction(const MenuItemRef& sender);
-    enum class ConnectOutcome { Sent, Launched, NotSent };
+    using ConnectOutcome = SenderConnector::ConnectOutcome;
     // The connect action on a receiver's own dictionary (no menu position involved): sent to the
     // running sender, or parked in `slot` and the sender launched. Used by the menu and by
     // requests from outside (D-Bus, the command line without a tray). userId: whose "Sharvane"
@@ -117,43 +117,31 @@ public:
     PendingConnectionSlot& dictTargetDevice() { return m_pDictTargetDevice; }
     const StatusImageRef& normalIconImage() const { return m_pNormal_IconImage; }
     const StatusImageRef& normalDisableIconImage() const { return m_pNormal_Disable_IconImage; }
-    const std::optional<QVariantList>& referenceTable() const { return m_pReferenceTable; }
-    const std::vector<MenuItemRef>& menuList() const { return m_pMenuList; }
-    const QList<ReceiverDictionary>& discoveredDevice() const { return m_pDiscoveredDevice; }
-    const std::vector<QVLumerixItemRef>& discoveredDeviceAry() const { return m_pDiscoveredDeviceAry; }
+    const std::optional<QVariantList>& referenceTable() const { return referenceTables_.table(); }
+    const std::vector<MenuItemRef>& menuList() const { return menu_.menuList(); }
+    const QList<ReceiverDictionary>& discoveredDevice() const { return menu_.receivers(); }
+    const std::vector<QVLumerixItemRef>& discoveredDeviceAry() const { return receivers_->items(); }
     const DispatchTimerRef& checkTimeoutTimer() const { return m_pCheckTimeoutTimer; }
-    const MenuRef& statusMenu() const { return m_pStatusMenu; }
+    const MenuRef& statusMenu() const { return menu_.menu(); }
     const StatusItemRef& statusItem() const { return m_pStatusItem; }
     CommandListener* commandListener() const { return m_listener.get(); }
 
 private:
     void centralStateChanged(int state);
     void showCentralState(int state);
-    std::vector<MenuItemRef> makeFixedMenuItems() const;
-    static bool deliverFrame(const ConnectionInfo& info, const SenderDelivery& delivery, DeliveryDone done);
-    // Tells the user, from the main queue, when a frame did not reach the sender or was withheld.
-    // receiver: what "Try again" connects again (none: no such button).
-    DeliveryDone deliveryFailureReporter(QString label,
-                                         std::optional<ReceiverDictionary> receiver = std::nullopt);
-    void notify(QString summary, QString body, std::vector<NotificationAction> actions = {});
-    // "Try again" (for a receiver dictionary) and "Troubleshoot", for a notification of a failure.
-    std::vector<NotificationAction> failureActions(const std::optional<ReceiverDictionary>& receiver);
-    void reportLaunch(const QString& receiver, int launcherStatus, const ReceiverDictionary& dictionary);
-    void reportDeliveryFailure(const QString& receiver, DeliveryOutcome outcome,
-                               const std::optional<ReceiverDictionary>& dictionary);
+    void notify(QString summary, QString body);
     std::vector<ReceiverToolTip::Line> toolTipLines() const;
     void notifyReceiversChanged() {
         if (receiversObserver_) receiversObserver_();
     }
-    void keepUnreadableReferenceTable(const QString& path);
-    // The list changed: re-ordered, shown and announced by the next refresh.
-    void listChanged();
+    // The receiver list was re-ordered: shown and announced.
     void refreshList();
-    void unlist(const QVLumerixItemRef& item);
-    // The menu's rows: each receiver entry at its list position, the fixed entries around them.
-    void layOutMenuRows();
+    // The icon and tooltip for the receivers the menu shows.
+    void showReceiverCount();
 
     ShellEnvironment env_;
+    ReferenceTableStore referenceTables_;
+    StatusMenuModel menu_{referenceTables_};
     // Tasks posted to the main queue from other threads hold it weakly. Declared before the
     // handler so that it outlives the handler's threads.
     std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
@@ -162,52 +150,18 @@ private:
     std::unique_ptr<LumerixScanning> m_pLumerix;
     std::atomic<bool> m_bAppIsClosing{false};
     PendingConnectionSlot m_pDictTargetDevice;
+    std::unique_ptr<SenderConnector> connector_;
     StatusImageRef m_pNormal_IconImage;
     StatusImageRef m_pNormal_Disable_IconImage;
-    std::optional<QVariantList> m_pReferenceTable;
-    std::vector<MenuItemRef> m_pMenuList;
-    QList<ReceiverDictionary> m_pDiscoveredDevice;
-    std::vector<QVLumerixItemRef> m_pDiscoveredDeviceAry;
-    // What m_pDiscoveredDeviceAry holds, so that a discovery is merged without walking it: how
-    // often each item is listed, and the item listed under each identifier.
-    std::unordered_map<const QVLumerixItem*, int> listedCount_;
-    QHash<QString, const QVLumerixItem*> listedByIdentifier_;
-    bool orderStale_ = false;
-    std::unique_ptr<Throttle> listRefresh_;
+    std::unique_ptr<ReceiverList> receivers_;
     DispatchTimerRef m_pCheckTimeoutTimer;
-    std::optional<QVariantList> m_pDefaultReferenceTable;
-    MenuRef m_pStatusMenu;
     StatusItemRef m_pStatusItem;
 
-    // Weak references tell an item from a later one at the same address.
-    struct CachedDictionary {
-        std::weak_ptr<QVLumerixItem> item;
-        uint64_t revision = 0;  // the item's detailsRevision() the dictionary was built at
-        std::optional<QString> name;
-        ReceiverDictionary dict;
-    };
-    struct ShownRow {
-        std::weak_ptr<QVLumerixItem> item;
-        uint64_t revision = 0;
-    };
-    // Keyed by item address.
-    std::unordered_map<const QVLumerixItem*, CachedDictionary> dictionaryCache_;
-    // The menu is patched, not rebuilt: the fixed entries (references, separator, About, Exit) and
-    // each receiver's entry keep their objects while their titles stay the same.
-    std::vector<MenuItemRef> fixedItems_;
-    size_t fixedReferenceCount_ = 0;
-    bool fixedItemsStale_ = true;      // the reference table changed since fixedItems_ was made
-    std::vector<ShownRow> shownRows_;  // what each m_pDiscoveredDevice entry was built from
-    std::vector<std::optional<QString>> receiverTitles_;  // per m_pDiscoveredDevice entry
-    std::vector<MenuItemRef> receiverItems_;              // per entry; null for an unnamed one
-    std::vector<MenuItemRef> rows_;                       // scratch for the menu's new rows
     DispatchTimerRef menuRebuildTimer_;
     bool scanning_ = false;
     bool observingWorkspace_ = false;
     std::function<void()> receiversObserver_;
     bool listenerStarted_ = false;
-    // The saved table could not be read at launch; it is kept aside before being overwritten.
-    bool referenceTableUnreadable_ = false;
     std::unique_ptr<ReceiverToolTip> toolTip_;
     // Declared last: its thread reads the slot and the closing flag above until it is joined.
     std::unique_ptr<CommandListener> m_listener;

@@ -1,5 +1,7 @@
 #include "shell/ReceiverChoice.h"
 
+#include "receiver/SignalStrength.h"
+
 namespace lumerix {
 namespace {
 
@@ -17,7 +19,7 @@ std::optional<qsizetype> nearest(const QList<ReceiverCandidate>& receivers,
         const ReceiverCandidate& r = receivers[i];
         if (r.saved || !r.valid) continue;
         // The current one stays only when strictly stronger (a NaN comparison fails: newcomer wins).
-        if (closest && receivers[*closest].rssi > r.rssi) continue;
+        if (closest && strongerThan(receivers[*closest].rssi, r.rssi)) continue;
         closest = i;
     }
     return closest;

@@ -7,6 +7,8 @@
 #include <cstddef>
 #include <vector>
 
+#include "receiver/SignalStrength.h"
+
 namespace lumerix {
 
 // rssiOf is asked once per entry; entries are moved, not copied.
@@ -19,7 +21,7 @@ std::vector<T> reorderBySignalStrength(std::vector<T> list, RssiOf rssiOf) {
     for (size_t i = 0; i < list.size(); ++i) {
         const double rssi = rssiOf(list[i]);
         size_t j = 0;
-        while (j < keys.size() && !(rssi > keys[j])) ++j;  // NaN never qualifies
+        while (j < keys.size() && !strongerThan(rssi, keys[j])) ++j;
         const size_t at = j == keys.size() ? j : (j < 2 ? 0 : j - 1);
         keys.insert(keys.begin() + static_cast<std::ptrdiff_t>(at), rssi);
         indices.insert(indices.begin() + static_cast<std::ptrdiff_t>(at), i);

@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <cmath>
 
+#include "receiver/SignalStrength.h"
+
 namespace lumerix {
 namespace {
 
@@ -15,16 +17,6 @@ bool termMatches(const ReceiverCandidate& receiver, const QString& term) {
         QLatin1String(kPresentKeyword).startsWith(term, Qt::CaseInsensitive))
         return true;
     return receiver.name.contains(term, Qt::CaseInsensitive);
-}
-
-// Nearby before saved; among nearby ones the stronger first, an unknown signal last.
-bool shownBefore(const ReceiverCandidate& a, const ReceiverCandidate& b) {
-    if (a.saved != b.saved) return !a.saved;
-    if (a.saved) return false;
-    const bool aKnown = !std::isnan(a.rssi);
-    const bool bKnown = !std::isnan(b.rssi);
-    if (aKnown != bKnown) return aKnown;
-    return aKnown && a.rssi > b.rssi;
 }
 
 }  // namespace
@@ -47,9 +39,10 @@ QList<qsizetype> searchReceivers(const QList<ReceiverCandidate>& receivers, cons
         if (std::all_of(wanted.cbegin(), wanted.cend(), [&r](const QString& t) { return termMatches(r, t); }))
             found.append(i);
     }
-    std::stable_sort(found.begin(), found.end(), [&receivers](qsizetype a, qsizetype b) {
-        return shownBefore(receivers[a], receivers[b]);
-    });
+    // Nearby before saved; the nearby ones strongest first.
+    const auto saved = std::stable_partition(found.begin(), found.end(),
+                                             [&receivers](qsizetype i) { return !receivers[i].saved; });
+    sortStrongestFirst(found.begin(), saved, [&receivers](qsizetype i) { return receivers[i].rssi; });
     return found;
 }
 

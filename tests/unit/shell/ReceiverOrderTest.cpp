@@ -14,6 +14,21 @@ struct Entry {
     int tag;
 };
 
+// Tagged with their input positions.
+std::vector<Entry> entries(const std::vector<double>& rssi) {
+    std::vector<Entry> list;
+    list.reserve(rssi.size());
+    for (size_t i = 0; i < rssi.size(); ++i) list.push_back({rssi[i], static_cast<int>(i)});
+    return list;
+}
+
+std::vector<int> tagsOf(const std::vector<Entry>& list) {
+    std::vector<int> tags;
+    tags.reserve(list.size());
+    for (const Entry& e : list) tags.push_back(e.tag);
+    return tags;
+}
+
 TEST(ReceiverOrder, InsertionRuleExamples) {
     const double nan = std::numeric_limits<double>::quiet_NaN();
     struct Case {
@@ -33,12 +48,44 @@ TEST(ReceiverOrder, InsertionRuleExamples) {
         {"empty", {}, {}},
     };
     for (const Case& c : cases) {
-        std::vector<Entry> list;
-        for (size_t i = 0; i < c.input.size(); ++i) list.push_back({c.input[i], static_cast<int>(i)});
+        std::vector<Entry> list = entries(c.input);
         const auto ordered = reorderBySignalStrength(list, [](const Entry& e) { return e.rssi; });
-        std::vector<int> tags;
-        for (const Entry& e : ordered) tags.push_back(e.tag);
-        EXPECT_EQ(tags, c.expectedTags) << c.name;
+        EXPECT_EQ(tagsOf(ordered), c.expectedTags) << c.name;
+    }
+}
+
+// Every list that shows receivers strongest first (command line, search) sorts with this rule.
+TEST(ReceiverOrder, StrongestFirstSort) {
+    const double nan = std::numeric_limits<double>::quiet_NaN();
+    struct Case {
+        const char* name;
+        std::vector<double> input;
+        std::vector<int> expectedTags;
+    };
+    const Case cases[] = {
+        {"higher reading first", {-70, -40, -55}, {1, 2, 0}},
+        {"a reading of 0 is the strongest, as for the closest receiver", {-40, 0, -90}, {1, 0, 2}},
+        {"equal readings keep their order", {-50, -40, -50, -40}, {1, 3, 0, 2}},
+        {"no reading goes last, in order", {nan, -80, nan, -30}, {3, 1, 0, 2}},
+        {"only missing readings", {nan, nan}, {0, 1}},
+        {"empty", {}, {}},
+    };
+    for (const Case& c : cases) {
+        std::vector<Entry> list = entries(c.input);
+        sortStrongestFirst(list, [](const Entry& e) { return e.rssi; });
+        EXPECT_EQ(tagsOf(list), c.expectedTags) << c.name;
+    }
+}
+
+// The tray's insertion rule and the sort agree on which of two receivers is the stronger one.
+TEST(ReceiverOrder, TrayAndSortAgreeOnPairs) {
+    const std::vector<std::pair<double, double>> pairs = {{-40, -60}, {-60, -40}, {0, -30}, {-30, 0}};
+    for (const auto& [first, second] : pairs) {
+        std::vector<Entry> tray = reorderBySignalStrength(std::vector<Entry>{{first, 0}, {second, 1}},
+                                                          [](const Entry& e) { return e.rssi; });
+        std::vector<Entry> sorted{{first, 0}, {second, 1}};
+        sortStrongestFirst(sorted, [](const Entry& e) { return e.rssi; });
+        EXPECT_EQ(tray.front().tag, sorted.front().tag) << first << " vs " << second;
     }
 }
 
