@@ -493,7 +493,9 @@ int runDoctorMode(int argc, char** argv, bool json) {
         QFileInfo::exists(qEnvironmentVariable("XDG_RUNTIME_DIR") + QLatin1String("/bus"));
     QDBusConnection session =
         sessionConfigured ? QDBusConnection::sessionBus() : QDBusConnection(QStringLiteral("no session bus"));
-    const bool sni = nameOwned(session, QStringLiteral("org.kde.StatusNotifierWatcher"), false);
+    // The tray's own rule: a watcher counts once a host has registered with it.
+    const bool sni = nameOwned(session, QStringLiteral("org.kde.StatusNotifierWatcher"), false) &&
+                     TrayHost::statusNotifierHostRegistered();
     checks << Doctor::trayHostCheck(sni, sni ? std::nullopt : probeXEmbedTray());
     checks << Doctor::notificationCheck(
         nameOwned(session, QStringLiteral("org.freedesktop.Notifications"), true));

@@ -7,6 +7,7 @@ import tempfile
 import unittest
 
 import lxharness
+import trayharness
 
 
 class DoctorTest(lxharness.LumerixTestCase):
@@ -86,14 +87,16 @@ class DoctorTest(lxharness.LumerixTestCase):
         # (session services, tray host and notification server found)
         cases = [
             ([], False),
-            ([['-t', 'notification_daemon'], [watcher, '/StatusNotifierWatcher', watcher]], True),
+            # A watcher counts once a host has registered with it, as the tray itself requires.
+            ([['-t', 'notification_daemon'], ['-t', trayharness.WATCHER_TEMPLATE]], True),
         ]
         for mocks, found in cases:
             with self.subTest(found=found):
                 session = self.session_with(*mocks)
                 for args in mocks:
                     lxharness.wait_for(lambda a=args: session.connection.name_has_owner(
-                        watcher if a[0] == watcher else 'org.freedesktop.Notifications'), 15, 'a session service')
+                        watcher if a[-1] == trayharness.WATCHER_TEMPLATE else 'org.freedesktop.Notifications'),
+                                       15, 'a session service')
                 rc, out, _ = self.doctor('--json', session=session)
                 report = json.loads(out)
                 # The desktop checks are advice: they never fail the run.
