@@ -3,6 +3,7 @@
 #include <QAction>
 #include <QCursor>
 #include <QFileInfo>
+#include <QGuiApplication>
 #include <QMenu>
 #include <QSystemTrayIcon>
 #include <QTextDocument>
@@ -97,7 +98,9 @@ void QtStatusItem::attachToTray() {
 
 void QtStatusItem::showInTray() {
     tray_->show();
-    if (sni_) return;
+    // Without a windowing system (offscreen, as in tests) Qt exports no item to take over, and
+    // looking for one would only start Qt's D-Bus thread.
+    if (sni_ || QGuiApplication::platformName() == QLatin1String("offscreen")) return;
     const QString themes = QFileInfo(resourcesDir_ + QStringLiteral("/../icons")).absoluteFilePath();
     sni_ = SniItem::takeOverQtItem(QFileInfo::exists(themes) ? themes : QString());
     if (!sni_) return;

@@ -1,6 +1,7 @@
 """The tray under a flood of "LX" advertisers: 2,000 distinct devices at 500 advertisements a second.
 The menu keeps answering, the CPU stays bounded, SIGTERM is honoured and memory comes back once
 the devices are gone. Prints its figures."""
+import os
 import signal
 import statistics
 import time
@@ -20,6 +21,8 @@ GOAL_LAYOUT_MS = 100
 GOAL_CPU_PERCENT = 50
 GOAL_SIGTERM_S = 1.0
 GOAL_MEMORY_MB = 5
+# The asan and tsan presets build into folders named after them.
+SANITIZED = os.path.basename(os.path.normpath(os.environ.get('LUMERIX_BUILD_DIR', ''))) in ('asan', 'tsan')
 
 # Runs inside the modelled bluetoothd: announces (or removes) many Device1 objects in one call, as
 # bluetoothd does when a crowd comes into range or its cache expires.
@@ -134,10 +137,15 @@ class FloodTest(unittest.TestCase):
               f'{len(receiver_rows)} receiver rows; SIGTERM honoured in {sigterm_s:.2f} s (goal {GOAL_SIGTERM_S} s); '
               f'resident memory {rss_launch:.1f} MB at launch, {rss_start:.1f} MB before the round, '
               f'{rss_end:.1f} MB after the devices left (goal within {GOAL_MEMORY_MB} MB)', flush=True)
-        self.assertLessEqual(median_ms, GOAL_LAYOUT_MS)
-        self.assertLessEqual(cpu, GOAL_CPU_PERCENT)
         self.assertLessEqual(len(receiver_rows), MENU_ROWS_AT_MOST)
         self.assertGreater(len(receiver_rows), 0)
+        if SANITIZED:
+            # A sanitizer build pays for every access and keeps freed memory in quarantine: the
+            # goals are the release build's. Here the flood must only end promptly and cleanly.
+            self.assertLessEqual(sigterm_s, 5 * GOAL_SIGTERM_S)
+            return
+        self.assertLessEqual(median_ms, GOAL_LAYOUT_MS)
+        self.assertLessEqual(cpu, GOAL_CPU_PERCENT)
         self.assertLessEqual(sigterm_s, GOAL_SIGTERM_S)
         self.assertLessEqual(rss_end - rss_start, GOAL_MEMORY_MB)
 
