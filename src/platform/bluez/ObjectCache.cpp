@@ -48,6 +48,20 @@ constexpr const char* kMatchNameOwner =
 
 QByteArray utf8(const QString& s) { return s.toUtf8(); }
 
+// The body of a PropertiesChanged signal (interface, changed, invalidated); false, logged, when it
+// has another shape.
+bool readPropertiesChanged(sd_bus_message* m, const QString& path, QVariantMap* changed,
+                           QStringList* invalidated) {
+    const char* iface = nullptr;
+    if (std::string_view(sdbus::signature(m)) == "sa{sv}as" &&
+        sd_bus_message_read_basic(m, 's', &iface) >= 0 && sdbus::readPropertyMap(m, changed) &&
+        sdbus::readStringArray(m, invalidated))
+        return true;
+    Log::logf("BluezCentral: PropertiesChanged with signature \"%s\" on %s ignored", sdbus::signature(m),
+              utf8(path).constData());
+    return false;
+}
+
 }  // namespace
 
 // --- subscriptions and the snapshot -------------------------------------------------------------
@@ -222,16 +236,9 @@ int ObjectCache::onInterfacesRemoved(sd_bus_message* m, void* self, sd_bus_error
 int ObjectCache::onAdapterPropertiesChanged(sd_bus_message* m, void* self, sd_bus_error*) {
     auto* e = static_cast<ObjectCache*>(self);
     const QString path = QString::fromUtf8(sd_bus_message_get_path(m));
-    const char* iface = nullptr;
     QVariantMap changed;
     QStringList invalidated;
-    if (std::string_view(sdbus::signature(m)) != "sa{sv}as" ||
-        sd_bus_message_read_basic(m, 's', &iface) < 0 || !sdbus::readPropertyMap(m, &changed) ||
-        !sdbus::readStringArray(m, &invalidated)) {
-        Log::logf("BluezCentral: PropertiesChanged with signature \"%s\" on %s ignored", sdbus::signature(m),
-                  utf8(path).constData());
-        return 0;
-    }
+    if (!readPropertiesChanged(m, path, &changed, &invalidated)) return 0;
     if (!e->adapters_.contains(path))
         return 0;  // not announced yet; the snapshot or InterfacesAdded brings it
     logProblems(path, kAdapter, e->adapters_[path].apply(changed, invalidated));
@@ -242,13 +249,9 @@ int ObjectCache::onAdapterPropertiesChanged(sd_bus_message* m, void* self, sd_bu
 int ObjectCache::onTransportPropertiesChanged(sd_bus_message* m, void* self, sd_bus_error*) {
     auto* e = static_cast<ObjectCache*>(self);
     const QString path = QString::fromUtf8(sd_bus_message_get_path(m));
-    const char* iface = nullptr;
     QVariantMap changed;
     QStringList invalidated;
-    if (std::string_view(sdbus::signature(m)) != "sa{sv}as" ||
-        sd_bus_message_read_basic(m, 's', &iface) < 0 || !sdbus::readPropertyMap(m, &changed) ||
-        !sdbus::readStringArray(m, &invalidated))
-        return 0;
+    if (!readPropertiesChanged(m, path, &changed, &invalidated)) return 0;
     if (!e->transports_.contains(path)) return 0;  // the snapshot or InterfacesAdded brings it
     e->noteTransport(path, changed);
     return 0;
