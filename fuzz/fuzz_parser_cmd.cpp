@@ -5,24 +5,12 @@
 #include <cstdint>
 #include <cstring>
 
+#include "QuietLog.h"
 #include "log/Log.h"
 #include "sender/CommandListener.h"
 
-namespace {
-
-class DropSink final : public lumerix::LogSink {
-public:
-    void write(const QString&) override {}
-};
-
-}  // namespace
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    static const bool quiet = [] {
-        lumerix::Log::setSink(std::make_shared<DropSink>());
-        return true;
-    }();
-    (void)quiet;
+    lumerix::fuzz::quietLog();
     static std::atomic<bool> closing{false};
     static lumerix::PendingConnectionSlot slot;
     static lumerix::CommandListener listener(slot, closing, 0);  // never started: the parser only

@@ -5,24 +5,12 @@
 #include <cstdint>
 #include <memory>
 
+#include "QuietLog.h"
 #include "ble/AdvertisementTrace.h"
 #include "log/Log.h"
 
-namespace {
-
-class DropSink final : public lumerix::LogSink {
-public:
-    void write(const QString&) override {}
-};
-
-}  // namespace
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    static const bool quiet = [] {
-        lumerix::Log::setSink(std::make_shared<DropSink>());
-        return true;
-    }();
-    (void)quiet;
+    lumerix::fuzz::quietLog();
     using lumerix::AdvertisementTrace;
     const AdvertisementTrace trace = AdvertisementTrace::parse(
         QByteArray(reinterpret_cast<const char*>(data), static_cast<qsizetype>(size)));
