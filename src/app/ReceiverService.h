@@ -55,15 +55,11 @@ Q_SIGNALS:
     void ReceiversChanged();
 
 private:
-    struct Listed {
-        QVariantMap entry;              // as Receivers() returns it
-        ReceiverDictionary dictionary;  // what the connect action takes
-        ReceiverCandidate candidate;
-    };
-    QList<Listed> listed() const;
+    // Nearby receivers in the tray's order, then the saved ones.
+    QList<ReceiverRow> listed() const;
     // The receiver the query names, connected; its identifier (or name, for a saved one).
     std::optional<QString> connect(const QString& query);
-    std::optional<QString> connectListed(const Listed& l);
+    std::optional<QString> connectListed(const ReceiverRow& row);
     void emitIfChanged();
 
     AppDelegate& delegate_;

@@ -5,6 +5,7 @@
 
 #include "log/Log.h"
 #include "sender/MainController.h"
+#include "shell/ReceiverRow.h"
 
 namespace lumerix {
 
@@ -232,9 +233,9 @@ std::vector<ReceiverToolTip::Line> AppDelegate::toolTipLines() const {
     std::vector<ReceiverToolTip::Line> lines;
     lines.reserve(receivers_->items().size());
     for (const QVLumerixItemRef& item : receivers_->items()) {
-        std::optional<QString> name = item->receiverName();
-        if (!name) continue;  // not in the menu either
-        lines.push_back({std::move(*name), item->aveRssi(), item->aliveDuration()});
+        ReceiverRow row = ReceiverRow::fromItem(*item);
+        if (!row.name) continue;  // not in the menu either
+        lines.push_back({std::move(*row.name), row.rssi, row.lastSeenMs});
     }
     return lines;
 }
