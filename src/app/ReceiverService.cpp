@@ -7,19 +7,13 @@
 #include "shell/ReceiverSearch.h"
 
 namespace lumerix {
-namespace {
-
-QString text(const std::optional<QString>& value) { return value.value_or(QString()); }
-
-}  // namespace
-
 ReceiverService::ReceiverService(AppDelegate& delegate, DispatchQueue& mainQueue,
                                  std::shared_ptr<ScanDemand> demand)
     : delegate_(delegate),
       demand_(std::move(demand)),
-      changed_(mainQueue, kChangeIntervalMs, [this] { emitIfChanged(); }) {
+      changed_(mainQueue, kChangeIntervalMs, [this] { Q_EMIT ReceiversChanged(); }) {
     qDBusRegisterMetaType<QList<QVariantMap>>();
-    // Told of every change of the list; the list is looked at once a second at most.
+    // The list says when its rows changed; clients hear of it once a second at most.
     delegate_.setReceiversObserver([this] { changed_.trigger(); });
 }
 
@@ -120,22 +114,6 @@ bool ReceiverService::Connect(const QString& identifierOrName) {
 
 QString ReceiverService::ConnectNearest() {
     return connect(QLatin1String(kNearestReceiver)).value_or(QString());
-}
-
-void ReceiverService::emitIfChanged() {
-    // Signal strength and time seen change with every advertisement; only the rest counts. The
-    // saved entries do not change while the tray runs.
-    QString shape;
-    for (const QVLumerixItemRef& item : delegate_.discoveredDeviceAry()) {
-        const QVLumerixItem::ConnectionDetails details = item->connectionDetails();
-        shape += (item->peripheral() ? item->peripheral()->identifier() : text(item->shortenedUUID())) +
-                 QLatin1Char('\x1f') + text(details.receiverName) + QLatin1Char('\x1f') +
-                 text(details.ipAddress) + QLatin1Char('\x1f') + text(details.loginCode) +
-                 QLatin1Char('\x1e');
-    }
-    if (shape == lastShape_) return;
-    lastShape_ = shape;
-    Q_EMIT ReceiversChanged();
 }
 
 }  // namespace lumerix

@@ -20,7 +20,8 @@ AppDelegate::AppDelegate(ShellEnvironment env)
     connector_ = std::make_unique<SenderConnector>(env_, m_pDictTargetDevice);
     m_listener = std::make_unique<CommandListener>(
         m_pDictTargetDevice, m_bAppIsClosing, env_.listenerPort.value_or(kSenderCommandPort), env_.peers);
-    receivers_ = std::make_unique<ReceiverList>(env_.mainQueue, [this] { refreshList(); });
+    receivers_ = std::make_unique<ReceiverList>(env_.mainQueue,
+                                                [this](bool rowsChanged) { refreshList(rowsChanged); });
 }
 
 AppDelegate::~AppDelegate() {
@@ -277,9 +278,9 @@ void AppDelegate::lumerixDidDiscoverItem(const QVLumerixItemRef& item) { receive
 
 void AppDelegate::lumerixDidForgetItem(const QVLumerixItemRef& item) { receivers_->remove(item); }
 
-void AppDelegate::refreshList() {
+void AppDelegate::refreshList(bool rowsChanged) {
     UpdateMenuOfStatusBar();
-    notifyReceiversChanged();
+    if (rowsChanged) notifyReceiversChanged();
 }
 
 // ---- Sender link -------------------------------------------------------------------------------
