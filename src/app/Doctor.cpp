@@ -6,11 +6,9 @@
 #include <unistd.h>
 
 #include <QCoreApplication>
-#include <QDBusArgument>
 #include <QDBusConnection>
 #include <QDBusConnectionInterface>
 #include <QDBusMessage>
-#include <QDBusObjectPath>
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
@@ -60,33 +58,6 @@ QString adapterName(const QString& path) { return path.section(QLatin1Char('/'),
 
 // ---- probes: what the system says ----------------------------------------------------------------
 
-QMap<QString, std::optional<bool>> adaptersOf(const QDBusArgument& objects) {
-    QMap<QString, std::optional<bool>> adapters;
-    objects.beginMap();
-    while (!objects.atEnd()) {
-        QDBusObjectPath path;
-        objects.beginMapEntry();
-        objects >> path;
-        objects.beginMap();
-        while (!objects.atEnd()) {
-            QString interface;
-            QVariantMap properties;
-            objects.beginMapEntry();
-            objects >> interface >> properties;
-            objects.endMapEntry();
-            if (interface != kAdapterInterface) continue;
-            const QVariant powered = properties.value(QStringLiteral("Powered"));
-            adapters.insert(path.path(), powered.typeId() == QMetaType::Bool
-                                             ? std::optional<bool>(powered.toBool())
-                                             : std::nullopt);
-        }
-        objects.endMap();
-        objects.endMapEntry();
-    }
-    objects.endMap();
-    return adapters;
-}
-
 QDBusMessage callAdapter(QDBusConnection& bus, const QString& path, const QVariantMap& filter) {
     QDBusMessage call =
         QDBusMessage::createMethodCall(kBluez, path, kAdapterInterface, QStringLiteral("SetDiscoveryFilter"));
@@ -106,21 +77,15 @@ BluetoothFindings probeBluetooth() {
     found.bluetoothdRunning = bus.interface()->isServiceRegistered(kBluez).value();
     if (!found.bluetoothdRunning) return found;
 
-    const QDBusMessage reply =
-        bus.call(QDBusMessage::createMethodCall(kBluez, QStringLiteral("/"),
-                                                QStringLiteral("org.freedesktop.DBus.ObjectManager"),
-                                                QStringLiteral("GetManagedObjects")),
-                 QDBus::Block, kCallTimeoutMs);
-    if (reply.type() != QDBusMessage::ReplyMessage) {
-        found.accessDenied = reply.errorName() == QLatin1String("org.freedesktop.DBus.Error.AccessDenied");
-        found.error = reply.errorMessage();
+    // Read as the tray reads it, so that the two never disagree about adapters and power.
+    const bluez::Snapshot snapshot = bluez::ObjectManager::takeSnapshot(kCallTimeoutMs);
+    if (!snapshot.reached || !snapshot.error.isEmpty()) {
+        found.accessDenied = snapshot.accessDenied;
+        found.error = snapshot.error;
         return found;
     }
-    if (reply.signature() != QLatin1String("a{oa{sa{sv}}}") || reply.arguments().size() != 1) {
-        found.error = QStringLiteral("unexpected reply of signature %1").arg(reply.signature());
-        return found;
-    }
-    found.adapters = adaptersOf(reply.arguments().constFirst().value<QDBusArgument>());
+    for (const QString& path : snapshot.adapterPaths())
+        found.adapters.insert(path, bluez::adapterPowered(snapshot, path));
 
     // The filter the scan sets, tried and then cleared with an empty one; nothing else is called.
     // bluetoothd refuses filters while the adapter is off, so an adapter that is off is left alone.

@@ -29,6 +29,7 @@
 #include "sender/MainController.h"
 #include "shell/AppDelegate.h"
 #include "shell/ReceiverChoice.h"
+#include "shell/ReceiverRow.h"
 #include "text/DisplayText.h"
 
 namespace lumerix {
@@ -72,35 +73,16 @@ void print(FILE* stream, const QString& text) {
 }
 
 // Receivers as the D-Bus service lists them, printed as JSON or as a table.
-void printReceivers(const QList<QVariantMap>& receivers, bool json) {
+void printReceivers(const QList<ReceiverRow>& receivers, bool json) {
     if (json) {
         QJsonArray array;
-        for (const QVariantMap& r : receivers) array.append(QJsonObject::fromVariantMap(r));
+        for (const ReceiverRow& r : receivers) array.append(QJsonObject::fromVariantMap(r.toMap()));
         print(stdout, QString::fromUtf8(QJsonDocument(array).toJson(QJsonDocument::Indented)));
         return;
     }
-    int width = 4;
-    for (const QVariantMap& r : receivers)
-        width = std::max(width, static_cast<int>(r.value(QStringLiteral("name")).toString().size()));
-    // What the service hands over came from the air: every column is shown inert.
-    auto line = [width](const QString& name, const QString& ip, const QString& code, const QString& rssi,
-                        const QString& identifier) {
-        return QStringLiteral("%1  %2  %3  %4  %5\n")
-            .arg(DisplayText::inert(name), -width)
-            .arg(DisplayText::inert(ip), -15)
-            .arg(DisplayText::inert(code), -8)
-            .arg(DisplayText::inert(rssi), 5)
-            .arg(DisplayText::inert(identifier));
-    };
-    QString out = line(QStringLiteral("NAME"), QStringLiteral("IP"), QStringLiteral("CODE"),
-                       QStringLiteral("RSSI"), QStringLiteral("IDENTIFIER"));
-    for (const QVariantMap& r : receivers) {
-        const bool saved = r.value(QStringLiteral("saved")).toBool();
-        out += line(r.value(QStringLiteral("name")).toString(), r.value(QStringLiteral("ip")).toString(),
-                    r.value(QStringLiteral("loginCode")).toString(),
-                    saved ? QStringLiteral("-") : QString::number(r.value(QStringLiteral("rssi")).toDouble()),
-                    saved ? QStringLiteral("(saved)") : r.value(QStringLiteral("identifier")).toString());
-    }
+    const int width = ReceiverRow::tableNameWidth(receivers);
+    QString out = ReceiverRow::tableHeader(width) + QLatin1Char('\n');
+    for (const ReceiverRow& r : receivers) out += r.tableLine(width) + QLatin1Char('\n');
     print(stdout, out);
 }
 
@@ -127,7 +109,9 @@ int listThroughInstance(QDBusInterface& iface, const CommandLine& options) {
                   QLatin1Char('\n'));
         return 1;
     }
-    printReceivers(reply.value(), options.json);
+    QList<ReceiverRow> receivers;
+    for (const QVariantMap& map : reply.value()) receivers.append(ReceiverRow::fromMap(map));
+    printReceivers(receivers, options.json);
     return 0;
 }
 
@@ -192,26 +176,23 @@ private:
         if (connecting() && !nearest() && choose()) decide();
     }
 
-    QList<QVLumerixItemRef> strongestFirst() const {
-        QList<QVLumerixItemRef> items = items_.values();
-        sortStrongestFirst(items, [](const QVLumerixItemRef& e) { return e->aveRssi(); });
-        return items;
+    QList<ReceiverRow> strongestFirst() const {
+        QList<ReceiverRow> rows;
+        for (const QVLumerixItemRef& item : items_) rows.append(ReceiverRow::fromItem(*item));
+        sortStrongestFirst(rows, [](const ReceiverRow& r) { return r.rssi; });
+        return rows;
     }
 
-    QVLumerixItemRef choose() {
-        const QList<QVLumerixItemRef> items = strongestFirst();
-        QList<ReceiverCandidate> candidates;
-        for (const QVLumerixItemRef& item : items) {
-            candidates.append({item->peripheral()->identifier(), item->receiverName().value_or(QString()),
-                               item->aveRssi(), item->isValid(), false});
-        }
+    std::optional<ReceiverRow> choose() {
+        const QList<ReceiverRow> rows = strongestFirst();
         QString closest;
         if (handler().hasClosestItem()) {
             if (QVLumerixItemRef peer = handler().closestPeer(); peer && peer->peripheral())
                 closest = peer->peripheral()->identifier();
         }
-        const auto index = chooseReceiver(candidates, options_.receiver, closest);
-        return index ? items[*index] : nullptr;
+        const auto index = chooseReceiver(rows, options_.receiver, closest);
+        if (!index) return std::nullopt;
+        return rows[*index];
     }
 
     void scanEnded() {
@@ -220,19 +201,7 @@ private:
         if (!connecting()) {
             decided_ = true;
             handler().scanForLumerixService(false);
-            QList<QVariantMap> receivers;
-            for (const QVLumerixItemRef& item : strongestFirst()) {
-                QVariantMap r;
-                r.insert(QStringLiteral("identifier"), item->peripheral()->identifier());
-                r.insert(QStringLiteral("name"), item->receiverName().value_or(QString()));
-                r.insert(QStringLiteral("ip"), item->ipAddress().value_or(QString()));
-                r.insert(QStringLiteral("loginCode"), item->loginCode().value_or(QString()));
-                r.insert(QStringLiteral("rssi"), item->aveRssi());
-                r.insert(QStringLiteral("lastSeenMs"), item->aliveDuration().value_or(0));
-                r.insert(QStringLiteral("saved"), false);
-                receivers.append(r);
-            }
-            printReceivers(receivers, options_.json);
+            printReceivers(strongestFirst(), options_.json);
             finish(0);
             return;
         }
@@ -242,7 +211,7 @@ private:
     void decide() {
         decided_ = true;
         handler().scanForLumerixService(false);
-        const QVLumerixItemRef chosen = choose();
+        const std::optional<ReceiverRow> chosen = choose();
         if (!chosen) {
             print(stderr, QStringLiteral("lumerix: ") +
                               QCoreApplication::translate("ReceiverCommands", "No receiver \"%1\" nearby.")
@@ -251,13 +220,9 @@ private:
             finish(kExitNotFound);
             return;
         }
-        ReceiverDictionary dict;
-        dict.insert(QStringLiteral("UUID"), chosen->peripheral()->identifier());
-        if (auto ip = chosen->ipAddress()) dict.insert(QStringLiteral("IP"), *ip);
-        if (auto code = chosen->loginCode()) dict.insert(QStringLiteral("LoginCode"), *code);
-        if (auto name = chosen->receiverName()) dict.insert(QStringLiteral("Device"), *name);
+        const ReceiverDictionary dict = chosen->dictionary();
         // Quoted in the messages below, on a terminal.
-        const QString name = DisplayText::inert(dict.value(QStringLiteral("Device")));
+        const QString name = DisplayText::inert(chosen->nameText());
 
         // Listening before the launch: a quick sender must find the listener up.
         const PeerCheck peers = makeLoopbackPeerCheck();

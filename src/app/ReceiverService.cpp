@@ -7,19 +7,13 @@
 #include "shell/ReceiverSearch.h"
 
 namespace lumerix {
-namespace {
-
-QString text(const std::optional<QString>& value) { return value.value_or(QString()); }
-
-}  // namespace
-
 ReceiverService::ReceiverService(AppDelegate& delegate, DispatchQueue& mainQueue,
                                  std::shared_ptr<ScanDemand> demand)
     : delegate_(delegate),
       demand_(std::move(demand)),
-      changed_(mainQueue, kChangeIntervalMs, [this] { emitIfChanged(); }) {
+      changed_(mainQueue, kChangeIntervalMs, [this] { Q_EMIT ReceiversChanged(); }) {
     qDBusRegisterMetaType<QList<QVariantMap>>();
-    // Told of every change of the list; the list is looked at once a second at most.
+    // The list says when its rows changed; clients hear of it once a second at most.
     delegate_.setReceiversObserver([this] { changed_.trigger(); });
 }
 
@@ -49,60 +43,26 @@ ReceiverService::Registration ReceiverService::registerOn(QDBusConnection bus, Q
     return Registration::Failed;
 }
 
-QList<ReceiverService::Listed> ReceiverService::listed() const {
-    QList<Listed> out;
-    for (const QVLumerixItemRef& item : delegate_.discoveredDeviceAry()) {
-        Listed l;
-        const QString identifier =
-            item->peripheral() ? item->peripheral()->identifier() : text(item->shortenedUUID());
-        const QVLumerixItem::ConnectionDetails details = item->connectionDetails();
-        const QString name = text(details.receiverName);
-        l.entry.insert(QStringLiteral("identifier"), identifier);
-        l.entry.insert(QStringLiteral("name"), name);
-        l.entry.insert(QStringLiteral("ip"), text(details.ipAddress));
-        l.entry.insert(QStringLiteral("loginCode"), text(details.loginCode));
-        l.entry.insert(QStringLiteral("rssi"), item->aveRssi());
-        l.entry.insert(QStringLiteral("lastSeenMs"), item->aliveDuration().value_or(0));
-        l.entry.insert(QStringLiteral("saved"), false);
-        if (auto uuid = item->shortenedUUID()) l.dictionary.insert(QStringLiteral("UUID"), *uuid);
-        if (details.ipAddress) l.dictionary.insert(QStringLiteral("IP"), *details.ipAddress);
-        if (details.loginCode) l.dictionary.insert(QStringLiteral("LoginCode"), *details.loginCode);
-        if (details.receiverName) l.dictionary.insert(QStringLiteral("Device"), *details.receiverName);
-        l.candidate = {identifier, name, item->aveRssi(), item->isValid(), false};
-        out.append(std::move(l));
-    }
+QList<ReceiverRow> ReceiverService::listed() const {
+    QList<ReceiverRow> rows;
+    for (const QVLumerixItemRef& item : delegate_.discoveredDeviceAry())
+        rows.append(ReceiverRow::fromItem(*item));
     if (const auto& table = delegate_.referenceTable()) {
-        for (const QVariant& saved : *table) {
-            const QVariantMap map = saved.toMap();
-            Listed l;
-            for (auto it = map.constBegin(); it != map.constEnd(); ++it) {
-                if (it.value().canConvert<QString>()) l.dictionary.insert(it.key(), it.value().toString());
-            }
-            const QString name = l.dictionary.value(QStringLiteral("Device"));
-            l.entry.insert(QStringLiteral("identifier"), QString());
-            l.entry.insert(QStringLiteral("name"), name);
-            l.entry.insert(QStringLiteral("ip"), l.dictionary.value(QStringLiteral("IP")));
-            l.entry.insert(QStringLiteral("loginCode"), l.dictionary.value(QStringLiteral("LoginCode")));
-            l.entry.insert(QStringLiteral("saved"), true);
-            l.candidate = {QString(), name, 0, true, true};
-            out.append(std::move(l));
-        }
+        for (const QVariant& saved : *table) rows.append(ReceiverRow::fromSaved(saved.toMap()));
     }
-    return out;
+    return rows;
 }
 
 QList<QVariantMap> ReceiverService::Receivers() {
     if (demand_) demand_->nudge();
     QList<QVariantMap> out;
-    for (const Listed& l : listed()) out.append(l.entry);
+    for (const ReceiverRow& row : listed()) out.append(row.toMap());
     return out;
 }
 
 std::optional<QString> ReceiverService::connect(const QString& query) {
     if (demand_) demand_->nudge();
-    const QList<Listed> receivers = listed();
-    QList<ReceiverCandidate> candidates;
-    for (const Listed& l : receivers) candidates.append(l.candidate);
+    const QList<ReceiverRow> receivers = listed();
     QString closest;
     if (LumerixScanning* scanning = delegate_.lumerix()) {
         if (auto handler = scanning->handler(); handler && handler->hasClosestItem()) {
@@ -110,7 +70,7 @@ std::optional<QString> ReceiverService::connect(const QString& query) {
                 closest = peer->peripheral()->identifier();
         }
     }
-    const std::optional<qsizetype> chosen = chooseReceiver(candidates, query, closest);
+    const std::optional<qsizetype> chosen = chooseReceiver(receivers, query, closest);
     if (!chosen) {
         Log::logf("D-Bus: no receiver matches \"%s\"", qUtf8Printable(query));
         return std::nullopt;
@@ -118,32 +78,29 @@ std::optional<QString> ReceiverService::connect(const QString& query) {
     return connectListed(receivers[*chosen]);
 }
 
-std::optional<QString> ReceiverService::connectListed(const Listed& l) {
-    Log::logf("D-Bus: connecting \"%s\" (%s)", qUtf8Printable(l.candidate.name),
-              qUtf8Printable(l.candidate.saved ? QStringLiteral("saved") : l.candidate.identifier));
-    if (delegate_.ConnectReceiver(l.dictionary) == AppDelegate::ConnectOutcome::NotSent) return std::nullopt;
-    return l.candidate.saved ? l.candidate.name : l.candidate.identifier;
+std::optional<QString> ReceiverService::connectListed(const ReceiverRow& row) {
+    Log::logf("D-Bus: connecting \"%s\" (%s)", qUtf8Printable(row.nameText()),
+              qUtf8Printable(row.saved ? QStringLiteral("saved") : row.identifier));
+    if (delegate_.ConnectReceiver(row.dictionary()) == AppDelegate::ConnectOutcome::NotSent)
+        return std::nullopt;
+    return row.saved ? row.nameText() : row.identifier;
 }
 
 QList<ReceiverService::SearchResult> ReceiverService::search(const QStringList& terms) const {
     // Someone typing in a launcher is looking: the radio listens without pause for a while.
     if (demand_) demand_->nudge();
-    const QList<Listed> receivers = listed();
-    QList<ReceiverCandidate> candidates;
-    for (const Listed& l : receivers) candidates.append(l.candidate);
+    const QList<ReceiverRow> receivers = listed();
     QList<SearchResult> out;
-    for (qsizetype i : searchReceivers(candidates, terms)) {
-        const ReceiverCandidate& c = candidates[i];
-        out.append({searchResultId(c), c.name, searchResultDescription(c)});
+    for (qsizetype i : searchReceivers(receivers, terms)) {
+        const ReceiverRow& r = receivers[i];
+        out.append({searchResultId(r), r.nameText(), searchResultDescription(r)});
     }
     return out;
 }
 
 bool ReceiverService::present(const QString& resultId) {
-    const QList<Listed> receivers = listed();
-    QList<ReceiverCandidate> candidates;
-    for (const Listed& l : receivers) candidates.append(l.candidate);
-    const std::optional<qsizetype> found = findSearchResult(candidates, resultId);
+    const QList<ReceiverRow> receivers = listed();
+    const std::optional<qsizetype> found = findSearchResult(receivers, resultId);
     if (!found) {
         Log::logf("Search: the receiver \"%s\" is no longer listed", qUtf8Printable(resultId));
         return false;
@@ -157,22 +114,6 @@ bool ReceiverService::Connect(const QString& identifierOrName) {
 
 QString ReceiverService::ConnectNearest() {
     return connect(QLatin1String(kNearestReceiver)).value_or(QString());
-}
-
-void ReceiverService::emitIfChanged() {
-    // Signal strength and time seen change with every advertisement; only the rest counts. The
-    // saved entries do not change while the tray runs.
-    QString shape;
-    for (const QVLumerixItemRef& item : delegate_.discoveredDeviceAry()) {
-        const QVLumerixItem::ConnectionDetails details = item->connectionDetails();
-        shape += (item->peripheral() ? item->peripheral()->identifier() : text(item->shortenedUUID())) +
-                 QLatin1Char('\x1f') + text(details.receiverName) + QLatin1Char('\x1f') +
-                 text(details.ipAddress) + QLatin1Char('\x1f') + text(details.loginCode) +
-                 QLatin1Char('\x1e');
-    }
-    if (shape == lastShape_) return;
-    lastShape_ = shape;
-    Q_EMIT ReceiversChanged();
 }
 
 }  // namespace lumerix

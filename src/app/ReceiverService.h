@@ -2,8 +2,9 @@
 // The tray's session D-Bus service: com.zemko.Lumerix at /com/zemko/Lumerix, interface
 // com.zemko.Lumerix1. Lists the receivers the tray knows (nearby ones strongest first, then the
 // saved ones) and connects one the way a menu choice does, by name, identifier or "nearest".
-// ReceiversChanged is emitted at most once a second, only when a receiver came, went, or changed
-// its name, address or code. Lives on the main thread, beside the AppDelegate it reads.
+// ReceiversChanged relays the tray's list saying its rows changed (a receiver came or went, the
+// order changed, or a name, address or code changed; a new reading alone is no change), at most
+// once a second. Lives on the main thread, beside the AppDelegate it reads.
 #include <QDBusConnection>
 #include <QList>
 #include <QObject>
@@ -55,21 +56,15 @@ Q_SIGNALS:
     void ReceiversChanged();
 
 private:
-    struct Listed {
-        QVariantMap entry;              // as Receivers() returns it
-        ReceiverDictionary dictionary;  // what the connect action takes
-        ReceiverCandidate candidate;
-    };
-    QList<Listed> listed() const;
+    // Nearby receivers in the tray's order, then the saved ones.
+    QList<ReceiverRow> listed() const;
     // The receiver the query names, connected; its identifier (or name, for a saved one).
     std::optional<QString> connect(const QString& query);
-    std::optional<QString> connectListed(const Listed& l);
-    void emitIfChanged();
+    std::optional<QString> connectListed(const ReceiverRow& row);
 
     AppDelegate& delegate_;
     std::shared_ptr<ScanDemand> demand_;
     Throttle changed_;
-    QString lastShape_;
 };
 
 }  // namespace lumerix

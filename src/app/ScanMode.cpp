@@ -3,24 +3,18 @@
 #include <QCoreApplication>
 #include <QJsonArray>
 #include <QJsonDocument>
-#include <QJsonObject>
 #include <QMap>
-#include <algorithm>
 #include <cstdio>
+#include <tuple>
 
 #include "app/HeadlessSession.h"
 #include "app/Translations.h"
 #include "platform/linux/SyslogSink.h"
 #include "receiver/SignalStrength.h"
-#include "text/DisplayText.h"
+#include "shell/ReceiverRow.h"
 
 namespace lumerix {
 namespace {
-
-struct Row {
-    QString name, ip, loginCode, identifier;
-    double rssi = 0;
-};
 
 void printLine(const QString& text) {
     std::fputs(text.toUtf8().constData(), stdout);
@@ -28,21 +22,8 @@ void printLine(const QString& text) {
     std::fflush(stdout);
 }
 
-// Names come from the air and identifiers from a replayed file: shown inert, as every column is.
-QString columns(const QString& name, const QString& ip, const QString& code, const QString& rssi,
-                const QString& identifier, int nameWidth = 24) {
-    return QStringLiteral("%1  %2  %3  %4  %5")
-        .arg(DisplayText::inert(name), -nameWidth)
-        .arg(DisplayText::inert(ip), -15)
-        .arg(DisplayText::inert(code), -8)
-        .arg(rssi, 5)
-        .arg(DisplayText::inert(identifier));
-}
-
-QString rowText(const Row& r, int nameWidth = 24) {
-    return columns(r.name, r.ip, r.loginCode, r.rssi == 0 ? QStringLiteral("-") : QString::number(r.rssi),
-                   r.identifier, nameWidth);
-}
+// The width of the name column while the scan runs, before all names are known.
+constexpr int kRunningNameWidth = 24;
 
 class ScanSession final : public HeadlessSession {
 public:
@@ -54,54 +35,41 @@ private:
 
     void note(const QVLumerixItemRef& item) {
         if (!item->hasResolved() || !item->peripheral()) return;
-        Row row;
-        row.identifier = item->peripheral()->identifier();
-        row.name = item->receiverName().value_or(QString());
-        row.ip = item->ipAddress().value_or(QString());
-        row.loginCode = item->loginCode().value_or(QString());
-        row.rssi = item->aveRssi();
+        ReceiverRow row = ReceiverRow::fromItem(*item);
         auto it = rows_.find(row.identifier);
         const bool isNew = it == rows_.end();
         const bool changed =
-            !isNew && (it->name != row.name || it->ip != row.ip || it->loginCode != row.loginCode);
+            !isNew && std::tie(it->name, it->ip, it->loginCode) != std::tie(row.name, row.ip, row.loginCode);
         if (!isNew && row.rssi == 0) row.rssi = it->rssi;  // 0: no reading since the item decayed
-        rows_[row.identifier] = row;
-        if (!json_ && (isNew || changed))
-            printLine((isNew ? QStringLiteral("found    ") : QStringLiteral("changed  ")) + rowText(row));
+        if (!json_ && (isNew || changed)) {
+            printLine((isNew ? QStringLiteral("found    ") : QStringLiteral("changed  ")) +
+                      row.tableLine(kRunningNameWidth));
+        }
+        rows_[row.identifier] = std::move(row);
     }
 
     int deadlineReached() override {
         handler().scanForLumerixService(false);
-        QList<Row> rows = rows_.values();
-        sortStrongestFirst(rows, [](const Row& r) { return r.rssi; });
+        QList<ReceiverRow> rows = rows_.values();
+        sortStrongestFirst(rows, [](const ReceiverRow& r) { return r.rssi; });
         if (json_) {
             QJsonArray array;
-            for (const Row& r : rows) {
-                QJsonObject o;
-                o.insert(QStringLiteral("name"), r.name);
-                o.insert(QStringLiteral("ip"), r.ip);
-                o.insert(QStringLiteral("loginCode"), r.loginCode);
-                o.insert(QStringLiteral("rssi"), r.rssi);
-                o.insert(QStringLiteral("identifier"), r.identifier);
-                array.append(o);
-            }
+            for (const ReceiverRow& r : rows) array.append(r.toJson());
             std::fputs(QJsonDocument(array).toJson(QJsonDocument::Indented).constData(), stdout);
             std::fflush(stdout);
             return 0;
         }
         printLine(QString());
         printLine(QStringLiteral("%1 receiver(s), strongest first:").arg(rows.size()));
-        int width = 4;
-        for (const Row& r : rows) width = std::max(width, static_cast<int>(r.name.size()));
+        const int width = ReceiverRow::tableNameWidth(rows);
         const QString indent(9, QLatin1Char(' '));
-        printLine(indent + columns(QStringLiteral("NAME"), QStringLiteral("IP"), QStringLiteral("CODE"),
-                                   QStringLiteral("RSSI"), QStringLiteral("IDENTIFIER"), width));
-        for (const Row& r : rows) printLine(indent + rowText(r, width));
+        printLine(indent + ReceiverRow::tableHeader(width));
+        for (const ReceiverRow& r : rows) printLine(indent + r.tableLine(width));
         return 0;
     }
 
     const bool json_;
-    QMap<QString, Row> rows_;
+    QMap<QString, ReceiverRow> rows_;
 };
 
 }  // namespace

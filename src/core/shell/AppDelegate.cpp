@@ -5,6 +5,7 @@
 
 #include "log/Log.h"
 #include "sender/MainController.h"
+#include "shell/ReceiverRow.h"
 
 namespace lumerix {
 
@@ -19,7 +20,8 @@ AppDelegate::AppDelegate(ShellEnvironment env)
     connector_ = std::make_unique<SenderConnector>(env_, m_pDictTargetDevice);
     m_listener = std::make_unique<CommandListener>(
         m_pDictTargetDevice, m_bAppIsClosing, env_.listenerPort.value_or(kSenderCommandPort), env_.peers);
-    receivers_ = std::make_unique<ReceiverList>(env_.mainQueue, [this] { refreshList(); });
+    receivers_ = std::make_unique<ReceiverList>(env_.mainQueue,
+                                                [this](bool rowsChanged) { refreshList(rowsChanged); });
 }
 
 AppDelegate::~AppDelegate() {
@@ -232,9 +234,9 @@ std::vector<ReceiverToolTip::Line> AppDelegate::toolTipLines() const {
     std::vector<ReceiverToolTip::Line> lines;
     lines.reserve(receivers_->items().size());
     for (const QVLumerixItemRef& item : receivers_->items()) {
-        std::optional<QString> name = item->receiverName();
-        if (!name) continue;  // not in the menu either
-        lines.push_back({std::move(*name), item->aveRssi(), item->aliveDuration()});
+        ReceiverRow row = ReceiverRow::fromItem(*item);
+        if (!row.name) continue;  // not in the menu either
+        lines.push_back({std::move(*row.name), row.rssi, row.lastSeenMs});
     }
     return lines;
 }
@@ -276,9 +278,9 @@ void AppDelegate::lumerixDidDiscoverItem(const QVLumerixItemRef& item) { receive
 
 void AppDelegate::lumerixDidForgetItem(const QVLumerixItemRef& item) { receivers_->remove(item); }
 
-void AppDelegate::refreshList() {
+void AppDelegate::refreshList(bool rowsChanged) {
     UpdateMenuOfStatusBar();
-    notifyReceiversChanged();
+    if (rowsChanged) notifyReceiversChanged();
 }
 
 // ---- Sender link -------------------------------------------------------------------------------

@@ -100,7 +100,8 @@ public:
                                           const SenderDelivery& delivery, PendingConnectionSlot& slot,
                                           int* launchStatus = nullptr, DeliveryDone done = nullptr);
     ConnectOutcome ConnectReceiver(const ReceiverDictionary& receiver);
-    // Told on the main queue whenever the receiver list may have changed (null: nobody).
+    // Told on the main queue when the listed rows changed: a receiver came or went, the order
+    // changed, or a name, address or code changed; not for a reading alone (null: nobody).
     void setReceiversObserver(std::function<void()> observer) { receiversObserver_ = std::move(observer); }
     void SendDataToOndrelTimer(const ConnectionInfo& userInfo);
     // The listener's thread body, run on the calling thread; false when it could not listen. The
@@ -134,8 +135,8 @@ private:
     void notifyReceiversChanged() {
         if (receiversObserver_) receiversObserver_();
     }
-    // The receiver list was re-ordered: shown and announced.
-    void refreshList();
+    // The receiver list was refreshed: shown, and announced when its rows changed.
+    void refreshList(bool rowsChanged);
     // The icon and tooltip for the receivers the menu shows.
     void showReceiverCount();
 

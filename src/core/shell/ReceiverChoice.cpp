@@ -5,18 +5,17 @@
 namespace lumerix {
 namespace {
 
-std::optional<qsizetype> nearest(const QList<ReceiverCandidate>& receivers,
-                                 const QString& closestIdentifier) {
+std::optional<qsizetype> nearest(const QList<ReceiverRow>& receivers, const QString& closestIdentifier) {
     if (!closestIdentifier.isEmpty()) {
         for (qsizetype i = 0; i < receivers.size(); ++i) {
-            const ReceiverCandidate& r = receivers[i];
+            const ReceiverRow& r = receivers[i];
             if (!r.saved && r.valid && r.identifier.compare(closestIdentifier, Qt::CaseInsensitive) == 0)
                 return i;
         }
     }
     std::optional<qsizetype> closest;
     for (qsizetype i = 0; i < receivers.size(); ++i) {
-        const ReceiverCandidate& r = receivers[i];
+        const ReceiverRow& r = receivers[i];
         if (r.saved || !r.valid) continue;
         // The current one stays only when strictly stronger (a NaN comparison fails: newcomer wins).
         if (closest && strongerThan(receivers[*closest].rssi, r.rssi)) continue;
@@ -27,7 +26,7 @@ std::optional<qsizetype> nearest(const QList<ReceiverCandidate>& receivers,
 
 }  // namespace
 
-std::optional<qsizetype> chooseReceiver(const QList<ReceiverCandidate>& receivers, const QString& query,
+std::optional<qsizetype> chooseReceiver(const QList<ReceiverRow>& receivers, const QString& query,
                                         const QString& closestIdentifier) {
     const QString wanted = query.trimmed();
     if (wanted.isEmpty()) return std::nullopt;
@@ -38,7 +37,7 @@ std::optional<qsizetype> chooseReceiver(const QList<ReceiverCandidate>& receiver
         if (!id.isEmpty() && id.compare(wanted, Qt::CaseInsensitive) == 0) return i;
     }
     for (qsizetype i = 0; i < receivers.size(); ++i) {
-        if (receivers[i].name.compare(wanted, Qt::CaseInsensitive) == 0) return i;
+        if (receivers[i].nameText().compare(wanted, Qt::CaseInsensitive) == 0) return i;
     }
     return std::nullopt;
 }

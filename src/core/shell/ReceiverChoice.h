@@ -9,21 +9,15 @@
 #include <QString>
 #include <optional>
 
-namespace lumerix {
+#include "shell/ReceiverRow.h"
 
-struct ReceiverCandidate {
-    QString identifier;  // empty for saved receivers
-    QString name;
-    double rssi = 0;
-    bool valid = true;  // heard recently enough to count
-    bool saved = false;
-};
+namespace lumerix {
 
 inline constexpr const char* kNearestReceiver = "nearest";
 
 // The index of the receiver `query` names in `receivers`, or nullopt when none matches.
 // closestIdentifier: the handler's current closest receiver, empty when it has none.
-std::optional<qsizetype> chooseReceiver(const QList<ReceiverCandidate>& receivers, const QString& query,
+std::optional<qsizetype> chooseReceiver(const QList<ReceiverRow>& receivers, const QString& query,
                                         const QString& closestIdentifier = QString());
 
 }  // namespace lumerix

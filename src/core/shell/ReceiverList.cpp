@@ -6,7 +6,7 @@
 
 namespace lumerix {
 
-ReceiverList::ReceiverList(DispatchQueue* queue, std::function<void()> refreshed)
+ReceiverList::ReceiverList(DispatchQueue* queue, std::function<void(bool)> refreshed)
     : refreshed_(std::move(refreshed)) {
     if (queue) throttle_ = std::make_unique<Throttle>(*queue, kRefreshIntervalMs, [this] { refresh(); });
 }
@@ -56,6 +56,7 @@ std::vector<QVLumerixItemRef> ReceiverList::removeAged(double nowMs) {
         return true;
     });
     for (const QVLumerixItemRef& item : aged) unlist(item);
+    if (!aged.empty()) takeRowsChanged();
     return aged;
 }
 
@@ -63,6 +64,7 @@ void ReceiverList::clear() {
     items_.clear();
     listedCount_.clear();
     listedByIdentifier_.clear();
+    told_.clear();
 }
 
 void ReceiverList::unlist(const QVLumerixItemRef& item) {
@@ -88,7 +90,24 @@ void ReceiverList::refresh() {
                                          [](const QVLumerixItemRef& e) { return e->aveRssi(); });
         orderStale_ = false;
     }
-    if (refreshed_) refreshed_();
+    const bool rowsChanged = takeRowsChanged();
+    if (refreshed_) refreshed_(rowsChanged);
+}
+
+bool ReceiverList::takeRowsChanged() {
+    bool changed = told_.size() != items_.size();
+    told_.resize(items_.size());
+    for (size_t i = 0; i < items_.size(); ++i) {
+        const QVLumerixItemRef& item = items_[i];
+        ToldRow& row = told_[i];
+        const uint64_t revision = item->detailsRevision();
+        // Same object, told by its control block.
+        if (!row.item.owner_before(item) && !item.owner_before(row.item) && row.revision == revision)
+            continue;
+        row = {item, revision};
+        changed = true;
+    }
+    return changed;
 }
 
 }  // namespace lumerix

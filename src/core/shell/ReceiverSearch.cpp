@@ -12,11 +12,11 @@ namespace {
 
 constexpr qsizetype kMinimumKeywordPrefix = 3;
 
-bool termMatches(const ReceiverCandidate& receiver, const QString& term) {
+bool termMatches(const ReceiverRow& receiver, const QString& term) {
     if (term.size() >= kMinimumKeywordPrefix &&
         QLatin1String(kPresentKeyword).startsWith(term, Qt::CaseInsensitive))
         return true;
-    return receiver.name.contains(term, Qt::CaseInsensitive);
+    return receiver.nameText().contains(term, Qt::CaseInsensitive);
 }
 
 }  // namespace
@@ -26,7 +26,7 @@ QStringList searchTerms(const QString& query) {
     return query.split(space, Qt::SkipEmptyParts);
 }
 
-QList<qsizetype> searchReceivers(const QList<ReceiverCandidate>& receivers, const QStringList& terms) {
+QList<qsizetype> searchReceivers(const QList<ReceiverRow>& receivers, const QStringList& terms) {
     QStringList wanted;
     for (const QString& term : terms) {
         if (const QString t = term.trimmed(); !t.isEmpty()) wanted.append(t);
@@ -34,7 +34,7 @@ QList<qsizetype> searchReceivers(const QList<ReceiverCandidate>& receivers, cons
     QList<qsizetype> found;
     if (wanted.isEmpty()) return found;
     for (qsizetype i = 0; i < receivers.size(); ++i) {
-        const ReceiverCandidate& r = receivers[i];
+        const ReceiverRow& r = receivers[i];
         if (!r.saved && r.identifier.isEmpty()) continue;  // nothing to name the result by
         if (std::all_of(wanted.cbegin(), wanted.cend(), [&r](const QString& t) { return termMatches(r, t); }))
             found.append(i);
@@ -46,12 +46,11 @@ QList<qsizetype> searchReceivers(const QList<ReceiverCandidate>& receivers, cons
     return found;
 }
 
-QString searchResultId(const ReceiverCandidate& receiver) {
-    return receiver.saved ? QLatin1String(kSavedResultPrefix) + receiver.name : receiver.identifier;
+QString searchResultId(const ReceiverRow& receiver) {
+    return receiver.saved ? QLatin1String(kSavedResultPrefix) + receiver.nameText() : receiver.identifier;
 }
 
-std::optional<qsizetype> findSearchResult(const QList<ReceiverCandidate>& receivers,
-                                          const QString& resultId) {
+std::optional<qsizetype> findSearchResult(const QList<ReceiverRow>& receivers, const QString& resultId) {
     if (resultId.isEmpty()) return std::nullopt;
     for (qsizetype i = 0; i < receivers.size(); ++i) {
         if (searchResultId(receivers[i]) == resultId) return i;
@@ -59,7 +58,7 @@ std::optional<qsizetype> findSearchResult(const QList<ReceiverCandidate>& receiv
     return std::nullopt;
 }
 
-QString searchResultDescription(const ReceiverCandidate& receiver) {
+QString searchResultDescription(const ReceiverRow& receiver) {
     if (receiver.saved) return QCoreApplication::translate("ReceiverSearch", "Saved receiver");
     if (std::isnan(receiver.rssi))
         return QCoreApplication::translate("ReceiverSearch", "Nearby, signal unknown");

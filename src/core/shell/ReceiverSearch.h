@@ -19,14 +19,14 @@ inline constexpr const char* kSavedResultPrefix = "saved:";
 
 // Indices into `receivers` of those all `terms` match, in the order results are shown. No terms
 // (or only blank ones): no results.
-QList<qsizetype> searchReceivers(const QList<ReceiverCandidate>& receivers, const QStringList& terms);
+QList<qsizetype> searchReceivers(const QList<ReceiverRow>& receivers, const QStringList& terms);
 
 // The result name of a receiver, and the receiver a result name stands for (nullopt once gone).
-QString searchResultId(const ReceiverCandidate& receiver);
-std::optional<qsizetype> findSearchResult(const QList<ReceiverCandidate>& receivers, const QString& resultId);
+QString searchResultId(const ReceiverRow& receiver);
+std::optional<qsizetype> findSearchResult(const QList<ReceiverRow>& receivers, const QString& resultId);
 
 // The line shown under a result: the signal of a nearby receiver, or that it is saved.
-QString searchResultDescription(const ReceiverCandidate& receiver);
+QString searchResultDescription(const ReceiverRow& receiver);
 
 // Splits what the user typed into terms (white space separated).
 QStringList searchTerms(const QString& query);

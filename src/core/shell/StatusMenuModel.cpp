@@ -3,13 +3,12 @@
 #include <QCoreApplication>
 #include <QVariantMap>
 
+#include "shell/ReceiverRow.h"
+
 namespace lumerix {
 
 namespace {
 
-const QString kKeyUUID = QStringLiteral("UUID");
-const QString kKeyIP = QStringLiteral("IP");
-const QString kKeyLoginCode = QStringLiteral("LoginCode");
 const QString kKeyDevice = QStringLiteral("Device");
 
 // Items hand out copies of their own strings, so shared data settles most comparisons at once.
@@ -89,14 +88,9 @@ void StatusMenuModel::setReceivers(const std::vector<QVLumerixItemRef>& listed) 
 
         CachedDictionary& cached = dictionaryCache_[item.get()];
         if (!sameObject(cached.item, item) || cached.revision != revision) {
-            QVLumerixItem::ConnectionDetails details = item->connectionDetails();
-            const std::optional<QString> uuid = item->shortenedUUID();
-            ReceiverDictionary dict;
-            if (uuid) dict.insert(kKeyUUID, *uuid);
-            if (details.ipAddress) dict.insert(kKeyIP, *details.ipAddress);
-            if (details.loginCode) dict.insert(kKeyLoginCode, *details.loginCode);
-            if (details.receiverName) dict.insert(kKeyDevice, *details.receiverName);
-            cached = {item, revision, std::move(details.receiverName), std::move(dict)};
+            ReceiverRow receiver = ReceiverRow::fromItem(*item);
+            ReceiverDictionary dict = receiver.dictionary();
+            cached = {item, revision, std::move(receiver.name), std::move(dict)};
         }
         receivers_[static_cast<qsizetype>(i)] = cached.dict;
         // The "Device" value of the dictionary, without looking it up again.

@@ -62,8 +62,10 @@ QString defaultAdapterPath(const QStringList& adapterPaths) {
 }
 
 std::optional<bool> defaultAdapterPowered(const Snapshot& snapshot) {
-    const QString path = defaultAdapterPath(snapshot.adapterPaths());
-    if (path.isEmpty()) return std::nullopt;
+    return adapterPowered(snapshot, defaultAdapterPath(snapshot.adapterPaths()));
+}
+
+std::optional<bool> adapterPowered(const Snapshot& snapshot, const QString& path) {
     const QVariant powered =
         snapshot.objects.value(path).value(QLatin1String(kAdapterInterface)).value(QStringLiteral("Powered"));
     if (powered.typeId() != QMetaType::Bool) return std::nullopt;

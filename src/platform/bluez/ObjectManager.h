@@ -1,7 +1,7 @@
 #pragma once
 // org.freedesktop.DBus.ObjectManager of org.bluez: the snapshot of every object bluetoothd
 // exports, its InterfacesAdded/InterfacesRemoved signals, and the one rule for which adapter is
-// the default one. Used by the central's engine and by the start-up Bluetooth check.
+// the default one. Used by the central's engine, the start-up Bluetooth check and --doctor.
 #include <QHash>
 #include <QMap>
 #include <QString>
@@ -37,8 +37,10 @@ struct Snapshot {
 // hciN come after, in text order. Empty when there is none.
 QString defaultAdapterPath(const QStringList& adapterPaths);
 
-// Powered of the default adapter of a snapshot; nullopt when there is no adapter or the value is
+// Powered of an adapter of a snapshot; nullopt when there is no such adapter or the value is
 // missing or not a boolean.
+std::optional<bool> adapterPowered(const Snapshot& snapshot, const QString& path);
+// The same for the default adapter.
 std::optional<bool> defaultAdapterPowered(const Snapshot& snapshot);
 
 class ObjectManager {

@@ -159,6 +159,10 @@ TEST(BluezDefaultAdapter, PoweredIsReadFromTheDefaultAdapterOnly) {
                      {{QStringLiteral("org.bluez.Device1"), {}}});
     EXPECT_EQ(s.adapterPaths().size(), 2);
     EXPECT_EQ(bluez::defaultAdapterPowered(s), false);
+    // Any adapter by path (what --doctor lists); a device is no adapter.
+    EXPECT_EQ(bluez::adapterPowered(s, QStringLiteral("/org/bluez/hci10")), true);
+    EXPECT_EQ(bluez::adapterPowered(s, QStringLiteral("/org/bluez/hci2/dev_AA_BB_CC_DD_EE_FF")),
+              std::nullopt);
     s.objects.insert(QStringLiteral("/org/bluez/hci2"), adapter(QStringLiteral("yes")));
     EXPECT_EQ(bluez::defaultAdapterPowered(s), std::nullopt);
 }

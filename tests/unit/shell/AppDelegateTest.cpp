@@ -5,6 +5,7 @@
 #include <QFileInfo>
 #include <QRegularExpression>
 #include <algorithm>
+#include <functional>
 #include <string>
 
 #include "ShellFakes.h"
@@ -379,6 +380,55 @@ TEST(AppDelegateMenu, AReceiverTheHandlerForgotLeavesTheList) {
     const QVLumerixItemRef again = rig.discover({uuidFor(1), -45, QStringLiteral("A")});
     ASSERT_EQ(shell.discoveredDeviceAry().size(), 2u);
     EXPECT_EQ(shell.discoveredDeviceAry()[0], again);
+}
+
+// Outside listeners (the D-Bus service) hear of changed rows, not of every advertisement.
+TEST(AppDelegateMenu, ObserverHearsOfChangedRowsNotOfEveryReading) {
+    ShellRig rig;
+    AppDelegate& shell = rig.launch();
+    int told = 0;
+    shell.setReceiversObserver([&told] { ++told; });
+    const QVLumerixItemRef a = rig.discover({uuidFor(1), -50, QStringLiteral("A")});
+    const QVLumerixItemRef b = rig.discover({uuidFor(2), -70, QStringLiteral("B")});
+    QVLumerixItemRef c;
+    auto heard = [&shell](const QVLumerixItemRef& item, double rssi) {
+        item->addNewRssi(rssi);
+        shell.lumerixDidDiscoverItem(item);
+    };
+    struct Step {
+        const char* what;
+        std::function<void()> act;
+        int told;
+    };
+    const Step steps[] = {
+        {"a reading that keeps the order", [&] { heard(a, -55); }, 0},
+        {"a reading that changes the order", [&] { heard(b, -40); }, 1},
+        {"a new name", [&] { a->setReceiverName(QStringLiteral("A2")), heard(a, -55); }, 1},
+        {"the same name again", [&] { a->setReceiverName(QStringLiteral("A2")), heard(a, -55); }, 0},
+        {"a new address", [&] { b->setIpAddress(QStringLiteral("10.0.0.9")), heard(b, -40); }, 1},
+        {"a newcomer",
+         [&] {
+             c = rig.makeItem({uuidFor(3), -90, QStringLiteral("C")}), heard(c, -90);
+         },
+         1},
+        {"a forgotten receiver", [&] { shell.lumerixDidForgetItem(c); }, 1},
+        {"two aged out at one tick, told once",
+         [&] {
+             rig.time->advance(AppDelegate::kReceiverTimeoutMs - 1000.0);
+             c = rig.discover({uuidFor(4), -60, QStringLiteral("D")});
+             told = 0;
+             rig.time->advance(6000.0);
+         },
+         1},
+        {"a reading of the one left", [&] { heard(c, -61); }, 0},
+    };
+    for (const Step& step : steps) {
+        told = 0;
+        step.act();
+        rig.time->advance(AppDelegate::kListRefreshIntervalMs);
+        EXPECT_EQ(told, step.told) << step.what;
+    }
+    EXPECT_EQ(shell.discoveredDeviceAry(), std::vector<QVLumerixItemRef>{c});
 }
 
 // Inserting each named receiver at its list position into the fixed entries, the way the menu

@@ -13,25 +13,24 @@ TEST(ReceiverChoice, NamesIdentifiersAndNearest) {
     const QString idB = QStringLiteral("00000000-0000-0000-0000-00000000000B");
     const QString idC = QStringLiteral("00000000-0000-0000-0000-00000000000C");
     // Strongest first, as listed; the saved receiver last.
-    const QList<ReceiverCandidate> listed = {
+    const QList<ReceiverRow> listed = {
         {idA, QStringLiteral("Alpha"), -50},
         {idB, QStringLiteral("Bravo"), -60},
         {idC, QStringLiteral("Alpha"), -70},
         {QString(), QStringLiteral("Boardroom"), 0, true, true},
     };
-    QList<ReceiverCandidate> stale = listed;
+    QList<ReceiverRow> stale = listed;
     stale[0].valid = false;
-    const QList<ReceiverCandidate> tie = {{idA, QStringLiteral("Alpha"), -60},
-                                          {idB, QStringLiteral("Bravo"), -60}};
-    const QList<ReceiverCandidate> withNan = {{idA, QStringLiteral("Alpha"), -60},
-                                              {idB, QStringLiteral("Bravo"), nan}};
-    const QList<ReceiverCandidate> onlySaved = {{QString(), QStringLiteral("Boardroom"), 0, true, true}};
+    const QList<ReceiverRow> tie = {{idA, QStringLiteral("Alpha"), -60}, {idB, QStringLiteral("Bravo"), -60}};
+    const QList<ReceiverRow> withNan = {{idA, QStringLiteral("Alpha"), -60},
+                                        {idB, QStringLiteral("Bravo"), nan}};
+    const QList<ReceiverRow> onlySaved = {{QString(), QStringLiteral("Boardroom"), 0, true, true}};
     // A receiver named like an identifier of another: the identifier wins.
-    const QList<ReceiverCandidate> nameLikeId = {{idA, idB, -50}, {idB, QStringLiteral("Bravo"), -60}};
+    const QList<ReceiverRow> nameLikeId = {{idA, idB, -50}, {idB, QStringLiteral("Bravo"), -60}};
 
     struct Case {
         const char* what;
-        const QList<ReceiverCandidate>* list;
+        const QList<ReceiverRow>* list;
         QString query;
         QString closest;
         std::optional<qsizetype> expected;

@@ -10,7 +10,7 @@ namespace lumerix {
 namespace {
 
 // Deliberately not strongest first, to show the order is the search's own.
-const QList<ReceiverCandidate> kListed = {
+const QList<ReceiverRow> kListed = {
     {QStringLiteral("ID-A"), QStringLiteral("Room A"), -70},
     {QStringLiteral("ID-C"), QStringLiteral("Room C"), -45},
     {QStringLiteral("ID-L"), QStringLiteral("Lab"), std::numeric_limits<double>::quiet_NaN()},
@@ -21,7 +21,7 @@ const QList<ReceiverCandidate> kListed = {
 
 std::vector<std::string> names(const QList<qsizetype>& found) {
     std::vector<std::string> out;
-    for (qsizetype i : found) out.push_back(kListed[i].name.toStdString());
+    for (qsizetype i : found) out.push_back(kListed[i].nameText().toStdString());
     return out;
 }
 
@@ -51,7 +51,7 @@ TEST(ReceiverSearch, MatchesAndOrder) {
 }
 
 TEST(ReceiverSearch, ResultIdsFollowTheReceiverNotItsPosition) {
-    QList<ReceiverCandidate> later = kListed;
+    QList<ReceiverRow> later = kListed;
     later.removeFirst();
     later.prepend({QStringLiteral("ID-N"), QStringLiteral("Newcomer"), -30});
     struct Case {
