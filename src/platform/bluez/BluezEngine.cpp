@@ -1,12 +1,10 @@
 #include "platform/bluez/BluezEngine.h"
 
-#include <poll.h>
+#include <sys/epoll.h>
 
 #include <algorithm>
-#include <chrono>
 #include <cmath>
 #include <cstring>
-#include <ctime>
 
 #include "ble/ScanDemand.h"
 #include "log/Log.h"
@@ -48,82 +46,177 @@ BluezEngine::~BluezEngine() {
     discovery_.setBus(nullptr);
     gatt_.setBus(nullptr);
     cache_.detach();
+    detachBus();
     bus_.reset();
 }
 
 // --- the intake loop ----------------------------------------------------------------------------
 
-void BluezEngine::run(const std::atomic<bool>& stop) {
-    start();
-    auto link = link_.lock();
-    if (!link) return;
-    double lastDrainMs = -kCoalescingIntervalMs;
-    while (!stop.load()) {
-        const bool more = drain();
-        for (auto& command : link->takeCommands()) command(*this);
-        queue_.runDue();
-        flush();
-        lastDrainMs = monotonicMs();
-        if (stop.load()) break;
-        if (more) continue;  // behind: no waiting until the backlog is gone
+namespace {
 
-        pollfd fds[2] = {{link->wakeFd(), POLLIN, 0}, {-1, 0, 0}};
-        nfds_t count = 1;
-        if (bus_) {
-            fds[1] = {sd_bus_get_fd(bus_.get()), static_cast<short>(sd_bus_get_events(bus_.get())), 0};
-            count = 2;
+// Timers may fire up to this late; sd-event groups wake-ups within it.
+constexpr uint64_t kTimerAccuracyUs = 1000;
+
+uint64_t usFromMs(double ms) { return static_cast<uint64_t>(std::ceil(std::max(0.0, ms) * 1000.0)); }
+
+}  // namespace
+
+bool BluezEngine::setUpLoop(int wakeFd) {
+    sd_event* event = nullptr;
+    int r = sd_event_new(&event);
+    if (r < 0) {
+        Log::logf("BluezCentral: cannot make the event loop: %s", std::strerror(-r));
+        return false;
+    }
+    event_.reset(event);
+    sd_event_source* source = nullptr;
+    r = sd_event_add_io(event, &source, wakeFd, EPOLLIN, &BluezEngine::onWake, this);
+    wakeSource_.reset(source);
+    source = nullptr;
+    if (r >= 0)
+        r = sd_event_add_time(event, &source, CLOCK_MONOTONIC, 0, kTimerAccuracyUs,
+                              &BluezEngine::onQueueTimer, this);
+    queueTimer_.reset(source);
+    source = nullptr;
+    if (r >= 0)
+        r = sd_event_add_time(event, &source, CLOCK_MONOTONIC, 0, kTimerAccuracyUs, &BluezEngine::onResume,
+                              this);
+    resumeTimer_.reset(source);
+    if (r >= 0) r = sd_event_source_set_enabled(queueTimer_.get(), SD_EVENT_OFF);
+    if (r >= 0) r = sd_event_source_set_enabled(resumeTimer_.get(), SD_EVENT_OFF);
+    if (r < 0) {
+        Log::logf("BluezCentral: cannot set up the event loop: %s", std::strerror(-r));
+        return false;
+    }
+    return true;
+}
+
+void BluezEngine::run(const std::atomic<bool>& stop) {
+    auto link = link_.lock();
+    if (!link || !setUpLoop(link->wakeFd())) return;
+    start();
+    // The stop request comes with a wake, which ends the iteration.
+    while (!stop.load()) {
+        flush();  // what start() or the last iteration produced
+        armQueueTimer();
+        ownSourceRan_ = false;
+        const int r = sd_event_run(event_.get(), UINT64_MAX);
+        if (r < 0) {
+            Log::logf("BluezCentral: the event loop failed: %s", std::strerror(-r));
+            break;
         }
-        if (poll(fds, count, waitTimeoutMs()) < 0 && errno != EINTR) {
-            Log::logf("BluezCentral: poll failed: %s", std::strerror(errno));
-            return;
-        }
-        if (count == 2 && (fds[1].revents & POLLIN) && !(fds[0].revents & POLLIN)) {
-            // Let the burst gather; a command or the stop request cuts the wait short.
-            const double rest = lastDrainMs + kCoalescingIntervalMs - monotonicMs();
-            if (rest > 0) {
-                pollfd wake{link->wakeFd(), POLLIN, 0};
-                poll(&wake, 1, static_cast<int>(std::ceil(rest)));
-            }
-        }
+        // One source runs per iteration; when it was none of ours, it was the connection's.
+        if (bus_ && !sd_bus_is_open(bus_.get()))
+            dropBus("the connection was closed");
+        else if (r > 0 && !ownSourceRan_ && busAttached_)
+            drainAndPause(true);
     }
     // Commands posted before the central went away still go out; closing the connection
     // flushes them.
     for (auto& command : link->takeCommands()) command(*this);
 }
 
-bool BluezEngine::drain() {
-    if (!bus_) return false;
-    int r = 0;
-    for (int n = 0; n < kMaxMessagesPerDrain; ++n) {
-        r = sd_bus_process(bus_.get(), nullptr);
-        if (r <= 0) break;
+int BluezEngine::onWake(sd_event_source* /*source*/, int /*fd*/, uint32_t /*revents*/, void* userdata) {
+    auto* self = static_cast<BluezEngine*>(userdata);
+    self->ownSourceRan_ = true;
+    if (auto link = self->link_.lock()) {
+        for (auto& command : link->takeCommands()) command(*self);
     }
-    if (r < 0) {
-        Log::logf("BluezCentral: the system bus connection failed: %s", std::strerror(-r));
-        discovery_.setBus(nullptr);
-        gatt_.setBus(nullptr);
-        cache_.detach();
-        bus_.reset();
-        cache_.bluezGone();
-        reconnectLater();
-        return false;
-    }
-    return r > 0;
+    return 0;
 }
 
-int BluezEngine::waitTimeoutMs() const {
-    double until = queue_.msUntilNext();
-    if (bus_) {
-        uint64_t usec = 0;
-        if (sd_bus_get_timeout(bus_.get(), &usec) > 0 && usec != UINT64_MAX) {
-            timespec now{};
-            clock_gettime(CLOCK_MONOTONIC, &now);
-            const double nowUs = double(now.tv_sec) * 1e6 + double(now.tv_nsec) / 1e3;
-            const double busMs = std::max(0.0, (double(usec) - nowUs) / 1000.0);
-            until = until < 0 ? busMs : std::min(until, busMs);
-        }
+void BluezEngine::armQueueTimer() {
+    const std::optional<double> due = queue_.nextDueMs();
+    if (due == queueTimerDueMs_) return;
+    queueTimerDueMs_ = due;
+    if (!due) {
+        sd_event_source_set_enabled(queueTimer_.get(), SD_EVENT_OFF);
+        return;
     }
-    return until < 0 ? -1 : static_cast<int>(std::ceil(until));
+    // The queue's clock and the timer's are both CLOCK_MONOTONIC; rounding up keeps the timer
+    // from firing before the task is due.
+    sd_event_source_set_time(queueTimer_.get(), usFromMs(*due));
+    sd_event_source_set_enabled(queueTimer_.get(), SD_EVENT_ONESHOT);
+}
+
+int BluezEngine::onQueueTimer(sd_event_source* /*source*/, uint64_t /*usec*/, void* userdata) {
+    auto* self = static_cast<BluezEngine*>(userdata);
+    self->ownSourceRan_ = true;
+    self->queueTimerDueMs_.reset();  // a one-shot source is off once it fired
+    self->queue_.runDue();
+    return 0;
+}
+
+int BluezEngine::drain() {
+    if (!bus_) return 0;
+    int n = 0;
+    for (; n < kMaxMessagesPerDrain; ++n) {
+        const int r = sd_bus_process(bus_.get(), nullptr);
+        if (r < 0) return r;
+        if (r == 0) break;
+    }
+    return n;
+}
+
+void BluezEngine::pauseBus(int processed) {
+    // Detached, the connection no longer wakes the loop; the resume timer takes over. A command
+    // or the stop request is still served at once.
+    detachBus();
+    uint64_t now = 0;
+    sd_event_now(event_.get(), CLOCK_MONOTONIC, &now);
+    // Behind (the last pass hit its limit): no pause until the backlog is gone.
+    const uint64_t delay = processed >= kMaxMessagesPerDrain ? 0 : usFromMs(kCoalescingIntervalMs);
+    sd_event_source_set_time(resumeTimer_.get(), now + delay);
+    sd_event_source_set_enabled(resumeTimer_.get(), SD_EVENT_ONESHOT);
+}
+
+int BluezEngine::onResume(sd_event_source* /*source*/, uint64_t /*usec*/, void* userdata) {
+    auto* self = static_cast<BluezEngine*>(userdata);
+    self->ownSourceRan_ = true;
+    self->drainAndPause(false);
+    return 0;
+}
+
+void BluezEngine::drainAndPause(bool woken) {
+    if (!bus_) return;
+    const int n = drain();
+    if (n < 0) {
+        dropBus(std::strerror(-n));
+    } else if (woken || n > 0) {
+        pauseBus(n);  // traffic: let the next messages gather
+    } else if (!attachBus()) {
+        dropBus("cannot watch the connection");
+    }
+}
+
+bool BluezEngine::attachBus() {
+    if (!bus_ || busAttached_) return busAttached_;
+    const int r = sd_bus_attach_event(bus_.get(), event_.get(), SD_EVENT_PRIORITY_NORMAL);
+    if (r < 0) {
+        Log::logf("BluezCentral: cannot attach the connection to the event loop: %s", std::strerror(-r));
+        return false;
+    }
+    busAttached_ = true;
+    return true;
+}
+
+void BluezEngine::detachBus() {
+    if (resumeTimer_) sd_event_source_set_enabled(resumeTimer_.get(), SD_EVENT_OFF);
+    if (!bus_ || !busAttached_) return;
+    sd_bus_detach_event(bus_.get());
+    busAttached_ = false;
+}
+
+void BluezEngine::dropBus(const char* why) {
+    Log::logf("BluezCentral: the system bus connection failed: %s", why);
+    discovery_.setBus(nullptr);
+    gatt_.setBus(nullptr);
+    cache_.detach();
+    // Off the loop before it goes: the loop must not keep sources of a freed connection.
+    detachBus();
+    bus_.reset();
+    cache_.bluezGone();
+    reconnectLater();
 }
 
 void BluezEngine::flush() {
@@ -153,6 +246,12 @@ void BluezEngine::start() {
     bus_ = sdbus::openSystemBus(&error);
     if (!bus_) {
         if (!busLost_) Log::logf("BluezCentral: cannot reach the system bus: %s", utf8(error).constData());
+        cache_.settleWithoutBus();
+        reconnectLater();
+        return;
+    }
+    if (!attachBus()) {
+        bus_.reset();
         cache_.settleWithoutBus();
         reconnectLater();
         return;
@@ -266,11 +365,6 @@ void BluezEngine::discoverCharacteristics(const QString& devicePath, const QStri
 }
 void BluezEngine::readValue(const QString& devicePath, const QString& characteristicPath) {
     gatt_.readValue(devicePath, characteristicPath);
-}
-
-double BluezEngine::monotonicMs() {
-    using namespace std::chrono;
-    return duration<double, std::milli>(steady_clock::now().time_since_epoch()).count();
 }
 
 }  // namespace lumerix

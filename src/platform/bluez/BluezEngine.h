@@ -4,13 +4,18 @@
 // handed out. The cache of bluetoothd's objects is ObjectCache's, discovery DiscoverySession's,
 // connections and GATT GattClient's; the engine wires them.
 //
-// The intake loop drains every message that is waiting, runs the commands posted to it, then
-// hands what the drain produced to the delegate queue in one task, and waits at least
-// kCoalescingIntervalMs after a drain before the next one, so a flood of advertisements costs one
-// wake per interval instead of one per advertisement.
+// The intake runs on an sd-event loop of its own: the connection is attached to it, the wake
+// eventfd (commands, the stop request) is an io source, and IntakeQueue's timers are one time
+// source armed for the queue's next deadline. A flood is coalesced: when the connection wakes the
+// loop, everything waiting is processed and the connection is detached from the loop for
+// kCoalescingIntervalMs; then what gathered is processed in one go, and the connection is attached
+// again once a pass finds nothing. What a pass produced goes to the delegate queue in one task, so
+// a flood of advertisements costs one wake and one task per interval instead of one per
+// advertisement.
 #include <QHash>
 #include <QMap>
 #include <QString>
+#include <atomic>
 #include <functional>
 #include <map>
 #include <memory>
@@ -58,7 +63,7 @@ public:
     BluezEngine(const BluezEngine&) = delete;
     BluezEngine& operator=(const BluezEngine&) = delete;
 
-    // The intake loop; returns once stop is set (and the link woken).
+    // The intake loop; returns once stop is set and the link woken.
     void run(const std::atomic<bool>& stop);
 
     void startScan(bool allowDuplicates);
@@ -78,12 +83,26 @@ private:
         std::vector<BleDiscovery> advertisements;
     };
 
+    bool setUpLoop(int wakeFd);
     void start();
     void reconnectLater();
-    // Processes what is waiting, at most kMaxMessagesPerDrain messages; true when more may be.
-    bool drain();
+    // The connection failed: everything made from it goes, and a new one is tried later.
+    void dropBus(const char* why);
+    bool attachBus();
+    void detachBus();
+    // Processes what is waiting, at most kMaxMessagesPerDrain messages; returns how many steps
+    // did work, or a negative errno when the connection failed.
+    int drain();
+    // Processes what waits; then the next messages gather for an interval if the connection woke
+    // the loop or something came, else the connection wakes the loop again.
+    void drainAndPause(bool woken);
+    void pauseBus(int processed);
+    void armQueueTimer();
     void flush();
-    int waitTimeoutMs() const;
+
+    static int onWake(sd_event_source* source, int fd, uint32_t revents, void* userdata);
+    static int onQueueTimer(sd_event_source* source, uint64_t usec, void* userdata);
+    static int onResume(sd_event_source* source, uint64_t usec, void* userdata);
 
     // The device's object is gone: the delegate hears that the peripheral is forgotten.
     void forgetPeripheral(const QString& path);
@@ -92,13 +111,19 @@ private:
     std::shared_ptr<BluezPeripheral> peripheralFor(const QString& path);
     void reportAdvertisement(const QString& path);
     void deliver(std::function<void()> fn);
-    static double monotonicMs();
 
     BleCentralDelegate* const delegate_;
     std::weak_ptr<BluezLink> link_;
     const std::optional<QString> onlyLocalName_;
+    sdbus::EventPtr event_;
+    sdbus::SourcePtr wakeSource_;
+    sdbus::SourcePtr queueTimer_;   // armed for queue_'s next deadline
+    sdbus::SourcePtr resumeTimer_;  // ends a coalescing pause
+    std::optional<double> queueTimerDueMs_;
+    bool ownSourceRan_ = false;  // this loop iteration ran one of the sources above
     sdbus::BusPtr bus_;
-    IntakeQueue queue_;  // the intake loop's timers
+    bool busAttached_ = false;  // bus_ wakes the loop (else it is paused or absent)
+    IntakeQueue queue_;         // the intake loop's timers
     DiscoverySession discovery_;
     double reconnectMs_ = kReconnectMs;
     bool busLost_ = false;

@@ -19,10 +19,10 @@ void IntakeQueue::runDue() {
     }
 }
 
-double IntakeQueue::msUntilNext() const {
+std::optional<double> IntakeQueue::nextDueMs() const {
     // Cancelled tasks still count: waking for one early costs one empty pass.
-    if (tasks_.empty()) return -1;
-    return std::max(0.0, tasks_.begin()->first - clock_.monotonicMs());
+    if (tasks_.empty()) return std::nullopt;
+    return tasks_.begin()->first;
 }
 
 }  // namespace lumerix

@@ -1,8 +1,10 @@
 #pragma once
 // The intake thread's timers as a DispatchQueue, so logic written for queues (the discovery
-// windows) runs on the intake loop unchanged. The loop asks for the next deadline, sleeps until
-// it at most, and runs what is due. Intake thread only; async() is "as soon as the loop comes by".
+// windows) runs on the intake loop unchanged. The loop arms one event-loop timer for the next
+// deadline and runs what is due; tasks due at the same time run in the order they were queued.
+// Intake thread only; async() is "as soon as the loop comes by".
 #include <map>
+#include <optional>
 
 #include "dispatch/DispatchQueue.h"
 
@@ -17,8 +19,8 @@ public:
 
     // Runs every task due now, in due order.
     void runDue();
-    // Milliseconds until the next task is due (0 when one is due), or -1 when none waits.
-    double msUntilNext() const;
+    // When the next task is due, on clock()'s monotonic milliseconds; none when nothing waits.
+    std::optional<double> nextDueMs() const;
 
 private:
     struct Entry {

@@ -1,10 +1,11 @@
 #pragma once
 // A thin RAII layer over libsystemd's D-Bus client (sd-bus): owning handles for the connection,
-// messages and slots, typed readers that turn a{sv} property maps into QVariantMaps (so the
-// property rules in BluezProperties.h apply unchanged), and asynchronous method calls whose
-// completion is a std::function. Not thread-safe: a Bus and everything made from it belong to the
-// thread that uses it.
+// messages and slots (and for the sd-event loop and sources it runs on), typed readers that turn
+// a{sv} property maps into QVariantMaps (so the property rules in BluezProperties.h apply
+// unchanged), and asynchronous method calls whose completion is a std::function. Not thread-safe:
+// a Bus and everything made from it belong to the thread that uses it.
 #include <systemd/sd-bus.h>
+#include <systemd/sd-event.h>
 
 #include <QString>
 #include <QStringList>
@@ -27,6 +28,15 @@ struct SlotUnref {
 using BusPtr = std::unique_ptr<sd_bus, BusUnref>;
 using MessagePtr = std::unique_ptr<sd_bus_message, MessageUnref>;
 using SlotPtr = std::unique_ptr<sd_bus_slot, SlotUnref>;
+
+struct EventUnref {
+    void operator()(sd_event* e) const { sd_event_unref(e); }
+};
+struct SourceUnref {
+    void operator()(sd_event_source* s) const { sd_event_source_disable_unref(s); }
+};
+using EventPtr = std::unique_ptr<sd_event, EventUnref>;
+using SourcePtr = std::unique_ptr<sd_event_source, SourceUnref>;
 
 // The message's signature, never null.
 inline const char* signature(sd_bus_message* m) {
