@@ -5,6 +5,8 @@
 #include <QMap>
 #include <QRegularExpression>
 
+#include "ble/BleCentral.h"
+
 namespace lumerix {
 namespace {
 
@@ -107,10 +109,10 @@ QString identifierForDevice(const QString& path, const BluezDeviceProperties& pr
 }
 
 int centralState(bool bluezPresent, bool accessDenied, const std::optional<BluezAdapterProperties>& adapter) {
-    if (!bluezPresent) return 0;
-    if (accessDenied) return 3;
-    if (!adapter) return 2;
-    return adapter->powered.value_or(false) ? 5 : 4;
+    if (!bluezPresent) return BleStateUnknown;
+    if (accessDenied) return BleStateUnauthorized;
+    if (!adapter) return BleStateUnsupported;
+    return adapter->powered.value_or(false) ? BleStatePoweredOn : BleStatePoweredOff;
 }
 
 int errorCodeForDBusError(const QString& name) {
