@@ -8,11 +8,6 @@
 namespace lumerix {
 namespace {
 
-const QString kKeyUUID = QStringLiteral("UUID");
-const QString kKeyIP = QStringLiteral("IP");
-const QString kKeyLoginCode = QStringLiteral("LoginCode");
-const QString kKeyDevice = QStringLiteral("Device");
-
 const QString kIdentifier = QStringLiteral("identifier");
 const QString kName = QStringLiteral("name");
 const QString kIp = QStringLiteral("ip");

@@ -9,13 +9,6 @@ namespace lumerix {
 
 namespace {
 
-const QString kKeyIP = QStringLiteral("IP");
-const QString kKeyLoginCode = QStringLiteral("LoginCode");
-const QString kKeyDevice = QStringLiteral("Device");
-const QString kKeyDeviceName = QStringLiteral("DeviceName");
-const QString kKeyWiFiSSID = QStringLiteral("WiFiSSID");
-const QString kKeyWiFiKey = QStringLiteral("WiFiKey");
-
 // The receiver's name for a notification, as the menu shows it.
 QString receiverLabel(const ConnectionInfo& info) {
     const auto name = info.constFind(kKeyDeviceName);

@@ -9,8 +9,6 @@ namespace lumerix {
 
 namespace {
 
-const QString kKeyDevice = QStringLiteral("Device");
-
 // Items hand out copies of their own strings, so shared data settles most comparisons at once.
 bool sameText(const std::optional<QString>& a, const std::optional<QString>& b) {
     if (a.has_value() != b.has_value()) return false;
