@@ -17,7 +17,7 @@ shift 2
 : "${LUMERIX_BIN:?LUMERIX_BIN names the lumerix binary}"
 mkdir -p "$out"
 out=$(cd "$out" && pwd)
-rm -f "$out/status" "$out/guest.env" "$out/stage"
+rm -f "$out/status" "$out/guest.env" "$out/stage" "$out/mounts"
 
 # The newest kernel whose modules carry the virtual HCI driver.
 kver=""
@@ -69,6 +69,18 @@ chmod 755 "$work/root/init"
   printf 'LX_ARGS=(%s)\n' "$([ $# -eq 0 ] || printf '%q ' "$@")"
 } >"$out/guest.env"
 printf '%s\n' "$here/guest-stage.sh" >"$out/stage"
+# The checkout and the binary's build tree are shared again at their own paths: the guest lays
+# scratch tmpfs over /tmp, /root and others, which would hide a checkout or a binary kept there.
+checkout=$(cd "$here/../.." && pwd)
+bintree=$(dirname "$(dirname "$(readlink -f "$LUMERIX_BIN")")")
+shares=("$checkout")
+case "$bintree/" in "$checkout"/*) ;; *) shares+=("$bintree") ;; esac
+virtfs=()
+: >"$out/mounts"
+for i in "${!shares[@]}"; do
+  virtfs+=(-virtfs "local,path=${shares[$i]},mount_tag=tree$i,security_model=none,readonly=on,multidevs=remap")
+  printf 'tree%s %s\n' "$i" "${shares[$i]}" >>"$out/mounts"
+done
 
 # -icount keeps the guest's 2-second HCI timeouts from firing when this machine is busy.
 timeout_s=${LX_GUEST_TIMEOUT:-1500}
@@ -78,7 +90,7 @@ timeout --foreground -k 10 "$timeout_s" qemu-system-x86_64 -accel tcg -icount sh
   -kernel "/boot/vmlinuz-$kver" -initrd "$work/initrd.gz" \
   -append "console=ttyS0 quiet loglevel=3 panic=-1 rdinit=/init" \
   -virtfs local,path=/,mount_tag=hostroot,security_model=none,readonly=on,multidevs=remap \
-  -virtfs "local,path=$out,mount_tag=results,security_model=none,multidevs=remap" </dev/null
+  -virtfs "local,path=$out,mount_tag=results,security_model=none,multidevs=remap" "${virtfs[@]}" </dev/null
 qemu_status=$?
 set -e
 if [ ! -s "$out/status" ]; then
