@@ -12,11 +12,6 @@
 #include "platform/bluez/BluezLink.h"
 
 namespace lumerix {
-namespace {
-
-QByteArray utf8(const QString& s) { return s.toUtf8(); }
-
-}  // namespace
 
 BluezEngine::BluezEngine(BleCentralDelegate* delegate, const std::shared_ptr<BluezLink>& link,
                          std::optional<QString> onlyLocalName, std::shared_ptr<ScanDemand> demand)
@@ -245,7 +240,7 @@ void BluezEngine::start() {
     QString error;
     bus_ = sdbus::openSystemBus(&error);
     if (!bus_) {
-        if (!busLost_) Log::logf("BluezCentral: cannot reach the system bus: %s", utf8(error).constData());
+        if (!busLost_) Log::logf("BluezCentral: cannot reach the system bus: %s", qUtf8Printable(error));
         cache_.settleWithoutBus();
         reconnectLater();
         return;
@@ -299,7 +294,7 @@ void BluezEngine::recomputeState() {
     if (state != BleStatePoweredOn) discovery_.lost();
     // Bluetooth back (power, adapter, bluetoothd): look without pause for a while.
     if (state == BleStatePoweredOn && stateReported_) discovery_.boost();
-    Log::logf("BluezCentral: state %d (%s)", state, utf8(adapter).constData());
+    Log::logf("BluezCentral: state %d (%s)", state, qUtf8Printable(adapter));
     state_ = state;
     stateReported_ = true;
     if (auto link = link_.lock()) link->state.store(state);
@@ -345,7 +340,7 @@ void BluezEngine::reportAdvertisement(const QString& path) {
     if (onlyLocalName_ && it->name && *it->name != *onlyLocalName_) return;
     auto peripheral = peripheralFor(path);
     if (!peripheral) {
-        Log::logf("BluezCentral: device %s has no usable address; ignored", utf8(path).constData());
+        Log::logf("BluezCentral: device %s has no usable address; ignored", qUtf8Printable(path));
         return;
     }
     const double rssi = it->rssi ? double(*it->rssi) : kRssiNoReading;

@@ -12,8 +12,6 @@ namespace {
 using bluez::Device1;
 using bluez::GattCharacteristic1;
 
-QByteArray utf8(const QString& s) { return s.toUtf8(); }
-
 }  // namespace
 
 GattClient::GattClient(DispatchQueue& queue, BleCentralDelegate* delegate,
@@ -35,7 +33,7 @@ bool GattClient::isConnected(const QString& path) const {
 void GattClient::connectDevice(const QString& path) {
     auto peripheral = peripheralOf_(path);
     if (!devices_.contains(path) || !peripheral || !bus_) {
-        Log::logf("BluezCentral: connect to unknown device %s", utf8(path).constData());
+        Log::logf("BluezCentral: connect to unknown device %s", qUtf8Printable(path));
         if (peripheral) {
             BleCentralDelegate* delegate = delegate_;
             if (!delegate) return;
@@ -57,8 +55,8 @@ void GattClient::connectDevice(const QString& path) {
             return;
         }
         l->connectPending = false;
-        Log::logf("BluezCentral: Connect %s failed: %s", utf8(path).constData(),
-                  utf8(reply.errorText()).constData());
+        Log::logf("BluezCentral: Connect %s failed: %s", qUtf8Printable(path),
+                  qUtf8Printable(reply.errorText()));
         auto peripheral = peripheralOf_(path);
         BleCentralDelegate* delegate = delegate_;
         if (!peripheral || !delegate) return;
@@ -77,8 +75,8 @@ void GattClient::disconnectDevice(const QString& path) {
     if (!link.reportedConnected && !device->connected.value_or(false)) return;
     Device1::disconnect(bus_, path, [path](const sdbus::Reply& reply) {
         if (!reply.ok())
-            Log::logf("BluezCentral: Disconnect %s failed: %s", utf8(path).constData(),
-                      utf8(reply.errorText()).constData());
+            Log::logf("BluezCentral: Disconnect %s failed: %s", qUtf8Printable(path),
+                      qUtf8Printable(reply.errorText()));
     });
 }
 
@@ -157,7 +155,7 @@ void GattClient::discoverServices(const QString& path) {
     auto device = devices_.constFind(path);
     if (device == devices_.constEnd() || !isConnected(path)) {
         Log::logf("BluezCentral: service discovery on %s, which is not connected; ignored",
-                  utf8(path).constData());
+                  qUtf8Printable(path));
         return;
     }
     Link& link = links_[path];
@@ -204,7 +202,7 @@ void GattClient::discoverCharacteristics(const QString& devicePath, const QStrin
     auto service = serviceObjects_.value(servicePath);
     if (!peripheral || !service || !devices_.contains(devicePath) || !isConnected(devicePath)) {
         Log::logf("BluezCentral: characteristic discovery for %s on a device that is not connected; ignored",
-                  utf8(servicePath).constData());
+                  qUtf8Printable(servicePath));
         return;
     }
     std::vector<BleCharacteristicRef> list;
@@ -227,7 +225,7 @@ void GattClient::readValue(const QString& devicePath, const QString& characteris
     auto characteristic = characteristicObjects_.value(characteristicPath);
     if (!peripheral || !characteristic || !bus_) {
         Log::logf("BluezCentral: read of unknown characteristic %s ignored",
-                  utf8(characteristicPath).constData());
+                  qUtf8Printable(characteristicPath));
         return;
     }
     GattCharacteristic1::readValue(
@@ -243,8 +241,8 @@ void GattClient::readValue(const QString& devicePath, const QString& characteris
                 characteristic->setValue(value);
             }
             if (error)
-                Log::logf("BluezCentral: ReadValue %s failed: %s", utf8(characteristic->path()).constData(),
-                          utf8(error->description).constData());
+                Log::logf("BluezCentral: ReadValue %s failed: %s", qUtf8Printable(characteristic->path()),
+                          qUtf8Printable(error->description));
             BleCharacteristicRef ref = characteristic;
             deliver_([peripheral, ref, error] {
                 if (auto* d = peripheral->delegate())

@@ -46,8 +46,6 @@ constexpr const char* kMatchNameOwner =
     "DBus',interface='org.freedesktop.DBus',"
     "member='NameOwnerChanged',arg0='org.bluez'";
 
-QByteArray utf8(const QString& s) { return s.toUtf8(); }
-
 // The body of a PropertiesChanged signal (interface, changed, invalidated); false, logged, when it
 // has another shape.
 bool readPropertiesChanged(sd_bus_message* m, const QString& path, QVariantMap* changed,
@@ -58,7 +56,7 @@ bool readPropertiesChanged(sd_bus_message* m, const QString& path, QVariantMap* 
         sdbus::readStringArray(m, invalidated))
         return true;
     Log::logf("BluezCentral: PropertiesChanged with signature \"%s\" on %s ignored", sdbus::signature(m),
-              utf8(path).constData());
+              qUtf8Printable(path));
     return false;
 }
 
@@ -157,16 +155,16 @@ void ObjectCache::onSnapshot(quint64 generation, const bluez::Snapshot& snapshot
         accessDenied_ = snapshot.accessDenied;
         bluezPresent_ = accessDenied_;
         if (!accessDenied_)
-            Log::logf("BluezCentral: org.bluez is not available (%s)", utf8(snapshot.error).constData());
+            Log::logf("BluezCentral: org.bluez is not available (%s)", qUtf8Printable(snapshot.error));
         else
-            Log::logf("BluezCentral: access to org.bluez denied (%s)", utf8(snapshot.error).constData());
+            Log::logf("BluezCentral: access to org.bluez denied (%s)", qUtf8Printable(snapshot.error));
         clearObjects(BluezErrorPeripheralDisconnected);
         onStateInputs();
         return;
     }
     bluezPresent_ = true;
     accessDenied_ = false;
-    if (!snapshot.error.isEmpty()) Log::logf("BluezCentral: %s; ignored", utf8(snapshot.error).constData());
+    if (!snapshot.error.isEmpty()) Log::logf("BluezCentral: %s; ignored", qUtf8Printable(snapshot.error));
 
     // Keep what is known of devices that are still there (their connections too); drop the rest.
     QHash<QString, BluezDeviceProperties> previous;
@@ -379,8 +377,8 @@ QString ObjectCache::adapterPath() const { return bluez::defaultAdapterPath(adap
 
 void ObjectCache::logProblems(const QString& path, const QString& interface, const QStringList& problems) {
     for (const QString& p : problems)
-        Log::logf("BluezCentral: %s on %s: %s; ignored", utf8(interface).constData(), utf8(path).constData(),
-                  utf8(p).constData());
+        Log::logf("BluezCentral: %s on %s: %s; ignored", qUtf8Printable(interface), qUtf8Printable(path),
+                  qUtf8Printable(p));
 }
 
 }  // namespace lumerix

@@ -177,6 +177,9 @@ private:
 
 // Serves the receiver service 0x5885: the header at 0x5880 (last index = values - 1), then
 // `payload` in 20-byte values from 0x5885 on.
+// The connection info a room's receiver serves in most cases.
+inline const ConnectionFields kRoom4{"Lab-WiFi", "s3cret-key", "192.168.1.20", "Room 4", "1234"};
+
 inline std::shared_ptr<FakeService> serveConnectionInfo(FakeGattPeripheral& p, uint8_t byte0,
                                                         const ConnectionFields& f,
                                                         const QByteArray& payload) {

@@ -18,7 +18,6 @@ using test::FakeGattCentral;
 using test::FakeGattPeripheral;
 
 const QString kId = QStringLiteral("00000000-0000-0000-0000-A1B2C3D4E5F6");
-const ConnectionFields kRoom4{"Lab-WiFi", "s3cret-key", "192.168.1.20", "Room 4", "1234"};
 
 QString field(const char* bytes, size_t width) {
     return QString::fromUtf8(bytes, qsizetype(strnlen(bytes, width)));
@@ -129,7 +128,7 @@ TEST_F(GattHandlerTest, OutOfOrderChunksStayInArrivalOrder) {
 TEST_F(GattHandlerTest, DataDecodingFillsTheRecordAndAnOversizedBufferStillResolves) {
     addReceiver();
     auto it = item();
-    it->setDataBuffer(test::encryptFields(kRoom4));
+    it->setDataBuffer(test::encryptFields(test::kRoom4));
     it->setLumerixHeader({1, 2, 8, 10, 12, 6, 4});
     handler->decrytLumerixData(it);
     LumerixStruct r = it->lumerix();
@@ -157,7 +156,7 @@ using GattHandlerDeathTest = GattHandlerBase;
 TEST_F(GattHandlerDeathTest, ALengthBeyondTheRecordEndsTheProcess) {
     auto p = addReceiver();
     auto it = item();
-    it->setDataBuffer(test::encryptFields(kRoom4));
+    it->setDataBuffer(test::encryptFields(test::kRoom4));
     handler->decrytLumerixHeader(it, QByteArray::fromHex("0502f8f3f1f6f9"));
     EXPECT_DEATH(handler->decrytLumerixData(it),
                  "copy of 65528 bytes into WiFiSSID exceeds its 176-byte bound");
@@ -172,7 +171,7 @@ TEST_F(GattHandlerDeathTest, ALengthBeyondTheRecordEndsTheProcess) {
 TEST_F(GattHandlerTest, ConnectionReadsDecryptsAndDisconnects) {
     auto p = addReceiver();
     p->rssi = -42;
-    serveConnectionInfo(*p, 0x41, kRoom4);
+    serveConnectionInfo(*p, 0x41, test::kRoom4);
     auto it = item();
     handler->connectItem(it);
     settle();
@@ -195,7 +194,7 @@ TEST_F(GattHandlerTest, ConnectionReadsDecryptsAndDisconnects) {
 
 TEST_F(GattHandlerTest, ServicesAreAskedForAgainUntilTheReceiverServiceShowsUp) {
     auto p = addReceiver();
-    serveConnectionInfo(*p, 0x41, kRoom4);
+    serveConnectionInfo(*p, 0x41, test::kRoom4);
     p->hideServicesForDiscoveries = 3;
     handler->connectItem(item());
     settle();

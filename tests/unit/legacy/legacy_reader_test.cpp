@@ -14,8 +14,6 @@ using test::ConnectionFields;
 using test::FakeGattCentral;
 using test::FakeGattPeripheral;
 
-const ConnectionFields kRoom4{"Lab-WiFi", "s3cret-key", "192.168.1.20", "Room 4", "1234"};
-
 QString beaconId(int n) {
     return QStringLiteral("00000000-0000-0000-0000-0000000000%1").arg(n, 2, 10, QLatin1Char('0'));
 }
@@ -39,7 +37,7 @@ protected:
     // A receiver serving the header and the data values of `payload`.
     std::shared_ptr<FakeGattPeripheral> addBeacon(int n, uint8_t byte0, const QByteArray& payload) {
         auto p = std::make_shared<FakeGattPeripheral>(beaconId(n), QStringLiteral("LX"), &main);
-        test::serveConnectionInfo(*p, byte0, kRoom4, payload);
+        test::serveConnectionInfo(*p, byte0, test::kRoom4, payload);
         beacons.push_back(p);
         return p;
     }
@@ -73,8 +71,8 @@ protected:
 
 TEST_F(LegacyReaderTest, ReadsTwoBeaconsInTurnAndDecodesTheirPayloads) {
     // One encrypted with complemented lengths, one plain text.
-    std::vector<std::shared_ptr<FakeGattPeripheral>> both{addBeacon(0, 0x41, test::encryptFields(kRoom4)),
-                                                          addBeacon(1, 0x40, kRoom4.joined())};
+    std::vector<std::shared_ptr<FakeGattPeripheral>> both{
+        addBeacon(0, 0x41, test::encryptFields(test::kRoom4)), addBeacon(1, 0x40, test::kRoom4.joined())};
     // The alive check queues both at 6 s; the reader takes one every 8 s from 8 s on.
     runSeconds(7, both);
     EXPECT_EQ(reader->waitingPeripherals().size(), 2);
@@ -94,7 +92,7 @@ TEST_F(LegacyReaderTest, ReadsTwoBeaconsInTurnAndDecodesTheirPayloads) {
 }
 
 TEST_F(LegacyReaderTest, ARecordStaysFreshFor300Seconds) {
-    auto a = addBeacon(1, 0x41, test::encryptFields(kRoom4));
+    auto a = addBeacon(1, 0x41, test::encryptFields(test::kRoom4));
     runSeconds(9, {a});
     ASSERT_NE(record(beaconId(1)), nullptr);
     EXPECT_NEAR(record(beaconId(1))->GetTimpStamp(), time.nowMs() / 1000.0 - 1.0, 0.1);  // read at 8 s
@@ -109,8 +107,8 @@ TEST_F(LegacyReaderTest, ARecordStaysFreshFor300Seconds) {
 }
 
 TEST_F(LegacyReaderTest, ABeaconNotHeardFor20SecondsIsDropped) {
-    auto a = addBeacon(1, 0x41, test::encryptFields(kRoom4));
-    auto b = addBeacon(2, 0x41, test::encryptFields(kRoom4));
+    auto a = addBeacon(1, 0x41, test::encryptFields(test::kRoom4));
+    auto b = addBeacon(2, 0x41, test::encryptFields(test::kRoom4));
     runSeconds(30, {a, b});  // a is last heard at 29 s
     runSeconds(23, {b});     // the check at 48 s finds 19 s
     EXPECT_EQ(reader->livedBeacons().size(), 2);
@@ -123,7 +121,7 @@ TEST_F(LegacyReaderTest, ABeaconNotHeardFor20SecondsIsDropped) {
 }
 
 TEST_F(LegacyReaderTest, AReadThatNeverStartsEndsAfter8SecondsAndIsRetried) {
-    auto c = addBeacon(1, 0x41, test::encryptFields(kRoom4));
+    auto c = addBeacon(1, 0x41, test::encryptFields(test::kRoom4));
     c->answersConnect = false;
     runSeconds(8, {c});  // connect requested at 8 s
     time.advance(7900);

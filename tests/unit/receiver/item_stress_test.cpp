@@ -12,7 +12,7 @@
 namespace lumerix {
 namespace {
 
-class CountingDelegate final : public QVLumerixItemDelegate {
+class DisappearCounter final : public QVLumerixItemDelegate {
 public:
     void lumerixItemDisappeared(QVLumerixItem& item) override {
         calls.fetch_add(1);
@@ -38,7 +38,7 @@ bool torn(const T& record) {
 
 TEST(ItemStress, SamplesDecayAndReadersOnThreeThreads) {
     constexpr int kSamples = 20000;
-    CountingDelegate delegate;
+    DisappearCounter delegate;
     ThreadQueue queue("evaluate");
     auto item = QVLumerixItem::initWithPeripheral(std::make_shared<StaticPeripheral>(
         QStringLiteral("00000000-0000-0000-0000-0000000000AA"), QStringLiteral("LX")));
