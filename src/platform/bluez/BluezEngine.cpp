@@ -42,7 +42,9 @@ BluezEngine::~BluezEngine() {
     gatt_.setBus(nullptr);
     cache_.detach();
     detachBus();
+    relaySource_.reset();
     bus_.reset();
+    relay_.reset();
 }
 
 // --- the intake loop ----------------------------------------------------------------------------
@@ -145,6 +147,12 @@ int BluezEngine::onQueueTimer(sd_event_source* /*source*/, uint64_t /*usec*/, vo
 int BluezEngine::drain() {
     if (!bus_) return 0;
     int n = 0;
+    if (relay_) {
+        n = relay_->pump(bus_.get(), kMaxMessagesPerDrain, [this](const buswire::PlainAdvertisement& a) {
+            cache_.deviceAdvertised(a.path, a.advertisement);
+        });
+        if (n < 0) return n;
+    }
     for (; n < kMaxMessagesPerDrain; ++n) {
         const int r = sd_bus_process(bus_.get(), nullptr);
         if (r < 0) return r;
@@ -163,6 +171,14 @@ void BluezEngine::pauseBus(int processed) {
     const uint64_t delay = processed >= kMaxMessagesPerDrain ? 0 : usFromMs(kCoalescingIntervalMs);
     sd_event_source_set_time(resumeTimer_.get(), now + delay);
     sd_event_source_set_enabled(resumeTimer_.get(), SD_EVENT_ONESHOT);
+}
+
+int BluezEngine::onRelayReadable(sd_event_source* /*source*/, int /*fd*/, uint32_t /*revents*/,
+                                 void* userdata) {
+    auto* self = static_cast<BluezEngine*>(userdata);
+    self->ownSourceRan_ = true;
+    self->drainAndPause(true);
+    return 0;
 }
 
 int BluezEngine::onResume(sd_event_source* /*source*/, uint64_t /*usec*/, void* userdata) {
@@ -186,7 +202,17 @@ void BluezEngine::drainAndPause(bool woken) {
 
 bool BluezEngine::attachBus() {
     if (!bus_ || busAttached_) return busAttached_;
-    const int r = sd_bus_attach_event(bus_.get(), event_.get(), SD_EVENT_PRIORITY_NORMAL);
+    int r = sd_bus_attach_event(bus_.get(), event_.get(), SD_EVENT_PRIORITY_NORMAL);
+    if (r >= 0 && relay_) {
+        if (!relaySource_) {
+            sd_event_source* source = nullptr;
+            r = sd_event_add_io(event_.get(), &source, relay_->fd(), EPOLLIN, &BluezEngine::onRelayReadable,
+                                this);
+            relaySource_.reset(source);
+        }
+        if (r >= 0) r = sd_event_source_set_enabled(relaySource_.get(), SD_EVENT_ON);
+        if (r < 0) sd_bus_detach_event(bus_.get());
+    }
     if (r < 0) {
         Log::logf("BluezCentral: cannot attach the connection to the event loop: %s", std::strerror(-r));
         return false;
@@ -199,6 +225,7 @@ void BluezEngine::detachBus() {
     if (resumeTimer_) sd_event_source_set_enabled(resumeTimer_.get(), SD_EVENT_OFF);
     if (!bus_ || !busAttached_) return;
     sd_bus_detach_event(bus_.get());
+    if (relaySource_) sd_event_source_set_enabled(relaySource_.get(), SD_EVENT_OFF);
     busAttached_ = false;
 }
 
@@ -209,7 +236,9 @@ void BluezEngine::dropBus(const char* why) {
     cache_.detach();
     // Off the loop before it goes: the loop must not keep sources of a freed connection.
     detachBus();
+    relaySource_.reset();
     bus_.reset();
+    relay_.reset();
     cache_.bluezGone();
     reconnectLater();
 }
@@ -238,7 +267,8 @@ void BluezEngine::deliver(std::function<void()> fn) { pending_.push_back({std::m
 
 void BluezEngine::start() {
     QString error;
-    bus_ = sdbus::openSystemBus(&error);
+    relay_ = BusRelay::connectSystemBus(&bus_, &error);
+    if (!relay_ && error.isEmpty()) bus_ = sdbus::openSystemBus(&error);  // not a Unix socket
     if (!bus_) {
         if (!busLost_) Log::logf("BluezCentral: cannot reach the system bus: %s", qUtf8Printable(error));
         cache_.settleWithoutBus();
@@ -247,6 +277,7 @@ void BluezEngine::start() {
     }
     if (!attachBus()) {
         bus_.reset();
+        relay_.reset();
         cache_.settleWithoutBus();
         reconnectLater();
         return;

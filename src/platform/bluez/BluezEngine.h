@@ -4,7 +4,8 @@
 // handed out. The cache of bluetoothd's objects is ObjectCache's, discovery DiscoverySession's,
 // connections and GATT GattClient's; the engine wires them.
 //
-// The intake runs on an sd-event loop of its own: the connection is attached to it, the wake
+// The intake runs on an sd-event loop of its own: the connection (its socket read by BusRelay,
+// which takes plain advertisements itself and hands the rest to sd-bus) is attached to it, the wake
 // eventfd (commands, the stop request) is an io source, and IntakeQueue's timers are one time
 // source armed for the queue's next deadline. A flood is coalesced: when the connection wakes the
 // loop, everything waiting is processed and the connection is detached from the loop for
@@ -31,6 +32,7 @@
 #include "platform/bluez/BluezPeripheral.h"
 #include "platform/bluez/BluezProperties.h"
 #include "platform/bluez/BluezService.h"
+#include "platform/bluez/BusRelay.h"
 #include "platform/bluez/DiscoverySession.h"
 #include "platform/bluez/GattClient.h"
 #include "platform/bluez/IntakeQueue.h"
@@ -103,6 +105,7 @@ private:
     static int onWake(sd_event_source* source, int fd, uint32_t revents, void* userdata);
     static int onQueueTimer(sd_event_source* source, uint64_t usec, void* userdata);
     static int onResume(sd_event_source* source, uint64_t usec, void* userdata);
+    static int onRelayReadable(sd_event_source* source, int fd, uint32_t revents, void* userdata);
 
     // The device's object is gone: the delegate hears that the peripheral is forgotten.
     void forgetPeripheral(const QString& path);
@@ -120,7 +123,9 @@ private:
     sdbus::SourcePtr queueTimer_;   // armed for queue_'s next deadline
     sdbus::SourcePtr resumeTimer_;  // ends a coalescing pause
     std::optional<double> queueTimerDueMs_;
-    bool ownSourceRan_ = false;  // this loop iteration ran one of the sources above
+    bool ownSourceRan_ = false;        // this loop iteration ran one of the sources above
+    std::unique_ptr<BusRelay> relay_;  // reads bus_'s socket (absent for a bus that is not a Unix socket)
+    sdbus::SourcePtr relaySource_;     // the relay's socket in the loop
     sdbus::BusPtr bus_;
     bool busAttached_ = false;  // bus_ wakes the loop (else it is paused or absent)
     IntakeQueue queue_;         // the intake loop's timers

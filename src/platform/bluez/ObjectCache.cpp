@@ -85,13 +85,22 @@ bool ObjectCache::attach(sd_bus* bus) {
     bool ok = true;
     for (const Rule& rule : rules) {
         sd_bus_slot* slot = nullptr;
-        if (sd_bus_add_match(bus, &slot, rule.match, rule.handler, this) < 0) {
+        // Asynchronous: the intake never waits on its own connection (BusRelay feeds it). The
+        // bus daemon takes the rules before the snapshot's call, which is sent after them.
+        if (sd_bus_add_match_async(bus, &slot, rule.match, rule.handler, &ObjectCache::onMatchInstalled,
+                                   this) < 0) {
             ok = false;
             continue;
         }
         matches_.emplace_back(slot);
     }
     return ok;
+}
+
+int ObjectCache::onMatchInstalled(sd_bus_message* m, void* /*self*/, sd_bus_error* /*error*/) {
+    if (const sd_bus_error* e = sd_bus_message_get_error(m))
+        Log::logf("BluezCentral: could not subscribe to every org.bluez signal (%s)", e->name ? e->name : "");
+    return 0;
 }
 
 void ObjectCache::detach() {
@@ -303,7 +312,21 @@ void ObjectCache::devicePropertiesChanged(sd_bus_message* m) {
         return;
     }
     if (ignored && changed.isEmpty() && invalidated.isEmpty()) return;
-    const QString path = known != paths_.end() ? known->second.path : QString::fromUtf8(rawPath);
+    applyDeviceChanges(known, rawPath, advertisement, changed, invalidated);
+}
+
+void ObjectCache::deviceAdvertised(std::string_view rawPath, const BluezAdvertisement& advertisement) {
+    const auto known = paths_.find(rawPath);
+    if (known != paths_.end() && known->second.ignored) return;  // only its advertisement changed
+    applyDeviceChanges(known, rawPath, advertisement, {}, {});
+}
+
+void ObjectCache::applyDeviceChanges(KnownPaths::const_iterator known, std::string_view rawPath,
+                                     const BluezAdvertisement& advertisement, const QVariantMap& changed,
+                                     const QStringList& invalidated) {
+    const QString path = known != paths_.end()
+                             ? known->second.path
+                             : QString::fromUtf8(rawPath.data(), static_cast<qsizetype>(rawPath.size()));
     updateDevice(path, changed, invalidated, true, &advertisement);
     if (advertisement.hasRssi || advertisement.hasManufacturerData ||
         changed.contains(QStringLiteral("RSSI")) || changed.contains(QStringLiteral("ManufacturerData")))

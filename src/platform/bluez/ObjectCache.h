@@ -50,6 +50,10 @@ public:
     // Discovery was refused: the adapter may be read, not scanned.
     void setAccessDenied();
 
+    // A PropertiesChanged on the device that carried its RSSI or ManufacturerData only, read from
+    // the message's bytes (see BusRelay).
+    void deviceAdvertised(std::string_view path, const BluezAdvertisement& advertisement);
+
     bool settled() const { return snapshotDone_; }
     QString adapterPath() const;
     int centralState() const;
@@ -72,8 +76,14 @@ private:
     static int onTransportPropertiesChanged(sd_bus_message* m, void* self, sd_bus_error*);
     static int onDeviceDisconnected(sd_bus_message* m, void* self, sd_bus_error*);
     static int onNameOwnerChanged(sd_bus_message* m, void* self, sd_bus_error*);
+    static int onMatchInstalled(sd_bus_message* m, void* self, sd_bus_error*);
+
+    using KnownPaths = std::unordered_map<std::string, KnownPath, PathHash, std::equal_to<>>;
 
     void devicePropertiesChanged(sd_bus_message* m);
+    void applyDeviceChanges(KnownPaths::const_iterator known, std::string_view rawPath,
+                            const BluezAdvertisement& advertisement, const QVariantMap& changed,
+                            const QStringList& invalidated);
     void onSnapshot(quint64 generation, const bluez::Snapshot& snapshot);
     void clearObjects(int disconnectError);
     void addInterfaces(const QString& path, const bluez::InterfaceMap& interfaces, bool fromSignal,
@@ -102,7 +112,7 @@ private:
     QHash<QString, BluezDeviceProperties> devices_;
     // Device paths as sd-bus gives them. Advertisements of ignored devices are skipped unread (a
     // Name change still reaches them).
-    std::unordered_map<std::string, KnownPath, PathHash, std::equal_to<>> paths_;
+    KnownPaths paths_;
 };
 
 }  // namespace lumerix
