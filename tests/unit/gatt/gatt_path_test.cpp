@@ -114,17 +114,6 @@ TEST_F(GattHandlerTest, AccumulationCompletesOnTheLastIndexInArrivalOrder) {
     EXPECT_EQ(it->characteristicInfo().size(), 4);
 }
 
-// Chunks out of index order are kept in arrival order; only the last index completes.
-TEST_F(GattHandlerTest, OutOfOrderChunksStayInArrivalOrder) {
-    addReceiver();
-    auto it = item();
-    handler->decrytLumerixHeader(it, QByteArray::fromHex("0102"));
-    EXPECT_FALSE(it->updateCharacteristic(*valued(0x5886, "one-")));
-    EXPECT_FALSE(it->updateCharacteristic(*valued(0x5885, "zero")));
-    EXPECT_TRUE(it->updateCharacteristic(*valued(0x5887, "two-")));
-    EXPECT_EQ(it->dataBuffer(), QByteArray("one-zerotwo-"));
-}
-
 TEST_F(GattHandlerTest, DataDecodingFillsTheRecordAndAnOversizedBufferStillResolves) {
     addReceiver();
     auto it = item();
