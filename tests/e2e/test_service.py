@@ -9,7 +9,7 @@ import dbus
 
 import lxharness
 from lxharness import stop_process, wait_for
-from test_tray import FAKE_SENDER, ROOM_A, ROOM_B, ROOM_C, TrayCase
+from test_tray import ROOM_A, ROOM_B, ROOM_C, TrayCase
 
 SERVICE = 'com.zemko.Lumerix'
 PATH = '/com/zemko/Lumerix'
@@ -123,18 +123,11 @@ class ThroughTheTray(ServiceCase):
 
 class WithoutATray(ServiceCase):
     def test_standalone_connect_launches_the_sender_which_fetches_bravo(self):
-        pid_file = os.path.join(self.desktop.root, 'launched.pid')
-        self.addCleanup(self.stop_launched_sender, pid_file)
         # Nothing to hand the receiver to: said at once, with its own status.
         code, _, err = self.lumerix('--connect', 'Bravo', '--timeout', '1')
         self.assertEqual(code, 4, err)
         self.assertIn('not installed', err)
-        applications = os.path.join(self.desktop.data_home, 'applications')
-        os.makedirs(applications)
-        with open(os.path.join(applications, 'com.Sharvane.Ondrel.desktop'), 'w', encoding='utf-8') as f:
-            f.write('[Desktop Entry]\nType=Application\nName=Test sender\n'
-                    f'Exec=/usr/bin/python3 {FAKE_SENDER} --out {self.frames} --fetch 19319 --ready {pid_file} '
-                    '--lifetime 20\n')
+        self.install_sender('--fetch', '19319', '--lifetime', '20')
         ads = self.advertiser()
         ads.add(ROOM_A, -40)
         ads.add(BRAVO, -65)
