@@ -274,13 +274,7 @@ TEST(AppDelegateMenu, MergeReplacesBySameIdentifierAndKeepsStrongestFirst) {
     ASSERT_EQ(shell.discoveredDeviceAry().size(), 2u);
     EXPECT_EQ(shell.discoveredDeviceAry()[0], newer);
     EXPECT_EQ(rig.menuRows().mid(0, 2), (QStringList{QStringLiteral("B2"), QStringLiteral("A")}));
-
-    // The dictionary carries exactly what the item has.
-    const ReceiverDictionary& top = shell.discoveredDevice()[0];
-    EXPECT_EQ(top, (ReceiverDictionary{{QStringLiteral("UUID"), uuidFor(2)},
-                                       {QStringLiteral("IP"), QStringLiteral("10.0.0.1")},
-                                       {QStringLiteral("LoginCode"), QStringLiteral("1234")},
-                                       {QStringLiteral("Device"), QStringLiteral("B2")}}));
+    EXPECT_EQ(shell.discoveredDevice()[0].value(QStringLiteral("Device")), QStringLiteral("B2"));
 }
 
 TEST(AppDelegateMenu, AgingBoundaryIsStrictlyMoreThanTwentySeconds) {
