@@ -161,10 +161,12 @@ TEST_F(GattHandlerTest, ConnectionReadsDecryptsAndDisconnects) {
     auto p = addReceiver();
     p->rssi = -42;
     serveConnectionInfo(*p, 0x41, test::kRoom4);
+    p->hideServicesForDiscoveries = 3;  // asked for again until the receiver service shows up
     auto it = item();
     handler->connectItem(it);
     settle();
 
+    EXPECT_EQ(p->discoverServicesCalls, 4);
     EXPECT_EQ(statuses(),
               (std::vector<int>{LumerixItemConnected, LumerixItemResolved, LumerixItemDisconnected}));
     EXPECT_TRUE(errors().empty());
@@ -179,17 +181,6 @@ TEST_F(GattHandlerTest, ConnectionReadsDecryptsAndDisconnects) {
     // Scanning resumes with continueScanAfterConnect (false: stop and clear the table).
     EXPECT_EQ(central->stopScanCalls, 1);
     EXPECT_TRUE(handler->discoveredDeviceInfo().isEmpty());
-}
-
-TEST_F(GattHandlerTest, ServicesAreAskedForAgainUntilTheReceiverServiceShowsUp) {
-    auto p = addReceiver();
-    serveConnectionInfo(*p, 0x41, test::kRoom4);
-    p->hideServicesForDiscoveries = 3;
-    handler->connectItem(item());
-    settle();
-    EXPECT_EQ(p->discoverServicesCalls, 4);
-    EXPECT_EQ(statuses(),
-              (std::vector<int>{LumerixItemConnected, LumerixItemResolved, LumerixItemDisconnected}));
 }
 
 TEST_F(GattHandlerTest, DisconnectionOutcomes) {
