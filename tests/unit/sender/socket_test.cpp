@@ -90,6 +90,7 @@ TEST(SendDataToOndrel, DeliversExactlyTheCountThenEndOfStream) {
 
 // The port's listener must be ours before and after the connect; otherwise not one byte leaves.
 TEST(SendDataToOndrel, SendsOnlyToAListenerOfOurs) {
+    const DeliveryOutcome ours = DeliveryOutcome::Delivered, foreign = DeliveryOutcome::ForeignListener;
     const struct {
         const char* name;
         std::vector<std::vector<uint32_t>> owners;  // answer to each lookup in turn
@@ -97,23 +98,11 @@ TEST(SendDataToOndrel, SendsOnlyToAListenerOfOurs) {
         bool connects;
         const char* logged;
     } cases[] = {
-        {"ours", {{kUs}, {kUs}}, DeliveryOutcome::Delivered, true, nullptr},
-        {"another user's", {{kOther}}, DeliveryOutcome::ForeignListener, false, "belongs to uid 1001"},
-        {"ours and another's on the same port",
-         {{kUs, kOther}},
-         DeliveryOutcome::ForeignListener,
-         false,
-         "belongs to uid 1001"},
-        {"changed hands during the connect",
-         {{kUs}, {kOther}},
-         DeliveryOutcome::ForeignListener,
-         true,
-         "not to this user (uid 1000)"},
-        {"gone from the table after the connect",
-         {{}, {}},
-         DeliveryOutcome::ForeignListener,
-         true,
-         "could be found to check"},
+        {"ours", {{kUs}, {kUs}}, ours, true, nullptr},
+        {"another user's", {{kOther}}, foreign, false, "belongs to uid 1001"},
+        {"ours and another's on the same port", {{kUs, kOther}}, foreign, false, "belongs to uid 1001"},
+        {"changed hands during the connect", {{kUs}, {kOther}}, foreign, true, "not to this user (uid 1000)"},
+        {"gone from the table after the connect", {{}, {}}, foreign, true, "could be found to check"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);

@@ -101,15 +101,11 @@ TEST(AppDelegateLifecycle, ToolTipNamesTheRadioState) {
         bool attention;  // the item's status asks for it
     };
     const QString a = QStringLiteral("\nA \u2014 \u221250 dBm");  // its age is left out below
+    const QString gone = QStringLiteral("Lumerix\nBluetooth service (bluetoothd) is not running");
     const Case cases[] = {
         {"off at launch", 4, {}, false, QStringLiteral("Lumerix\nBluetooth is off"), true},
         {"no adapter", 2, {}, false, QStringLiteral("Lumerix\nNo Bluetooth adapter"), true},
-        {"bluetoothd gone",
-         5,
-         {0},
-         false,
-         QStringLiteral("Lumerix\nBluetooth service (bluetoothd) is not running"),
-         true},
+        {"bluetoothd gone", 5, {0}, false, gone, true},
         {"access denied", 3, {}, false, QStringLiteral("Lumerix\nBluetooth access denied"), true},
         {"on, nothing heard", 5, {}, false, QStringLiteral("Lumerix\nSearching for receivers"), false},
         {"not known yet", std::nullopt, {}, false, QStringLiteral("Lumerix\nChecking Bluetooth"), false},
@@ -234,21 +230,16 @@ TEST(AppDelegateMenu, LayoutAndIcon) {
     };
     const QString sep = QStringLiteral("---"), about = QStringLiteral("About"), exit = QStringLiteral("Exit");
     const QString a = QStringLiteral("A"), b = QStringLiteral("B");
+    const QVariantList refs = twoReferenceEntries();
+    const QString& room = kBoardroom;
+    const QString& training = kTraining;
     const Case cases[] = {
         {"empty", {}, {}, {sep, about, exit}, false},
-        {"references only", twoReferenceEntries(), {}, {kBoardroom, kTraining, sep, about, exit}, false},
+        {"references only", refs, {}, {room, training, sep, about, exit}, false},
         {"one receiver", {}, {a}, {a, sep, about, exit}, true},
-        {"receiver above references",
-         twoReferenceEntries(),
-         {a},
-         {a, kBoardroom, kTraining, sep, about, exit},
-         true},
+        {"receiver above references", refs, {a}, {a, room, training, sep, about, exit}, true},
         {"unnamed leaves its gap", {}, {none, b}, {sep, b, about, exit}, true},
-        {"unnamed gap among references",
-         twoReferenceEntries(),
-         {none, b},
-         {kBoardroom, b, kTraining, sep, about, exit},
-         true},
+        {"unnamed gap among references", refs, {none, b}, {room, b, training, sep, about, exit}, true},
     };
     for (const Case& c : cases) {
         ShellRig rig;
@@ -607,6 +598,7 @@ TEST(AppDelegateReferenceTable, DefaultSavedAndUnreadableFiles) {
     const QVariantList defaults = twoReferenceEntries();
     const QVariantList saved{
         QVariantMap{{QStringLiteral("Device"), QStringLiteral("Mine")}, {QStringLiteral("Seen"), qint64(3)}}};
+    const QByteArray broken("<plist><array><dict>");
     struct Case {
         const char* name;
         bool haveDefault;
@@ -621,13 +613,7 @@ TEST(AppDelegateReferenceTable, DefaultSavedAndUnreadableFiles) {
         {"no default: an empty table", false, AtPath::Nothing, {}, {}, {}, false},
         {"saved file replaces the default", true, AtPath::File, tableXml(saved), saved, saved, false},
         {"zero-entry saved file hides the default", true, AtPath::File, tableXml({}), {}, {}, false},
-        {"unreadable saved file is kept beside",
-         true,
-         AtPath::File,
-         QByteArray("<plist><array><dict>"),
-         {},
-         {},
-         true},
+        {"unreadable saved file is kept beside", true, AtPath::File, broken, {}, {}, true},
         // A link is neither read nor written through: its target stays as it was.
         {"link to a good table is kept beside", true, AtPath::Link, tableXml(saved), {}, {}, true},
         // Opening a FIFO for reading would wait for a writer for ever.
