@@ -60,7 +60,8 @@ public:
         sd_bus_message_close_container(m);
         sd_bus_message_close_container(m);
         sd_bus_message_close_container(m);
-        return seal(m) ? std::move(owned) : nullptr;
+        if (!seal(m)) return nullptr;
+        return owned;
     }
 
 private:
