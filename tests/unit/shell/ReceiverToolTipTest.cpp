@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <QStringList>
+
 #include "dispatch/ManualQueue.h"
 
 namespace lumerix {
