@@ -184,6 +184,8 @@ TEST_F(GattHandlerTest, ConnectionReadsDecryptsAndDisconnects) {
 }
 
 TEST_F(GattHandlerTest, DisconnectionOutcomes) {
+    const BleError failed{10, QStringLiteral("connection failed")};
+    const BleError removed{7, QStringLiteral("peer removed pairing")};
     const struct {
         const char* what;
         BleError error;
@@ -191,16 +193,8 @@ TEST_F(GattHandlerTest, DisconnectionOutcomes) {
         std::vector<int> errors;
         int connects;
     } cases[] = {
-        {"error 10: reconnect, no status change",
-         BleError{10, QStringLiteral("connection failed")},
-         {},
-         {},
-         2},
-        {"other error: disconnected, reported",
-         BleError{7, QStringLiteral("peer removed pairing")},
-         {0},
-         {7},
-         1},
+        {"error 10: reconnect, no status change", failed, {}, {}, 2},
+        {"other error: disconnected, reported", removed, {0}, {7}, 1},
     };
     int n = 0;
     for (const auto& c : cases) {

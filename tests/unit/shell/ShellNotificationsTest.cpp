@@ -24,18 +24,13 @@ TEST(ShellNotifications, EachSenderOutcomeNotifiesOnceWithTheReceiversName) {
         QStringList buttons;
     };
     const QStringList failed = {QStringLiteral("Try again"), QStringLiteral("Troubleshoot")};
+    const DeliveryOutcome foreign = DeliveryOutcome::ForeignListener;
+    const char* notSent = "Boardroom and its login code were not sent";
     const Case cases[] = {
         {"delivered", 1, true, 0, DeliveryOutcome::Delivered, nullptr, nullptr, {}},
         {"delivery failed", 1, true, 0, DeliveryOutcome::Unreachable, "Could not reach Sharvane",
          "127.0.0.1:19314", failed},
-        {"port held by another user",
-         1,
-         true,
-         0,
-         DeliveryOutcome::ForeignListener,
-         "Sharvane port held by another user",
-         "Boardroom and its login code were not sent",
-         {}},
+        {"port held by another user", 1, true, 0, foreign, "Sharvane port held by another user", notSent, {}},
         {"launched", 0, true, 0, std::nullopt, "Starting Sharvane\u2026", "Boardroom", {}},
         {"launcher failed", 0, true, 256, std::nullopt, "Sharvane could not be started", "Boardroom", failed},
         {"not installed", 0, false, 256, std::nullopt, "Sharvane is not installed", "Boardroom", {}},
