@@ -29,10 +29,7 @@ class CommandLineTest(unittest.TestCase):
             (['-h'], 0, '--doctor [--json]', ''),
             (['--version'], 0, 'lumerix ', ''),
             (['--bogus'], 64, '', "Unknown option 'bogus'"),
-            (['--scan', 'abc'], 64, '', "got 'abc'"),
             (['--scan=-1'], 64, '', "got '-1'"),
-            (['--gatt-read'], 64, '', "Missing value after '--gatt-read'"),
-            (['--scan', '3', '--doctor'], 64, '', 'cannot be used together'),
         ]
         for args, code, out_text, err_text in cases:
             with self.subTest(args=args):
@@ -75,22 +72,14 @@ class CommandLineTest(unittest.TestCase):
         self.assertIn('no display', err)
         self.assertIn('lumerix --scan', err)
 
-    def test_replay_takes_only_a_regular_file_with_a_valid_line(self):
+    def test_replay_refuses_a_fifo_at_once(self):
+        # Opening a FIFO without a writer would block; which files are taken is the unit tests' part.
         with tempfile.TemporaryDirectory() as root:
-            junk = os.path.join(root, 'junk.jsonl')
-            with open(junk, 'w', encoding='utf-8') as f:
-                f.write('not a trace\n{}\n')
             fifo = os.path.join(root, 'fifo')
             os.mkfifo(fifo)
-            # A device that never ends used to be read until memory ran out, a FIFO to block.
-            cases = [('/dev/zero', 'not a regular file'), (fifo, 'not a regular file'),
-                     (junk, 'holds no valid line')]
-            for path, err_text in cases:
-                with self.subTest(path=os.path.basename(path)):
-                    rc, out, err = run_headless('--scan', '1', '--replay', path)
-                    self.assertEqual(rc, 1, err)
-                    self.assertEqual(out, '')
-                    self.assertIn(err_text, err)
+            rc, out, err = run_headless('--scan', '1', '--replay', fifo)
+            self.assertEqual((rc, out), (1, ''), err)
+            self.assertIn('not a regular file', err)
 
 
 if __name__ == '__main__':

@@ -16,11 +16,6 @@ from lxharness import wait_for
 ROOM_A = test_tray.ROOM_A
 
 
-def tooltip(desktop):
-    _, _, title, text = desktop.tray_item_property('ToolTip')
-    return str(title) + '\n' + str(text)
-
-
 def shown_windows(display, name='Lumerix'):
     """The viewable top-level windows of the X server whose name has this text."""
     out = subprocess.run(['xwininfo', '-root', '-children', '-display', display], capture_output=True, text=True,
@@ -43,7 +38,7 @@ class LoginTest(test_tray.TrayCase):
     def test_login_with_bluetooth_off_waits_quietly_then_scans_and_names_each_state(self):
         self.start_desktop(powered=False)
         self.start_tray('--autostart')
-        wait_for(lambda: 'Bluetooth is off' in tooltip(self.desktop), 15, 'the tooltip saying Bluetooth is off')
+        wait_for(lambda: 'Bluetooth is off' in self.tooltip(), 15, 'the tooltip saying Bluetooth is off')
         self.assertEqual(str(self.desktop.tray_item_property('Status')), 'NeedsAttention')
         # No alert: nothing on the screen but the (window-less) tray item, and no discovery yet.
         time.sleep(1)
@@ -53,11 +48,11 @@ class LoginTest(test_tray.TrayCase):
 
         self.desktop.bluez.set_powered(True)
         self.wait_for_scanning()
-        wait_for(lambda: 'Searching for receivers' in tooltip(self.desktop), 10, 'searching in the tooltip')
+        wait_for(lambda: 'Searching for receivers' in self.tooltip(), 10, 'searching in the tooltip')
         self.assertEqual(str(self.desktop.tray_item_property('Status')), 'Active')
         ads = self.advertiser()
         ads.add(ROOM_A, -55)
-        wait_for(lambda: 'Room A \u2014 \u221255 dBm' in tooltip(self.desktop), 10, 'the receiver in the tooltip')
+        wait_for(lambda: 'Room A \u2014 \u221255 dBm' in self.tooltip(), 10, 'the receiver in the tooltip')
 
         ads.stop()
 
@@ -67,7 +62,7 @@ class LoginTest(test_tray.TrayCase):
         for outage, text in steps:
             with self.subTest(text):
                 outage()
-                wait_for(lambda: text in tooltip(self.desktop), 10, text)  # pylint: disable=cell-var-from-loop
+                wait_for(lambda: text in self.tooltip(), 10, text)  # pylint: disable=cell-var-from-loop
                 self.assertEqual(str(self.desktop.tray_item_property('Status')), 'NeedsAttention')
         self.desktop.bluez = None  # stopped above
         self.assertIsNone(self.program.poll())
@@ -76,7 +71,7 @@ class LoginTest(test_tray.TrayCase):
         self.start_desktop()
         self.desktop.env['DBUS_SYSTEM_BUS_ADDRESS'] = 'unix:path=' + os.path.join(self.desktop.root, 'no-bus')
         self.start_tray('--autostart')
-        wait_for(lambda: 'bluetoothd) is not running' in tooltip(self.desktop), 15, 'the tooltip naming the cause')
+        wait_for(lambda: 'bluetoothd) is not running' in self.tooltip(), 15, 'the tooltip naming the cause')
         wait_for(lambda: 'cannot reach the system bus' in self.desktop.program_log(), 10, 'the missing bus logged')
         # The central keeps trying with a growing pause, and says so once per outage, not per try.
         time.sleep(3)
@@ -100,7 +95,7 @@ class GermanTest(test_tray.TrayCase):
         self.start_tray()
         menu = self.desktop.tray_menu()
         self.wait_for_titles(menu, ['---', '\u00dcber', 'Beenden'])
-        wait_for(lambda: 'Suche nach Empf\u00e4ngern' in tooltip(self.desktop), 10, 'the German tooltip')
+        wait_for(lambda: 'Suche nach Empf\u00e4ngern' in self.tooltip(), 10, 'the German tooltip')
 
 
 def _start_xfconf(env, root):

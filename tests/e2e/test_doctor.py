@@ -4,7 +4,6 @@ import os
 import shutil
 import subprocess
 import tempfile
-import unittest
 
 import lxharness
 import trayharness

@@ -66,17 +66,6 @@ class PeersTest(test_tray.TrayCase):
             wait_for(lambda: os.path.exists(ready), 10, 'the other user\'s process')
         return proc
 
-    def install_sender(self, *args):
-        """A desktop entry that starts the test sender (as this user) when the tray launches it."""
-        pid_file = os.path.join(self.desktop.root, 'launched.pid')
-        self.addCleanup(self.stop_launched_sender, pid_file)
-        applications = os.path.join(self.desktop.data_home, 'applications')
-        os.makedirs(applications, exist_ok=True)
-        with open(os.path.join(applications, 'com.Sharvane.Ondrel.desktop'), 'w', encoding='utf-8') as f:
-            f.write('[Desktop Entry]\nType=Application\nName=Test sender\n'
-                    f'Exec=/usr/bin/python3 {FAKE_SENDER} --out {self.frames} --ready {pid_file} '
-                    f'{" ".join(args)}\n')
-
     def test_an_impostor_on_the_sender_port_receives_nothing_and_the_user_is_told(self):
         # Another user's process renamed "Sharvane", listening where the sender would.
         impostor_frames = os.path.join(self.shared, 'impostor.jsonl')

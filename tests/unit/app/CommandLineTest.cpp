@@ -113,8 +113,7 @@ TEST(CommandLineTest, HelpNamesEveryModeAndOption) {
         EXPECT_TRUE(help.contains(QString::fromUtf8(word))) << word;
     }
     EXPECT_TRUE(help.startsWith(usageText()));
-    for (const QString& line : help.split(u'\n')) EXPECT_LE(line.size(), 80) << line.toStdString();
-    EXPECT_TRUE(versionText().startsWith(QStringLiteral("lumerix ")));
+    // Its width in both languages, and the version line, are checked on the binary (test_cli).
 }
 
 }  // namespace

@@ -90,37 +90,25 @@ TEST(DoctorTest, BluetoothChecksStopAtTheFirstMissingLayer) {
 TEST(DoctorTest, RfkillReadsOnlyBluetoothSwitches) {
     const struct {
         const char* name;
-        QList<QStringList> switches;  // type, soft, hard
+        std::vector<const char*> switches;  // "type soft hard"
         bool ok;
         const char* detail;
     } cases[] = {
         {"none", {}, true, "no Bluetooth switch"},
-        {"unblocked",
-         {{QStringLiteral("bluetooth"), QStringLiteral("0"), QStringLiteral("0")}},
-         true,
-         "not blocked"},
-        {"wlan blocked only",
-         {{QStringLiteral("wlan"), QStringLiteral("1"), QStringLiteral("1")}},
-         true,
-         "no Bluetooth"},
-        {"soft",
-         {{QStringLiteral("bluetooth"), QStringLiteral("1"), QStringLiteral("0")}},
-         false,
-         "soft-blocked"},
-        {"hard wins",
-         {{QStringLiteral("bluetooth"), QStringLiteral("1"), QStringLiteral("0")},
-          {QStringLiteral("bluetooth"), QStringLiteral("0"), QStringLiteral("1")}},
-         false,
-         "hard-blocked"},
+        {"unblocked", {"bluetooth 0 0"}, true, "not blocked"},
+        {"wlan blocked only", {"wlan 1 1"}, true, "no Bluetooth"},
+        {"soft", {"bluetooth 1 0"}, false, "soft-blocked"},
+        {"hard wins", {"bluetooth 1 0", "bluetooth 0 1"}, false, "hard-blocked"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         QTemporaryDir sysfs;
-        for (int i = 0; i < c.switches.size(); ++i) {
+        for (size_t i = 0; i < c.switches.size(); ++i) {
             const QString entry = sysfs.path() + QStringLiteral("/class/rfkill/rfkill%1/").arg(i);
-            write(entry + QLatin1String("type"), c.switches[i][0].toUtf8() + '\n');
-            write(entry + QLatin1String("soft"), c.switches[i][1].toUtf8() + '\n');
-            write(entry + QLatin1String("hard"), c.switches[i][2].toUtf8() + '\n');
+            const QList<QByteArray> values = QByteArray(c.switches[i]).split(' ');
+            write(entry + QLatin1String("type"), values[0] + '\n');
+            write(entry + QLatin1String("soft"), values[1] + '\n');
+            write(entry + QLatin1String("hard"), values[2] + '\n');
         }
         const DoctorCheck check = Doctor::rfkillCheck(sysfs.path());
         EXPECT_EQ(check.ok, c.ok);

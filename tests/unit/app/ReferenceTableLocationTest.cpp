@@ -35,6 +35,8 @@ private:
 
 TEST(ReferenceTableLocationTest, DefaultListComesFromDemoSiteOrShippedFolder) {
     const QString resources = QStringLiteral("/opt/lumerix/share/lumerix");
+    const QString home = QStringLiteral("home"), site1 = QStringLiteral("site1"),
+                  site2 = QStringLiteral("site2");
     const struct {
         const char* name;
         bool demo;
@@ -42,19 +44,10 @@ TEST(ReferenceTableLocationTest, DefaultListComesFromDemoSiteOrShippedFolder) {
         QString expected;  // a config folder's name, or a path under resources
     } cases[] = {
         {"shipped list without a site-wide one", false, {}, resources},
-        {"site-wide list", false, {QStringLiteral("site2")}, QStringLiteral("site2")},
-        {"first config directory wins",
-         false,
-         {QStringLiteral("site1"), QStringLiteral("site2")},
-         QStringLiteral("site1")},
-        {"the user's own config comes first",
-         false,
-         {QStringLiteral("home"), QStringLiteral("site1")},
-         QStringLiteral("home")},
-        {"demo ignores the site-wide list",
-         true,
-         {QStringLiteral("site1")},
-         resources + QLatin1String("/demo")},
+        {"site-wide list", false, {site2}, site2},
+        {"first config directory wins", false, {site1, site2}, site1},
+        {"the user's own config comes first", false, {home, site1}, home},
+        {"demo ignores the site-wide list", true, {site1}, resources + QLatin1String("/demo")},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);

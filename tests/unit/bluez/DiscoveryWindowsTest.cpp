@@ -112,37 +112,32 @@ TEST(DiscoveryWindows, TheRadioScansInWindowsUnlessSomeoneLooks) {
         std::vector<Step> steps;  // before the first request when at 0
         std::vector<Probe> probes;
     };
+    constexpr bool on = true, off = false;
     const std::vector<Case> cases = {
         {"nobody looks: the first third of each cycle",
          {},
-         {{0.1, true}, {4.9, true}, {5.1, false}, {14.9, false}, {15.1, true}, {19.9, true}, {20.1, false}}},
+         {{0.1, on}, {4.9, on}, {5.1, off}, {14.9, off}, {15.1, on}, {19.9, on}, {20.1, off}}},
         {"after launch or power-on: no pause for 20 s, then windows",
          {{0, Act::Boost}},
-         {{5.1, true},
-          {14.9, true},
-          {19.9, true},
-          {20.1, false},
-          {29.9, false},
-          {30.1, true},
-          {35.1, false}}},
+         {{5.1, on}, {14.9, on}, {19.9, on}, {20.1, off}, {29.9, off}, {30.1, on}, {35.1, off}}},
         {"menu open: no pause; closed: the pause comes back at once",
          {{6, Act::Look}, {40, Act::StopLooking}},
-         {{5.9, false}, {6.1, true}, {14.9, true}, {39.9, true}, {40.1, false}, {45.1, true}, {50.1, false}}},
+         {{5.9, off}, {6.1, on}, {14.9, on}, {39.9, on}, {40.1, off}, {45.1, on}, {50.1, off}}},
         {"a query nudges: 20 s without pause from then",
          {{7, Act::Nudge}},
-         {{6.9, false}, {7.1, true}, {26.9, true}, {27.1, false}, {30.1, true}}},
+         {{6.9, off}, {7.1, on}, {26.9, on}, {27.1, off}, {30.1, on}}},
         {"audio streams and nobody looks: no discovery, not even after launch",
          {{0, Act::Boost}, {0, Act::AudioOn}},
-         {{0.1, false}, {15.1, false}, {30.1, false}, {59.0, false}}},
+         {{0.1, off}, {15.1, off}, {30.1, off}, {59.0, off}}},
         {"audio streams and the menu opens: discovery while it is open",
          {{0, Act::AudioOn}, {16, Act::Look}, {22, Act::StopLooking}},
-         {{15.1, false}, {16.1, true}, {21.9, true}, {22.1, false}}},
+         {{15.1, off}, {16.1, on}, {21.9, on}, {22.1, off}}},
         {"audio ends inside a window: the rest of the window scans",
          {{0, Act::AudioOn}, {17, Act::AudioOff}},
-         {{16.9, false}, {17.1, true}, {19.9, true}, {20.1, false}, {30.1, true}}},
+         {{16.9, off}, {17.1, on}, {19.9, on}, {20.1, off}, {30.1, on}}},
         {"scanning stopped: nothing, even while someone looks",
          {{2, Act::StopScan}, {3, Act::Look}},
-         {{1.9, true}, {2.1, false}, {15.1, false}, {40, false}}},
+         {{1.9, on}, {2.1, off}, {15.1, off}, {40, off}}},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);

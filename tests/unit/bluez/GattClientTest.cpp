@@ -2,12 +2,11 @@
 // device's Connected and ServicesResolved. Calls go out on a connection whose peer never answers,
 // so only the signals the test plays decide.
 #include <gtest/gtest.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <string>
 #include <vector>
 
+#include "OfflineBus.h"
 #include "dispatch/ManualQueue.h"
 #include "platform/bluez/GattClient.h"
 
@@ -35,22 +34,11 @@ public:
 class GattClientTest : public ::testing::Test {
 protected:
     GattClientTest() {
-        if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds_) < 0) return;
-        sd_bus_new(&bus_);
-        sd_bus_set_fd(bus_, fds_[0], fds_[0]);
-        sd_bus_start(bus_);
         devices_[kDevice].address = QStringLiteral("AA:BB:CC:DD:EE:21");
         peripheral_ = std::make_shared<BluezPeripheral>(kDevice, QStringLiteral("id"), nullptr);
-        gatt_.setBus(bus_);
+        gatt_.setBus(bus_.get());
     }
-    ~GattClientTest() override {
-        gatt_.setBus(nullptr);
-        sd_bus_close(bus_);
-        sd_bus_unref(bus_);  // closes fds_[0]; nothing is flushed to a peer that never reads
-        if (fds_[1] >= 0) close(fds_[1]);
-    }
-    GattClientTest(const GattClientTest&) = delete;
-    GattClientTest& operator=(const GattClientTest&) = delete;
+    ~GattClientTest() override { gatt_.setBus(nullptr); }
 
     // The cache saw Connected (and ServicesResolved) change.
     void change(std::optional<bool> connected, std::optional<bool> resolved = std::nullopt) {
@@ -67,8 +55,7 @@ protected:
         return std::exchange(delegate_.events, {});
     }
 
-    int fds_[2] = {-1, -1};
-    sd_bus* bus_ = nullptr;
+    test::OfflineBus bus_;
     VirtualTime time_;
     ManualQueue queue_{time_};
     Recorder delegate_;

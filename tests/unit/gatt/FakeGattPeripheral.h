@@ -133,7 +133,7 @@ public:
     }
 
     int state() const override { return state_; }
-    void scanForPeripherals(bool) override { ++scanCalls; }
+    void scanForPeripherals(bool) override {}
     void stopScan() override { ++stopScanCalls; }
     void connectPeripheral(const BlePeripheralRef& p) override {
         connects.push_back(p->identifier());
@@ -163,7 +163,6 @@ public:
             [this, p, data, rssi] { delegate_->centralManagerDidDiscoverPeripheral(p, data, rssi); });
     }
 
-    int scanCalls = 0;
     int stopScanCalls = 0;
     std::vector<QString> connects;
     std::vector<QString> cancels;
@@ -175,10 +174,11 @@ private:
     std::map<QString, bool> connected_;
 };
 
-// Serves the receiver service 0x5885: the header at 0x5880 (last index = values - 1), then
-// `payload` in 20-byte values from 0x5885 on.
 // The connection info a room's receiver serves in most cases.
 inline const ConnectionFields kRoom4{"Lab-WiFi", "s3cret-key", "192.168.1.20", "Room 4", "1234"};
+
+// Serves the receiver service 0x5885: the header at 0x5880 (last index = values - 1), then
+// `payload` in 20-byte values from 0x5885 on.
 
 inline std::shared_ptr<FakeService> serveConnectionInfo(FakeGattPeripheral& p, uint8_t byte0,
                                                         const ConnectionFields& f,

@@ -12,17 +12,6 @@ namespace {
 
 const uint8_t* u8(const QByteArray& b) { return reinterpret_cast<const uint8_t*>(b.constData()); }
 
-TEST(AesEcb, DecryptsTheFips197Aes128Vector) {
-    const QByteArray key = QByteArray::fromHex("000102030405060708090a0b0c0d0e0f");
-    const QByteArray cipher = QByteArray::fromHex("69c4e0d86a7b0430d8cdb78070b4c55a");
-    uint8_t out[16] = {};
-    const AesResult r = aes128EcbDecrypt(u8(key), u8(cipher), 16, out, sizeof out);
-    EXPECT_EQ(r.status, AesStatus::Success);
-    EXPECT_EQ(r.dataOutMoved, 16u);
-    EXPECT_EQ(QByteArray(reinterpret_cast<char*>(out), 16).toHex(),
-              QByteArray("00112233445566778899aabbccddeeff"));
-}
-
 // The openssl command line is an independent implementation of the same cipher.
 TEST(AesEcb, MatchesOpensslCommandLineWithTheReceiverKey) {
     const QByteArray plain = QByteArray("Lab-WiFis3cret-key192.168.1.20Room 41234").leftJustified(64, '.');
@@ -39,6 +28,7 @@ TEST(AesEcb, MatchesOpensslCommandLineWithTheReceiverKey) {
     const AesResult r =
         aes128EcbDecrypt(kLumerixConnectionInfoKey, u8(cipher), cipher.size(), out, sizeof out);
     EXPECT_EQ(r.status, AesStatus::Success);
+    EXPECT_EQ(r.dataOutMoved, static_cast<size_t>(cipher.size()));
     EXPECT_EQ(QByteArray(reinterpret_cast<char*>(out), plain.size()), plain);
     EXPECT_EQ(test::aesEcbEncrypt(plain), cipher);  // the tests' own encryptor agrees
 }

@@ -52,17 +52,11 @@ TEST(HandlerBounds, ForgottenItemsLeaveTheTableWithTheirDecayTimers) {
         if (!c.dropped) continue;
         EXPECT_EQ(forgotten[0].item, item);
         EXPECT_EQ(forgotten[0].queue, "main");
+        // Heard again, the device gets a fresh item.
+        h.advertise(deviceId(1), -50, kRoom);
+        EXPECT_NE(h.item(deviceId(1)), item);
+        EXPECT_EQ(h.handler->itemCount(), 2u);
     }
-}
-
-TEST(HandlerBounds, AForgottenDeviceHeardAgainGetsAFreshItem) {
-    HandlerHarness h;
-    h.advertise(deviceId(1), -50, kRoom);
-    const QVLumerixItemRef item = h.item(deviceId(1));
-    forget(h, item, By::Central);
-    h.advertise(deviceId(1), -50, kRoom);
-    EXPECT_NE(h.item(deviceId(1)), item);
-    EXPECT_EQ(h.handler->itemCount(), 1u);
 }
 
 // A full table: device 0 the closest (-20 dBm), the others -40..-89, device 7 then the weakest.
@@ -73,31 +67,26 @@ void fill(HandlerHarness& h) {
     h.advertise(deviceId(7), -99);
 }
 
-TEST(HandlerBounds, AFullTableDropsItsWeakestItem) {
+// Its weakest item makes room, never the closest receiver, however weak it has become.
+TEST(HandlerBounds, AFullTableDropsItsWeakestItemButNeverTheClosest) {
     const int cap = static_cast<int>(QVLumerixHandler::kMaxItems);
-    HandlerHarness h;
-    fill(h);
-    ASSERT_EQ(h.handler->itemCount(), static_cast<size_t>(cap));
-    const QVLumerixItemRef weakest = h.item(deviceId(7));
-    h.advertise(deviceId(cap), -60, kRoom);
-    EXPECT_EQ(h.handler->itemCount(), static_cast<size_t>(cap));
-    EXPECT_FALSE(h.item(deviceId(7)));
-    EXPECT_TRUE(h.item(deviceId(cap)));
-    ASSERT_EQ(h.delegate.events("forget").size(), 1u);
-    EXPECT_EQ(h.delegate.events("forget")[0].item, weakest);
-    EXPECT_FALSE(weakest->decayingGCDTimer());
-}
-
-TEST(HandlerBounds, AFullTableKeepsTheClosestReceiverHoweverWeak) {
-    const int cap = static_cast<int>(QVLumerixHandler::kMaxItems);
-    HandlerHarness h;
-    fill(h);
-    h.advertise(deviceId(0), -100);  // now weaker than every other
-    ASSERT_EQ(h.handler->closestPeer(), h.item(deviceId(0)));
-    h.advertise(deviceId(cap), -60, kRoom);
-    EXPECT_TRUE(h.item(deviceId(0)));
-    EXPECT_FALSE(h.item(deviceId(7)));
-    EXPECT_EQ(h.handler->itemCount(), static_cast<size_t>(cap));
+    for (const bool closestWeakest : {false, true}) {
+        SCOPED_TRACE(closestWeakest);
+        HandlerHarness h;
+        fill(h);
+        if (closestWeakest) h.advertise(deviceId(0), -100);  // now weaker than every other
+        ASSERT_EQ(h.handler->closestPeer(), h.item(deviceId(0)));
+        ASSERT_EQ(h.handler->itemCount(), static_cast<size_t>(cap));
+        const QVLumerixItemRef weakest = h.item(deviceId(7));
+        h.advertise(deviceId(cap), -60, kRoom);
+        EXPECT_EQ(h.handler->itemCount(), static_cast<size_t>(cap));
+        EXPECT_TRUE(h.item(deviceId(0)));
+        EXPECT_FALSE(h.item(deviceId(7)));
+        EXPECT_TRUE(h.item(deviceId(cap)));
+        ASSERT_EQ(h.delegate.events("forget").size(), 1u);
+        EXPECT_EQ(h.delegate.events("forget")[0].item, weakest);
+        EXPECT_FALSE(weakest->decayingGCDTimer());
+    }
 }
 
 // A repeated record is not decoded again, but an item the decay rule unresolved is.

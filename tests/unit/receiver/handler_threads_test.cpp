@@ -44,14 +44,19 @@ private:
     }
 };
 
+// A handler whose queues are threads of their own, reporting to main.
+std::shared_ptr<QVLumerixHandler> threadedHandler(DispatchQueue* main, BleCentralFactory central) {
+    HandlerEnvironment env;
+    env.mainQueue = main;
+    env.makeQueue = [](const std::string& label) { return std::make_unique<ThreadQueue>(label); };
+    env.makeCentral = std::move(central);
+    return QVLumerixHandler::create(std::move(env));
+}
+
 TEST(HandlerThreads, ConcurrentAdvertisementsAndReaders) {
     ThreadQueue main("main");
     WaitingDelegate delegate;
-    HandlerEnvironment env;
-    env.mainQueue = &main;
-    env.makeQueue = [](const std::string& label) { return std::make_unique<ThreadQueue>(label); };
-    env.makeCentral = simulatedCentralFactory({});
-    auto handler = QVLumerixHandler::create(std::move(env));
+    auto handler = threadedHandler(&main, simulatedCentralFactory({}));
     handler->setDelegate(&delegate);
     auto* scan = dynamic_cast<ThreadQueue*>(handler->scanningQueue());
     auto* evaluate = dynamic_cast<ThreadQueue*>(handler->evaluatingQueue());
@@ -103,11 +108,7 @@ TEST(HandlerThreads, ConcurrentAdvertisementsAndReaders) {
 // the owner holds the last reference.
 TEST(HandlerThreads, ShutDownJoinsTheQueuesSoTheOwnerHoldsTheLastReference) {
     auto main = std::make_unique<ThreadQueue>("main");
-    HandlerEnvironment env;
-    env.mainQueue = main.get();
-    env.makeQueue = [](const std::string& label) { return std::make_unique<ThreadQueue>(label); };
-    env.makeCentral = simulatedCentralFactory({});
-    auto handler = QVLumerixHandler::create(std::move(env));
+    auto handler = threadedHandler(main.get(), simulatedCentralFactory({}));
     std::promise<void> running;
     // Holds a reference until the shut-down is under way (the central is let go first).
     handler->evaluatingQueue()->async([keep = handler, &running] {
@@ -129,21 +130,15 @@ TEST(GattThreads, AReadOnThreadQueuesReportsConnectedResolvedDisconnected) {
     ScopedLogCapture log;
     ThreadQueue main("main");
     WaitingDelegate waiter;
-    std::shared_ptr<test::FakeGattPeripheral> peripheral;
-    HandlerEnvironment env;
-    env.mainQueue = &main;
-    env.makeQueue = [](const std::string& label) { return std::make_unique<ThreadQueue>(label); };
-    env.makeCentral = [](BleCentralDelegate* d, DispatchQueue* q) {
+    auto handler = threadedHandler(&main, [](BleCentralDelegate* d, DispatchQueue* q) {
         return std::make_unique<test::FakeGattCentral>(d, q);
-    };
-    auto handler = QVLumerixHandler::create(env);
+    });
     handler->setDelegate(&waiter);
     auto* scan = static_cast<ThreadQueue*>(handler->scanningQueue());
 
-    const test::ConnectionFields fields{"Lab-WiFi", "s3cret-key", "192.168.1.20", "Room 4", "1234"};
-    peripheral = std::make_shared<test::FakeGattPeripheral>(
+    auto peripheral = std::make_shared<test::FakeGattPeripheral>(
         QStringLiteral("00000000-0000-0000-0000-0000000000D4"), QStringLiteral("Room 4"), scan);
-    test::serveConnectionInfo(*peripheral, 0x41, fields, test::encryptFields(fields));
+    test::serveConnectionInfo(*peripheral, 0x41, test::kRoom4, test::encryptFields(test::kRoom4));
 
     QVLumerixItemRef item;
     scan->sync([&] {

@@ -37,6 +37,17 @@ bool logged(const ScopedLogCapture& capture, const char* part) {
         lines, [part](const QString& line) { return line.contains(QString::fromUtf8(part)); });
 }
 
+// A listener started on a free port, with a slot of its own.
+struct Listening {
+    explicit Listening(PeerCheck peers = {}) : listener(slot, closing, 0, std::move(peers)) {
+        listener.start();
+    }
+    uint16_t port() const { return listener.port(); }
+    std::atomic<bool> closing{false};
+    PendingConnectionSlot slot;
+    CommandListener listener;
+};
+
 // What the one connection waiting on server carried; nullopt when nobody connected.
 std::optional<Bytes> receivedOnce(int server) {
     pollfd wait{server, POLLIN, 0};
@@ -79,6 +90,7 @@ TEST(SendDataToOndrel, DeliversExactlyTheCountThenEndOfStream) {
 
 // The port's listener must be ours before and after the connect; otherwise not one byte leaves.
 TEST(SendDataToOndrel, SendsOnlyToAListenerOfOurs) {
+    const DeliveryOutcome ours = DeliveryOutcome::Delivered, foreign = DeliveryOutcome::ForeignListener;
     const struct {
         const char* name;
         std::vector<std::vector<uint32_t>> owners;  // answer to each lookup in turn
@@ -86,23 +98,11 @@ TEST(SendDataToOndrel, SendsOnlyToAListenerOfOurs) {
         bool connects;
         const char* logged;
     } cases[] = {
-        {"ours", {{kUs}, {kUs}}, DeliveryOutcome::Delivered, true, nullptr},
-        {"another user's", {{kOther}}, DeliveryOutcome::ForeignListener, false, "belongs to uid 1001"},
-        {"ours and another's on the same port",
-         {{kUs, kOther}},
-         DeliveryOutcome::ForeignListener,
-         false,
-         "belongs to uid 1001"},
-        {"changed hands during the connect",
-         {{kUs}, {kOther}},
-         DeliveryOutcome::ForeignListener,
-         true,
-         "not to this user (uid 1000)"},
-        {"gone from the table after the connect",
-         {{}, {}},
-         DeliveryOutcome::ForeignListener,
-         true,
-         "could be found to check"},
+        {"ours", {{kUs}, {kUs}}, ours, true, nullptr},
+        {"another user's", {{kOther}}, foreign, false, "belongs to uid 1001"},
+        {"ours and another's on the same port", {{kUs, kOther}}, foreign, false, "belongs to uid 1001"},
+        {"changed hands during the connect", {{kUs}, {kOther}}, foreign, true, "not to this user (uid 1000)"},
+        {"gone from the table after the connect", {{}, {}}, foreign, true, "could be found to check"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
@@ -130,44 +130,38 @@ TEST(SendDataToOndrel, SendsOnlyToAListenerOfOurs) {
 
 TEST(CommandListener, AnswersWithTheParkedFrameOnceThenZeroAndRefusesASecondBind) {
     ScopedLogCapture capture;
-    std::atomic<bool> closing{false};
-    PendingConnectionSlot slot;
-    CommandListener listener{slot, closing, 0};
-    listener.start();
-    ASSERT_NE(listener.port(), 0);
+    Listening l;
+    ASSERT_NE(l.port(), 0);
     const Bytes frame = parkedFrame();
 
-    EXPECT_EQ(askListener(listener.port(), kRequest), Bytes{0x00}) << "nothing parked yet";
-    slot.park(kParked);
-    EXPECT_EQ(askListener(listener.port(), kRequest), frame);
-    EXPECT_EQ(askListener(listener.port(), kRequest), Bytes{0x00});
+    EXPECT_EQ(askListener(l.port(), kRequest), Bytes{0x00}) << "nothing parked yet";
+    l.slot.park(kParked);
+    EXPECT_EQ(askListener(l.port(), kRequest), frame);
+    EXPECT_EQ(askListener(l.port(), kRequest), Bytes{0x00});
     EXPECT_EQ(capture.count(QStringLiteral("Send data to sender, length:%1\n").arg(frame.size())), 1);
 
-    CommandListener second(slot, closing, listener.port());
+    CommandListener second(l.slot, l.closing, l.port());
     second.start();
     EXPECT_EQ(second.result(), std::optional<bool>(false));
     EXPECT_TRUE(capture.contains(QStringLiteral("bind port failed.\n")));
-    EXPECT_EQ(askListener(listener.port(), kRequest), Bytes{0x00}) << "the first runs on";
+    EXPECT_EQ(askListener(l.port(), kRequest), Bytes{0x00}) << "the first runs on";
 }
 
 TEST(CommandListener, JudgesEachConnectionOnItsOwnBytes) {
     ScopedLogCapture quiet;
-    std::atomic<bool> closing{false};
-    PendingConnectionSlot slot;
-    CommandListener listener{slot, closing, 0};
-    listener.start();
+    Listening l;
     const Bytes frame = parkedFrame();
-    EXPECT_EQ(askListener(listener.port(), kRequest), Bytes{0x00}) << "a whole request, nothing parked";
+    EXPECT_EQ(askListener(l.port(), kRequest), Bytes{0x00}) << "a whole request, nothing parked";
 
     // Each connection starts empty: a request cut before its end marks is not completed by what
     // an earlier connection sent, and nothing is handed out.
-    slot.park(kParked);
-    EXPECT_EQ(askListener(listener.port(), Bytes(kRequest.begin(), kRequest.begin() + 6)), Bytes{0x00});
-    EXPECT_EQ(askListener(listener.port(), {}), Bytes{0x00});
-    EXPECT_TRUE(slot.isPending());
+    l.slot.park(kParked);
+    EXPECT_EQ(askListener(l.port(), Bytes(kRequest.begin(), kRequest.begin() + 6)), Bytes{0x00});
+    EXPECT_EQ(askListener(l.port(), {}), Bytes{0x00});
+    EXPECT_TRUE(l.slot.isPending());
 
     // A request that arrives in pieces on one connection is answered once its last byte is in.
-    const int fd = connectTo(listener.port());
+    const int fd = connectTo(l.port());
     const int noDelay = 1;
     ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &noDelay, sizeof noDelay);
     for (const uint8_t byte : kRequest) ::send(fd, &byte, 1, MSG_NOSIGNAL);
@@ -190,8 +184,6 @@ TEST(CommandListener, AnswersOnlyOurOwnProcesses) {
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         ScopedLogCapture capture;
-        std::atomic<bool> closing{false};
-        PendingConnectionSlot slot;
         std::atomic<uint16_t> askedPeerPort{0};
         PeerCheck peers;
         peers.self = kUs;
@@ -199,11 +191,10 @@ TEST(CommandListener, AnswersOnlyOurOwnProcesses) {
             askedPeerPort = peerPort;
             return c.owner;
         };
-        CommandListener listener{slot, closing, 0, peers};
-        listener.start();
-        slot.park(kParked);
+        Listening l(peers);
+        l.slot.park(kParked);
 
-        const int fd = connectTo(listener.port());
+        const int fd = connectTo(l.port());
         sockaddr_in local{};
         socklen_t length = sizeof local;
         ::getsockname(fd, reinterpret_cast<sockaddr*>(&local), &length);
@@ -213,7 +204,7 @@ TEST(CommandListener, AnswersOnlyOurOwnProcesses) {
 
         EXPECT_EQ(askedPeerPort.load(), ntohs(local.sin_port)) << "looked up by the peer's own port";
         EXPECT_EQ(reply, c.answered ? parkedFrame() : Bytes{0x00});
-        EXPECT_EQ(slot.isPending(), !c.answered);
+        EXPECT_EQ(l.slot.isPending(), !c.answered);
         EXPECT_TRUE(!c.logged || logged(capture, c.logged))
             << capture.lines().join(QLatin1Char('|')).toStdString();
     }
@@ -223,16 +214,13 @@ TEST(CommandListener, AnswersOnlyOurOwnProcesses) {
 // their deadlines, where waiting on each in turn would take 20 x kReceiveTimeoutMs.
 TEST(CommandListener, SilentConnectionsDoNotHoldUpARequest) {
     ScopedLogCapture quiet;
-    std::atomic<bool> closing{false};
-    PendingConnectionSlot slot;
-    CommandListener listener{slot, closing, 0};
-    listener.start();
-    slot.park(kParked);
+    Listening l;
+    l.slot.park(kParked);
     std::vector<int> silent;
     silent.reserve(20);
-    for (int i = 0; i < 20; ++i) silent.push_back(connectTo(listener.port()));
+    for (int i = 0; i < 20; ++i) silent.push_back(connectTo(l.port()));
 
-    const int fd = connectTo(listener.port());
+    const int fd = connectTo(l.port());
     ::send(fd, kRequest.data(), kRequest.size(), MSG_NOSIGNAL);
     pollfd wait{fd, POLLIN, 0};
     ASSERT_EQ(::poll(&wait, 1, CommandListener::kReceiveTimeoutMs / 2), 1)

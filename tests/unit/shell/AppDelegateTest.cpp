@@ -70,7 +70,11 @@ TEST(AppDelegateLifecycle, LaunchRunsEveryStepWithOrWithoutBluetooth) {
                           QStringLiteral("This application needs bluetooth access authority"));
             }
             EXPECT_EQ(rig.application->terminateCount, alerted ? 1 : 0);
-            EXPECT_EQ(rig.notifier->shown.size(), quiet ? 0u : 1u) << "the no-tray notice";
+            ASSERT_EQ(rig.notifier->shown.size(), quiet ? 0u : 1u) << "the no-tray notice";
+            // Notification servers cut long summaries; the body carries the details.
+            if (!quiet) {
+                EXPECT_LE(rig.notifier->shown[0].summary.size(), 40);
+            }
             EXPECT_EQ(rig.application->hideCount, 1);
             EXPECT_EQ(rig.statusBar->item->target, &shell);
             EXPECT_TRUE(rig.statusBar->item->image->isTemplate());
@@ -99,15 +103,11 @@ TEST(AppDelegateLifecycle, ToolTipNamesTheRadioState) {
         bool attention;  // the item's status asks for it
     };
     const QString a = QStringLiteral("\nA \u2014 \u221250 dBm");  // its age is left out below
+    const QString gone = QStringLiteral("Lumerix\nBluetooth service (bluetoothd) is not running");
     const Case cases[] = {
         {"off at launch", 4, {}, false, QStringLiteral("Lumerix\nBluetooth is off"), true},
         {"no adapter", 2, {}, false, QStringLiteral("Lumerix\nNo Bluetooth adapter"), true},
-        {"bluetoothd gone",
-         5,
-         {0},
-         false,
-         QStringLiteral("Lumerix\nBluetooth service (bluetoothd) is not running"),
-         true},
+        {"bluetoothd gone", 5, {0}, false, gone, true},
         {"access denied", 3, {}, false, QStringLiteral("Lumerix\nBluetooth access denied"), true},
         {"on, nothing heard", 5, {}, false, QStringLiteral("Lumerix\nSearching for receivers"), false},
         {"not known yet", std::nullopt, {}, false, QStringLiteral("Lumerix\nChecking Bluetooth"), false},
@@ -120,7 +120,10 @@ TEST(AppDelegateLifecycle, ToolTipNamesTheRadioState) {
         ShellRig rig;
         rig.centralState = c.atLaunch;
         AppDelegate& shell = rig.launch();
-        if (c.receiver) rig.discover({uuidFor(1), -50, QStringLiteral("A")});
+        if (c.receiver) {
+            rig.discover({uuidFor(1), -50, QStringLiteral("A")});
+            rig.discover({uuidFor(2), -60, std::nullopt});  // left out, as in the menu
+        }
         for (const int state : c.reports) shell.lumerixStateDidChange(state);
         rig.time->advance(1000);
         rig.time->runUntilIdle();
@@ -129,24 +132,6 @@ TEST(AppDelegateLifecycle, ToolTipNamesTheRadioState) {
         shown.remove(QRegularExpression(QStringLiteral(", \\d+ s ago")));
         EXPECT_EQ(shown, c.expected);
         EXPECT_EQ(rig.statusBar->item->attention, c.attention);
-    }
-}
-
-TEST(AppDelegateLifecycle, ScanRetriesPauseTenMillisecondsUpToFiftyTimes) {
-    struct Case {
-        int failures;  // negative: never starts
-        size_t calls;
-        int pauses;
-    };
-    const Case cases[] = {{0, 1, 0}, {3, 4, 3}, {50, 51, 50}, {-1, 51, 50}};
-    for (const Case& c : cases) {
-        ShellRig rig;
-        rig.scanFailures = c.failures;
-        AppDelegate& shell = rig.launch();
-        ASSERT_EQ(rig.handlers.size(), 1u);
-        EXPECT_EQ(rig.handlers[0]->calls.size(), c.calls) << c.failures;
-        EXPECT_EQ(rig.pauses, c.pauses) << c.failures;
-        EXPECT_EQ(rig.handlers[0]->delegate, &shell) << "registered even when scanning never started";
     }
 }
 
@@ -175,8 +160,9 @@ TEST(AppDelegateLifecycle, SleepDropsTheHandlerAndWakeMakesAFreshOne) {
     EXPECT_EQ(rig.handlers[1]->calls, (std::vector<bool>{true, true}));
 }
 
-// The central's state arrives on the scan queue; the shell acts on the main queue. Power back on
-// while awake and not scanning starts scanning again, with the launch's retries.
+// A failed start is retried after 10 ms, up to 50 times. The central's state arrives on the scan
+// queue; the shell acts on the main queue. Power back on while awake and not scanning starts
+// scanning again, with the launch's retries.
 TEST(AppDelegateLifecycle, ScanningStartsAgainWhenBluetoothIsBackOn) {
     struct Case {
         const char* name;
@@ -187,6 +173,10 @@ TEST(AppDelegateLifecycle, ScanningStartsAgainWhenBluetoothIsBackOn) {
         int pauses;
     };
     const Case cases[] = {
+        {"started at once", 0, {}, 1, 1, 0},
+        {"three failed starts", 3, {}, 1, 4, 3},
+        {"started at the last try", 50, {}, 1, 51, 50},
+        {"never starts: the handler stays registered", -1, {}, 1, 51, 50},
         {"off and on again", 0, {"4", "5"}, 1, 2, 0},
         {"adapter gone, bluetoothd gone, back", 0, {"2", "0", "5"}, 1, 2, 0},
         {"on while scanning: nothing", 0, {"5"}, 1, 1, 0},
@@ -218,6 +208,9 @@ TEST(AppDelegateLifecycle, ScanningStartsAgainWhenBluetoothIsBackOn) {
         const auto& calls = rig.handlers.back()->calls;
         EXPECT_EQ(static_cast<size_t>(std::count(calls.begin(), calls.end(), true)), c.starts);
         EXPECT_EQ(rig.pauses, c.pauses);
+        if (c.events.empty()) {
+            EXPECT_EQ(rig.handlers[0]->delegate, &shell) << "registered even when scanning never started";
+        }
     }
 }
 
@@ -241,21 +234,16 @@ TEST(AppDelegateMenu, LayoutAndIcon) {
     };
     const QString sep = QStringLiteral("---"), about = QStringLiteral("About"), exit = QStringLiteral("Exit");
     const QString a = QStringLiteral("A"), b = QStringLiteral("B");
+    const QVariantList refs = twoReferenceEntries();
+    const QString& room = kBoardroom;
+    const QString& training = kTraining;
     const Case cases[] = {
         {"empty", {}, {}, {sep, about, exit}, false},
-        {"references only", twoReferenceEntries(), {}, {kBoardroom, kTraining, sep, about, exit}, false},
+        {"references only", refs, {}, {room, training, sep, about, exit}, false},
         {"one receiver", {}, {a}, {a, sep, about, exit}, true},
-        {"receiver above references",
-         twoReferenceEntries(),
-         {a},
-         {a, kBoardroom, kTraining, sep, about, exit},
-         true},
+        {"receiver above references", refs, {a}, {a, room, training, sep, about, exit}, true},
         {"unnamed leaves its gap", {}, {none, b}, {sep, b, about, exit}, true},
-        {"unnamed gap among references",
-         twoReferenceEntries(),
-         {none, b},
-         {kBoardroom, b, kTraining, sep, about, exit},
-         true},
+        {"unnamed gap among references", refs, {none, b}, {room, b, training, sep, about, exit}, true},
     };
     for (const Case& c : cases) {
         ShellRig rig;
@@ -281,13 +269,7 @@ TEST(AppDelegateMenu, MergeReplacesBySameIdentifierAndKeepsStrongestFirst) {
     ASSERT_EQ(shell.discoveredDeviceAry().size(), 2u);
     EXPECT_EQ(shell.discoveredDeviceAry()[0], newer);
     EXPECT_EQ(rig.menuRows().mid(0, 2), (QStringList{QStringLiteral("B2"), QStringLiteral("A")}));
-
-    // The dictionary carries exactly what the item has.
-    const ReceiverDictionary& top = shell.discoveredDevice()[0];
-    EXPECT_EQ(top, (ReceiverDictionary{{QStringLiteral("UUID"), uuidFor(2)},
-                                       {QStringLiteral("IP"), QStringLiteral("10.0.0.1")},
-                                       {QStringLiteral("LoginCode"), QStringLiteral("1234")},
-                                       {QStringLiteral("Device"), QStringLiteral("B2")}}));
+    EXPECT_EQ(shell.discoveredDevice()[0].value(QStringLiteral("Device")), QStringLiteral("B2"));
 }
 
 TEST(AppDelegateMenu, AgingBoundaryIsStrictlyMoreThanTwentySeconds) {
@@ -620,6 +602,7 @@ TEST(AppDelegateReferenceTable, DefaultSavedAndUnreadableFiles) {
     const QVariantList defaults = twoReferenceEntries();
     const QVariantList saved{
         QVariantMap{{QStringLiteral("Device"), QStringLiteral("Mine")}, {QStringLiteral("Seen"), qint64(3)}}};
+    const QByteArray broken("<plist><array><dict>");
     struct Case {
         const char* name;
         bool haveDefault;
@@ -634,13 +617,7 @@ TEST(AppDelegateReferenceTable, DefaultSavedAndUnreadableFiles) {
         {"no default: an empty table", false, AtPath::Nothing, {}, {}, {}, false},
         {"saved file replaces the default", true, AtPath::File, tableXml(saved), saved, saved, false},
         {"zero-entry saved file hides the default", true, AtPath::File, tableXml({}), {}, {}, false},
-        {"unreadable saved file is kept beside",
-         true,
-         AtPath::File,
-         QByteArray("<plist><array><dict>"),
-         {},
-         {},
-         true},
+        {"unreadable saved file is kept beside", true, AtPath::File, broken, {}, {}, true},
         // A link is neither read nor written through: its target stays as it was.
         {"link to a good table is kept beside", true, AtPath::Link, tableXml(saved), {}, {}, true},
         // Opening a FIFO for reading would wait for a writer for ever.

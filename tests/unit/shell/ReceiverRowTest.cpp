@@ -34,10 +34,33 @@ QString json(const QJsonObject& o) {
     return QString::fromUtf8(QJsonDocument(o).toJson(QJsonDocument::Compact));
 }
 
+ReceiverDictionary dictionary(std::initializer_list<std::pair<const char*, QString>> entries) {
+    ReceiverDictionary d;
+    for (const auto& [key, value] : entries) d.insert(QString::fromUtf8(key), value);
+    return d;
+}
+
+// The map D-Bus and --list --json carry; only live receivers have a reading and a time seen.
+QVariantMap viewMap(const QString& id, const QString& name, const QString& ip, const QString& code,
+                    std::optional<double> rssi) {
+    QVariantMap m{{QStringLiteral("identifier"), id},
+                  {QStringLiteral("name"), name},
+                  {QStringLiteral("ip"), ip},
+                  {QStringLiteral("loginCode"), code},
+                  {QStringLiteral("saved"), !rssi}};
+    if (rssi) {
+        m.insert(QStringLiteral("rssi"), *rssi);
+        m.insert(QStringLiteral("lastSeenMs"), kSeenMs);
+    }
+    return m;
+}
+
 // Every view of one receiver: what the connect action gets, what D-Bus and --list --json show,
 // what --scan --json shows and the terminal line.
 TEST(ReceiverRow, EveryViewOfLiveAndSavedReceivers) {
     auto time = std::make_shared<VirtualTime>();
+    const QString ip6 = QStringLiteral("10.0.0.6\n");
+    const QString blank(15, QLatin1Char(' '));
     struct Case {
         const char* what;
         ReceiverRow row;
@@ -50,48 +73,25 @@ TEST(ReceiverRow, EveryViewOfLiveAndSavedReceivers) {
         {"live, decoded",
          ReceiverRow::fromItem(
              *makeItem(time, {QStringLiteral("Room A"), QStringLiteral("10.0.0.5"), QStringLiteral("0102")})),
-         {{QStringLiteral("UUID"), kId},
-          {QStringLiteral("IP"), QStringLiteral("10.0.0.5")},
-          {QStringLiteral("LoginCode"), QStringLiteral("0102")},
-          {QStringLiteral("Device"), QStringLiteral("Room A")}},
-         {{QStringLiteral("identifier"), kId},
-          {QStringLiteral("name"), QStringLiteral("Room A")},
-          {QStringLiteral("ip"), QStringLiteral("10.0.0.5")},
-          {QStringLiteral("loginCode"), QStringLiteral("0102")},
-          {QStringLiteral("rssi"), -61.5},
-          {QStringLiteral("lastSeenMs"), kSeenMs},
-          {QStringLiteral("saved"), false}},
+         dictionary({{"UUID", kId},
+                     {"IP", QStringLiteral("10.0.0.5")},
+                     {"LoginCode", QStringLiteral("0102")},
+                     {"Device", QStringLiteral("Room A")}}),
+         viewMap(kId, QStringLiteral("Room A"), QStringLiteral("10.0.0.5"), QStringLiteral("0102"), -61.5),
          QStringLiteral(
              R"({"identifier":"%1","ip":"10.0.0.5","loginCode":"0102","name":"Room A","rssi":-61.5})")
              .arg(kId),
          QStringLiteral("Room A  10.0.0.5         0102      -61.5  ") + kId},
         {"live, nothing decoded yet, no reading",
          ReceiverRow::fromItem(*makeItem(time, {std::nullopt, std::nullopt, std::nullopt, 0})),
-         {{QStringLiteral("UUID"), kId}},
-         {{QStringLiteral("identifier"), kId},
-          {QStringLiteral("name"), QString()},
-          {QStringLiteral("ip"), QString()},
-          {QStringLiteral("loginCode"), QString()},
-          {QStringLiteral("rssi"), 0.0},
-          {QStringLiteral("lastSeenMs"), kSeenMs},
-          {QStringLiteral("saved"), false}},
+         dictionary({{"UUID", kId}}), viewMap(kId, {}, {}, {}, 0.0),
          QStringLiteral(R"({"identifier":"%1","ip":"","loginCode":"","name":"","rssi":0})").arg(kId),
-         QStringLiteral("        ") + QString(15, QLatin1Char(' ')) + QStringLiteral("  ") +
-             QString(8, QLatin1Char(' ')) + QStringLiteral("      -  ") + kId},
+         QStringLiteral("        ") + blank + QString(10, QLatin1Char(' ')) + QStringLiteral("      -  ") +
+             kId},
         {"live, hostile name: raw everywhere but on the terminal",
-         ReceiverRow::fromItem(
-             *makeItem(time, {kHostile, QStringLiteral("10.0.0.6\n"), QStringLiteral("9")})),
-         {{QStringLiteral("UUID"), kId},
-          {QStringLiteral("IP"), QStringLiteral("10.0.0.6\n")},
-          {QStringLiteral("LoginCode"), QStringLiteral("9")},
-          {QStringLiteral("Device"), kHostile}},
-         {{QStringLiteral("identifier"), kId},
-          {QStringLiteral("name"), kHostile},
-          {QStringLiteral("ip"), QStringLiteral("10.0.0.6\n")},
-          {QStringLiteral("loginCode"), QStringLiteral("9")},
-          {QStringLiteral("rssi"), -61.5},
-          {QStringLiteral("lastSeenMs"), kSeenMs},
-          {QStringLiteral("saved"), false}},
+         ReceiverRow::fromItem(*makeItem(time, {kHostile, ip6, QStringLiteral("9")})),
+         dictionary({{"UUID", kId}, {"IP", ip6}, {"LoginCode", QStringLiteral("9")}, {"Device", kHostile}}),
+         viewMap(kId, kHostile, ip6, QStringLiteral("9"), -61.5),
          QStringLiteral(R"({"identifier":"%1","ip":"10.0.0.6\n","loginCode":"9","name":"Aula\u001b]0;x\u0007)"
                         "\u202e\",\"rssi\":-61.5}")
              .arg(kId),
@@ -101,27 +101,18 @@ TEST(ReceiverRow, EveryViewOfLiveAndSavedReceivers) {
                                  {QStringLiteral("IP"), QStringLiteral("10.9.9.9")},
                                  {QStringLiteral("WiFiKey"), QStringLiteral("secret")},
                                  {QStringLiteral("Rooms"), QVariantList{1, 2}}}),
-         {{QStringLiteral("IP"), QStringLiteral("10.9.9.9")},
-          {QStringLiteral("Device"), QStringLiteral("Lab")},
-          {QStringLiteral("WiFiKey"), QStringLiteral("secret")}},
-         {{QStringLiteral("identifier"), QString()},
-          {QStringLiteral("name"), QStringLiteral("Lab")},
-          {QStringLiteral("ip"), QStringLiteral("10.9.9.9")},
-          {QStringLiteral("loginCode"), QString()},
-          {QStringLiteral("saved"), true}},
+         dictionary({{"IP", QStringLiteral("10.9.9.9")},
+                     {"Device", QStringLiteral("Lab")},
+                     {"WiFiKey", QStringLiteral("secret")}}),
+         viewMap({}, QStringLiteral("Lab"), QStringLiteral("10.9.9.9"), {}, std::nullopt),
          QStringLiteral(R"({"identifier":"","ip":"10.9.9.9","loginCode":"","name":"Lab","rssi":0})"),
          QStringLiteral("Lab     10.9.9.9                       -  (saved)")},
         {"saved without a name",
          ReceiverRow::fromSaved({{QStringLiteral("LoginCode"), QStringLiteral("77")}}),
-         {{QStringLiteral("LoginCode"), QStringLiteral("77")}},
-         {{QStringLiteral("identifier"), QString()},
-          {QStringLiteral("name"), QString()},
-          {QStringLiteral("ip"), QString()},
-          {QStringLiteral("loginCode"), QStringLiteral("77")},
-          {QStringLiteral("saved"), true}},
+         dictionary({{"LoginCode", QStringLiteral("77")}}),
+         viewMap({}, {}, {}, QStringLiteral("77"), std::nullopt),
          QStringLiteral(R"({"identifier":"","ip":"","loginCode":"77","name":"","rssi":0})"),
-         QStringLiteral("        ") + QString(15, QLatin1Char(' ')) +
-             QStringLiteral("  77            -  (saved)")},
+         QStringLiteral("        ") + blank + QStringLiteral("  77            -  (saved)")},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.what);

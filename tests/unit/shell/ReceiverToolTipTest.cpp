@@ -2,13 +2,12 @@
 
 #include <gtest/gtest.h>
 
-#include "ShellFakes.h"
+#include <QStringList>
+
 #include "dispatch/ManualQueue.h"
 
 namespace lumerix {
 namespace {
-
-using shelltest::ShellRig;
 
 TEST(ReceiverToolTip, TextListsNameSignalAndAge) {
     using Line = ReceiverToolTip::Line;
@@ -83,18 +82,6 @@ TEST(ReceiverToolTip, PushesAtMostOnceASecondAndTicksOnlyWhileListed) {
         << "no state reported yet";
     time.advance(10000);
     EXPECT_EQ(pushes.size(), 6u) << "no ticking with nothing listed";
-}
-
-TEST(ReceiverToolTip, TheShellShowsItsListedReceiversOnTheItem) {
-    ShellRig rig;
-    rig.launch();
-    rig.discover({QStringLiteral("00000000-0000-0000-0000-000000000001"), -57, QStringLiteral("Boardroom")});
-    rig.discover({QStringLiteral("00000000-0000-0000-0000-000000000002"), -70, std::nullopt});
-    rig.time->advance(2000);
-    const auto& tips = rig.statusBar->item->toolTips;
-    ASSERT_FALSE(tips.empty());
-    EXPECT_EQ(tips.back(), QStringLiteral("Lumerix\nBoardroom \u2014 \u221257 dBm, 2 s ago"))
-        << "unnamed receivers are left out, as in the menu";
 }
 
 }  // namespace

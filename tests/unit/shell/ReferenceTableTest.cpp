@@ -32,6 +32,13 @@ constexpr char kAllTypes[] = R"(<?xml version="1.0" encoding="UTF-8"?>
 </plist>
 )";
 
+QString writeFile(const QString& path, const QByteArray& bytes) {
+    QFile f(path);
+    EXPECT_TRUE(f.open(QIODevice::WriteOnly));
+    f.write(bytes);
+    return path;
+}
+
 void expectAllTypes(const QVariantList& table) {
     ASSERT_EQ(table.size(), 1);
     const QVariantMap e = table[0].toMap();
@@ -60,12 +67,8 @@ void expectAllTypes(const QVariantList& table) {
 TEST(ReferenceTable, ReadsEveryValueTypeAndWritesItBackUnchanged) {
     QTemporaryDir dir;
     ASSERT_TRUE(dir.isValid());
-    const QString in = dir.filePath(QStringLiteral("in.plist"));
+    const QString in = writeFile(dir.filePath(QStringLiteral("in.plist")), kAllTypes);
     const QString out = dir.filePath(QStringLiteral("out.plist"));
-    QFile f(in);
-    ASSERT_TRUE(f.open(QIODevice::WriteOnly));
-    f.write(kAllTypes);
-    f.close();
 
     const auto first = ReferenceTable::arrayWithContentsOfFile(in);
     ASSERT_TRUE(first);
@@ -146,11 +149,7 @@ TEST(ReferenceTable, HostileDocumentsAreRefusedBeforeParsing) {
         {"binary a cycle", binaryPlist({QByteArray("\xA1\x01"), QByteArray("\xA1\x00")}), false},
         {"binary sharing within bounds", binaryDoubling(10), true},
         {"binary sharing past a million values", binaryDoubling(40), false},
-        {"binary string with a zero",
-         binaryPlist({QByteArray("\x53"
-                                 "a\0b",
-                                 4)}),
-         false},
+        {"binary string with a zero", binaryPlist({QByteArray::fromHex("53610062")}), false},  // "a\0b"
         {"binary UTF-16 key with a zero",
          binaryPlist({QByteArray("\xD1\x01\x02"), QByteArray("\x62\0a\0\0", 5), QByteArray::fromHex("5178")}),
          false},
@@ -168,11 +167,7 @@ TEST(ReferenceTable, HostileDocumentsAreRefusedBeforeParsing) {
 TEST(ReferenceTable, ReadsRegularFilesOnly) {
     QTemporaryDir dir;
     ASSERT_TRUE(dir.isValid());
-    const QString good = dir.filePath(QStringLiteral("good.plist"));
-    QFile f(good);
-    ASSERT_TRUE(f.open(QIODevice::WriteOnly));
-    f.write(kAllTypes);
-    f.close();
+    const QString good = writeFile(dir.filePath(QStringLiteral("good.plist")), kAllTypes);
     const QString link = dir.filePath(QStringLiteral("link.plist"));
     ASSERT_TRUE(QFile::link(good, link));
     const QString zero = dir.filePath(QStringLiteral("zero.plist"));
@@ -215,11 +210,7 @@ TEST(ReferenceTable, WritesANewPrivateFileOverWhateverIsThere) {
     ASSERT_TRUE(dir.isValid());
     const QVariantList table{QVariantMap{{QStringLiteral("Device"), QStringLiteral("Mine")}}};
     const QString path = dir.filePath(QStringLiteral("ReferenceTable.plist"));
-    const QString victim = dir.filePath(QStringLiteral("victim"));
-    QFile v(victim);
-    ASSERT_TRUE(v.open(QIODevice::WriteOnly));
-    v.write("not yours");
-    v.close();
+    const QString victim = writeFile(dir.filePath(QStringLiteral("victim")), "not yours");
     ASSERT_TRUE(QFile::link(victim, path));
 
     ASSERT_TRUE(ReferenceTable::writeToFile(table, path));
@@ -227,6 +218,7 @@ TEST(ReferenceTable, WritesANewPrivateFileOverWhateverIsThere) {
     ASSERT_EQ(::lstat(QFile::encodeName(path).constData(), &st), 0);
     EXPECT_TRUE(S_ISREG(st.st_mode));
     EXPECT_EQ(st.st_mode & 0777, 0600u);
+    QFile v(victim);
     ASSERT_TRUE(v.open(QIODevice::ReadOnly));
     EXPECT_EQ(v.readAll(), QByteArray("not yours"));
     EXPECT_EQ(ReferenceTable::arrayWithContentsOfFile(path), table);
