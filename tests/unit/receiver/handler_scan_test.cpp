@@ -12,17 +12,16 @@ namespace lumerix::test {
 namespace {
 
 const QByteArray kRoomA = makeLumerixRecord(kSegmentSingle, {10, 0, 0, 5}, 12, 34, "Room A");
-QString deviceId(int n) { return HandlerHarness::deviceId(n); }
 
 TEST(HandlerFilter, OnlyTheExactLocalNameLX) {
     const std::vector<std::optional<QString>> refused{QStringLiteral("lx"), QStringLiteral("LXX"),
                                                       QStringLiteral("LX "), QString(), std::nullopt};
     HandlerHarness h;
     for (size_t i = 0; i < refused.size(); ++i)
-        h.advertise(deviceId(static_cast<int>(i)), -50, kRoomA, refused[i]);
+        h.advertise(HandlerHarness::deviceId(static_cast<int>(i)), -50, kRoomA, refused[i]);
     EXPECT_TRUE(h.handler->discoveredDeviceInfo().isEmpty());
     EXPECT_TRUE(h.delegate.events("discover").empty());
-    h.advertise(deviceId(9), -50, kRoomA);
+    h.advertise(HandlerHarness::deviceId(9), -50, kRoomA);
     EXPECT_EQ(h.handler->discoveredDeviceInfo().size(), 1);
 }
 
@@ -34,10 +33,10 @@ TEST(HandlerBatch, ABurstIsOneEvaluationTaskAndReachesTheDelegateCompleteAndInOr
     for (int i = 0; i < 10000; ++i) {
         const int device = i % 50;
         const bool lx = i % 5 != 0;
-        burst.push_back({h.central().peripheral(deviceId(device)),
+        burst.push_back({h.central().peripheral(HandlerHarness::deviceId(device)),
                          AdvertisementData{lx ? QStringLiteral("LX") : QStringLiteral("Phone"), kRoomA},
                          -40.0 - (i % 50)});
-        if (lx) expected.push_back(deviceId(device));
+        if (lx) expected.push_back(HandlerHarness::deviceId(device));
     }
     ASSERT_EQ(h.time->pendingCount(), 0u);
     h.handler->centralManagerDidDiscoverPeripherals(burst);
@@ -55,13 +54,13 @@ TEST(HandlerBatch, ABurstIsOneEvaluationTaskAndReachesTheDelegateCompleteAndInOr
 TEST(HandlerTable, OneItemPerIdentifierKeepingTheLastTenAdvertisements) {
     HandlerHarness h;
     for (int i = 0; i < 12; ++i)
-        h.advertise(deviceId(7), -40 - i,
+        h.advertise(HandlerHarness::deviceId(7), -40 - i,
                     makeLumerixRecord(kSegmentSingle, {10, 0, 0, static_cast<uint8_t>(i)}, 1, 2, "Room"));
-    h.advertise(deviceId(7), kRssiNoReading,
+    h.advertise(HandlerHarness::deviceId(7), kRssiNoReading,
                 kRoomA);  // "no reading": kept as an advertisement, not as a sample
 
     ASSERT_EQ(h.handler->discoveredDeviceInfo().size(), 1);
-    auto item = h.item(deviceId(7));
+    auto item = h.item(HandlerHarness::deviceId(7));
     EXPECT_EQ(item->advertisedDataList()->count(), 10u);
     EXPECT_EQ(item->aveRssi(), -51.0);
     EXPECT_EQ(item->ipAddress().value_or(QString()), QStringLiteral("10.0.0.5"));
@@ -90,16 +89,16 @@ TEST(ClosestRule, Announcements) {
         HandlerHarness h;
         for (const auto& [device, rssi] : c.steps) {
             if (std::isnan(rssi)) {
-                h.item(deviceId(device))->addNewRssi(rssi);
-                h.handler->compareClosestItemWithItem(h.item(deviceId(device)));
+                h.item(HandlerHarness::deviceId(device))->addNewRssi(rssi);
+                h.handler->compareClosestItemWithItem(h.item(HandlerHarness::deviceId(device)));
             } else {
-                h.advertise(deviceId(device), rssi);
+                h.advertise(HandlerHarness::deviceId(device), rssi);
             }
         }
         std::vector<int> announced;
         for (const auto& e : h.delegate.events("closest")) {
             for (int d = 0; d < 5; ++d)
-                if (e.item == h.item(deviceId(d))) announced.push_back(d);
+                if (e.item == h.item(HandlerHarness::deviceId(d))) announced.push_back(d);
             EXPECT_EQ(e.queue, QVLumerixHandler::kEvaluateQueueLabel);
         }
         EXPECT_EQ(announced, c.announced);
@@ -109,7 +108,7 @@ TEST(ClosestRule, Announcements) {
 TEST(ClosestRule, NeedsPowerOnAndIsResetAtEveryScanStart) {
     HandlerHarness h;
     ASSERT_TRUE(h.handler->scanForLumerixService(true));
-    h.advertise(deviceId(1), -40);
+    h.advertise(HandlerHarness::deviceId(1), -40);
     EXPECT_TRUE(h.handler->hasClosestItem());
     h.central().setState(BleStatePoweredOff);
     h.run();
@@ -119,8 +118,8 @@ TEST(ClosestRule, NeedsPowerOnAndIsResetAtEveryScanStart) {
     h.run();
     ASSERT_TRUE(h.handler->scanForLumerixService(true));
     EXPECT_EQ(h.handler->closestPeer(), nullptr);
-    h.advertise(deviceId(2), -90);
-    EXPECT_EQ(h.handler->closestPeer(), h.item(deviceId(2)));
+    h.advertise(HandlerHarness::deviceId(2), -90);
+    EXPECT_EQ(h.handler->closestPeer(), h.item(HandlerHarness::deviceId(2)));
 }
 
 TEST(HandlerScan, StartAndStopNeedPowerOn) {
@@ -138,7 +137,7 @@ TEST(HandlerScan, StartAndStopNeedPowerOn) {
     for (const auto& c : cases) {
         SCOPED_TRACE(testing::Message() << c.state << " start " << c.start);
         HandlerHarness h;
-        h.advertise(deviceId(1), -50, kRoomA);
+        h.advertise(HandlerHarness::deviceId(1), -50, kRoomA);
         h.central().setState(c.state);
         h.run();
         EXPECT_EQ(h.handler->scanForLumerixService(c.start), c.result);
@@ -180,7 +179,7 @@ TEST(HandlerScan, RescanEveryFifteenSecondsUntilPowerGoesOff) {
 
 TEST(HandlerNotifications, EachCallbackArrivesOnItsQueue) {
     HandlerHarness h;
-    h.advertise(deviceId(1), -50, kRoomA);
+    h.advertise(HandlerHarness::deviceId(1), -50, kRoomA);
     h.central().setState(BleStatePoweredOff);
     h.handler->scanningQueue()->async([&] { h.handler->triggerOnError(kBleErrorConnectionFailed); });
     h.run();
@@ -198,11 +197,12 @@ TEST(HandlerNotifications, EachCallbackArrivesOnItsQueue) {
 TEST(HandlerLifetime, QueuedWorkDoesNotKeepTheHandlerAlive) {
     HandlerHarness h;
     ASSERT_TRUE(h.handler->scanForLumerixService(true));
-    h.advertise(deviceId(1), -50, kRoomA);
-    auto item = h.item(deviceId(1));
+    h.advertise(HandlerHarness::deviceId(1), -50, kRoomA);
+    auto item = h.item(HandlerHarness::deviceId(1));
     std::weak_ptr<QVLumerixHandler> weak = h.handler;
     // Work in flight on every queue, then the last owner lets go.
-    h.central().injectAdvertisement(deviceId(1), AdvertisementData{QStringLiteral("LX"), kRoomA}, -50);
+    h.central().injectAdvertisement(HandlerHarness::deviceId(1),
+                                    AdvertisementData{QStringLiteral("LX"), kRoomA}, -50);
     h.handler->setDelegate(nullptr);
     h.handler.reset();
     EXPECT_TRUE(weak.expired());
