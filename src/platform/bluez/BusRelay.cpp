@@ -15,6 +15,7 @@ namespace lumerix {
 namespace {
 
 constexpr size_t kReadChunk = size_t(64) * 1024;
+constexpr size_t kReadAhead = size_t(256) * 1024;
 constexpr const char* kDefaultSystemBus = "unix:path=/run/dbus/system_bus_socket";
 
 QString systemError(int e) { return QString::fromLocal8Bit(std::strerror(e)); }
@@ -125,12 +126,20 @@ BusRelay::~BusRelay() {
 }
 
 int BusRelay::fill() {
+    // What was handled goes; what is left is the start of a message at most.
+    if (start_ > 0) {
+        buffer_.erase(buffer_.begin(), buffer_.begin() + static_cast<std::ptrdiff_t>(start_));
+        start_ = 0;
+    }
     int total = 0;
     for (;;) {
-        if (start_ > 0 && start_ == buffer_.size()) {
-            buffer_.clear();
-            start_ = 0;
-        }
+        // Enough for a pass is read ahead, unless the first message is longer still; the rest waits
+        // in the socket (and, beyond it, in the bus daemon's queue).
+        size_t length = 0;
+        if (buffer_.size() >= kReadAhead &&
+            (!authenticated_ || passthrough_ ||
+             buswire::frame(buffer_.data(), buffer_.size(), &length) != buswire::Frame::kIncomplete))
+            return total;
         const size_t used = buffer_.size();
         buffer_.resize(used + kReadChunk);
         const ssize_t n = ::recv(socket_, buffer_.data() + used, kReadChunk, MSG_DONTWAIT);
