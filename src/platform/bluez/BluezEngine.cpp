@@ -35,9 +35,12 @@ BluezEngine::BluezEngine(BleCentralDelegate* delegate, const std::shared_ptr<Blu
     discovery_.boost();
 }
 
-BluezEngine::~BluezEngine() {
+BluezEngine::~BluezEngine() { closeBus(); }
+
+void BluezEngine::closeBus() {
     // Slots first, then the connection: closing it also ends any discovery session bluetoothd
-    // keeps for it, and drops calls still waiting for their replies.
+    // keeps for it, and drops calls still waiting for their replies. It leaves the loop before it
+    // goes: the loop must not keep sources of a freed connection.
     discovery_.setBus(nullptr);
     gatt_.setBus(nullptr);
     cache_.detach();
@@ -231,14 +234,7 @@ void BluezEngine::detachBus() {
 
 void BluezEngine::dropBus(const char* why) {
     Log::logf("BluezCentral: the system bus connection failed: %s", why);
-    discovery_.setBus(nullptr);
-    gatt_.setBus(nullptr);
-    cache_.detach();
-    // Off the loop before it goes: the loop must not keep sources of a freed connection.
-    detachBus();
-    relaySource_.reset();
-    bus_.reset();
-    relay_.reset();
+    closeBus();
     cache_.bluezGone();
     reconnectLater();
 }
@@ -276,8 +272,7 @@ void BluezEngine::start() {
         return;
     }
     if (!attachBus()) {
-        bus_.reset();
-        relay_.reset();
+        closeBus();
         cache_.settleWithoutBus();
         reconnectLater();
         return;

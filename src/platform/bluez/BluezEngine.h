@@ -90,6 +90,8 @@ private:
     void reconnectLater();
     // The connection failed: everything made from it goes, and a new one is tried later.
     void dropBus(const char* why);
+    // Everything made from the connection goes, then the connection.
+    void closeBus();
     bool attachBus();
     void detachBus();
     // Processes what is waiting, at most kMaxMessagesPerDrain messages; returns how many steps
