@@ -127,12 +127,7 @@ bool Device1::readChanges(sd_bus_message* m, bool ignored, Advertisement* advert
                         .arg(best, 4, 16, QLatin1Char('0'))
                         .arg(QString::fromStdString(bestType));
             } else if (any) {
-                QByteArray record;
-                record.reserve(static_cast<qsizetype>(size) + 2);
-                record.append(static_cast<char>(best & 0xFF));
-                record.append(static_cast<char>(best >> 8));
-                record.append(static_cast<const char*>(bytes), static_cast<qsizetype>(size));
-                advertisement->manufacturerData = std::move(record);
+                advertisement->manufacturerData = manufacturerRecord(best, bytes, size);
             }
         } else if (ignored && isAdvertisementProperty(key)) {
             if (sd_bus_message_skip(m, "v") < 0) return false;

@@ -6,6 +6,8 @@
 #include <QString>
 #include <QStringList>
 #include <QVariantMap>
+#include <cstddef>
+#include <cstdint>
 #include <optional>
 
 namespace lumerix {
@@ -29,6 +31,17 @@ struct BluezAdapterProperties {
     // Applies a PropertiesChanged (or a snapshot's properties); returns what was refused.
     QStringList apply(const QVariantMap& changed, const QStringList& invalidated = {});
 };
+
+// A ManufacturerData record as the program keeps it: the company identifier (little-endian), then
+// the value's bytes.
+inline QByteArray manufacturerRecord(uint16_t company, const void* bytes, size_t size) {
+    QByteArray record;
+    record.reserve(static_cast<qsizetype>(size) + 2);
+    record.append(static_cast<char>(company & 0xFF));
+    record.append(static_cast<char>(company >> 8));
+    record.append(static_cast<const char*>(bytes), static_cast<qsizetype>(size));
+    return record;
+}
 
 // RSSI and ManufacturerData of one report, as the Device1 reader takes them off the wire.
 struct BluezAdvertisement {

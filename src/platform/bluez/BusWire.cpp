@@ -177,12 +177,7 @@ bool readManufacturerData(Reader& r, std::optional<QByteArray>* out) {
     if (r.pos() != end) return false;
     out->reset();
     if (!any) return true;
-    QByteArray record;
-    record.reserve(static_cast<qsizetype>(size) + 2);
-    record.append(static_cast<char>(best & 0xFF));
-    record.append(static_cast<char>(best >> 8));
-    record.append(reinterpret_cast<const char*>(bytes), static_cast<qsizetype>(size));
-    *out = std::move(record);
+    *out = manufacturerRecord(best, bytes, size);
     return true;
 }
 
